@@ -1,0 +1,73 @@
+#include "app/main_loop.h"
+
+#include <iostream>
+#include <string>
+
+#include "app/commands.h"
+#include "app/console_ops.h"
+#include "platform/com.h"
+#include "platform/console.h"
+
+void ShowMainMenu() {
+    PlaceConsoleWindow();
+    ClearScreen();
+    std::cout
+        << kSeparatorLine << g_vendorPrefix
+        << "Lynx Windows Device Firmware Update Tool for Vantrel Optyra Technology Main Menu\n"
+        << "1: Update Camera Device.\n"
+        << "2: Show camera devices that can be upgraded.\n"
+        << "3: Recover devices stuck in Upgrade Mode.\n"
+        << "4: Show connected camera device details.\n"
+        << "5: Configure Lynx Series Windows Device Firmware Update Tool Settings (Can run "
+           "with or without camera device connected).\n"
+        << "Q: Quit\n"
+        << "? ";
+    std::cout.flush();
+}
+
+int RunLynxDfu() {
+    platform::InitConsole();
+    CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+    ClearScreen();
+
+    bool running = true;
+    while (running) {
+        ShowMainMenu();
+        const std::string line = ReadLine();
+        ClearScreen();
+        if (line.empty()) {
+            // With the input gone every answer would be empty: leave as Q would.
+            if (InputEnded()) running = false;
+            continue;
+        }
+        switch (line[0]) {
+            case '1':
+                UpdateCameraDevice();
+                Pause();
+                break;
+            case '2':
+                ShowDevicesList(false, true, "Updatable Devices List");
+                Pause();
+                break;
+            case '3':
+                RecoverDfuDevices();
+                Pause();
+                break;
+            case '4':
+                ShowSettingsMenu();
+                break;
+            case '5':
+                ConfigureDfuMode();
+                Pause();
+                break;
+            case 'Q':
+            case 'q':
+                running = false;
+                break;
+            default:
+                break;
+        }
+    }
+    std::cout.flush();
+    return 0;
+}

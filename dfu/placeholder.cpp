@@ -1,0 +1,2 @@
+// Until the first sources of this layer land.
+namespace {}

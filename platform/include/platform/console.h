@@ -1,0 +1,32 @@
+// Console operations: clearing, pausing, the window placement and the wide output stream.
+#pragma once
+
+#include <ostream>
+
+#include "platform/types.h"
+
+#ifdef _WIN32
+#include <windows.h>
+#else
+#define HWND_TOP (static_cast<HWND>(nullptr))
+HWND GetConsoleWindow();
+BOOL SetWindowPos(HWND window, HWND insertAfter, int x, int y, int cx, int cy, UINT flags);
+#endif
+
+namespace platform {
+
+// Prepares the console for narrow and wide output in one stream (called once by main).
+void InitConsole();
+
+// Windows: the command interpreter's "cls". POSIX: ANSI clear when stdout is a terminal.
+void ClearConsole();
+
+// Windows: the command interpreter's "pause". POSIX: the prompt, then one key (terminal)
+// or one line (pipe) of standard input.
+void PauseConsole();
+
+// The wide standard output. It converts to UTF-8 and writes through std::cout, so narrow and
+// wide writes keep their order on every target.
+std::wostream& WideOut();
+
+}  // namespace platform

@@ -1,0 +1,49 @@
+// Handles of the POSIX platform layer: every HANDLE points at a KernelObject.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+
+#include "platform/types.h"
+
+namespace platform::posix {
+
+class KernelObject {
+  public:
+    virtual ~KernelObject() = default;
+
+    void Ref() { refs_.fetch_add(1, std::memory_order_relaxed); }
+    // Takes a reference unless the object is already on its way out.
+    bool TryRef() {
+        int count = refs_.load(std::memory_order_relaxed);
+        while (count > 0) {
+            if (refs_.compare_exchange_weak(count, count + 1, std::memory_order_acq_rel))
+                return true;
+        }
+        return false;
+    }
+    // Drops one reference; the last one destroys the object.
+    void Unref() {
+        if (refs_.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
+    }
+
+    // WaitForSingleObject on this object: true when signalled within the real-time limit.
+    // Objects that cannot be waited on fail the wait.
+    virtual DWORD Wait(std::chrono::nanoseconds /*limit*/, bool /*infinite*/) {
+        return WAIT_FAILED;
+    }
+
+  private:
+    std::atomic<int> refs_{1};
+};
+
+inline HANDLE ToHandle(KernelObject* object) {
+    return static_cast<HANDLE>(object);
+}
+// Null for null and INVALID_HANDLE_VALUE.
+KernelObject* FromHandle(HANDLE handle);
+
+// World milliseconds as real time on the installed backend's clock.
+std::chrono::nanoseconds WorldToReal(DWORD milliseconds);
+
+}  // namespace platform::posix

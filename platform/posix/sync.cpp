@@ -1,0 +1,162 @@
+// Events, waits and the clock over the installed backend's time scale.
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <map>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "platform/posix/device_backend.h"
+#include "platform/posix/kernel_object.h"
+#include "platform/sync.h"
+
+namespace platform::posix {
+namespace {
+
+class Event;
+
+// Named events are one object per name while any handle to them is open, as on Windows.
+std::mutex namesMutex;
+std::map<std::wstring, Event*>& Names() {
+    static std::map<std::wstring, Event*> names;
+    return names;
+}
+
+class Event final : public KernelObject {
+  public:
+    Event(bool manualReset, bool signalled, std::wstring name)
+        : manualReset_(manualReset), signalled_(signalled), name_(std::move(name)) {}
+
+    ~Event() override {
+        if (name_.empty()) return;
+        std::lock_guard lock(namesMutex);
+        auto it = Names().find(name_);
+        if (it != Names().end() && it->second == this) Names().erase(it);
+    }
+
+    void Set() {
+        {
+            std::lock_guard lock(mutex_);
+            signalled_ = true;
+        }
+        cv_.notify_all();
+    }
+
+    void Reset() {
+        std::lock_guard lock(mutex_);
+        signalled_ = false;
+    }
+
+    DWORD Wait(std::chrono::nanoseconds limit, bool infinite) override {
+        std::unique_lock lock(mutex_);
+        if (infinite) {
+            cv_.wait(lock, [&] { return signalled_; });
+        } else if (!cv_.wait_for(lock, limit, [&] { return signalled_; })) {
+            return WAIT_TIMEOUT;
+        }
+        if (!manualReset_) signalled_ = false;
+        return WAIT_OBJECT_0;
+    }
+
+  private:
+    std::mutex mutex_;
+    std::condition_variable cv_;
+    const bool manualReset_;
+    bool signalled_;
+    const std::wstring name_;
+};
+
+}  // namespace
+
+KernelObject* FromHandle(HANDLE handle) {
+    if (handle == nullptr || handle == INVALID_HANDLE_VALUE) return nullptr;
+    return static_cast<KernelObject*>(handle);
+}
+
+std::chrono::nanoseconds WorldToReal(DWORD milliseconds) {
+    const unsigned scale = std::max(1u, Backend().TimeScale());
+    return std::chrono::nanoseconds(std::chrono::milliseconds(milliseconds)) / scale;
+}
+
+namespace {
+Event* EventFromHandle(HANDLE handle) {
+    return dynamic_cast<Event*>(FromHandle(handle));
+}
+
+const std::chrono::steady_clock::time_point& ClockStart() {
+    static const auto start = std::chrono::steady_clock::now();
+    return start;
+}
+}  // namespace
+
+}  // namespace platform::posix
+
+using platform::posix::Event;
+using platform::posix::EventFromHandle;
+using platform::posix::FromHandle;
+
+HANDLE CreateEventW(LPSECURITY_ATTRIBUTES, BOOL manualReset, BOOL initialState, LPCWSTR name) {
+    std::wstring objectName = name ? name : L"";
+    if (!objectName.empty()) {
+        std::lock_guard lock(platform::posix::namesMutex);
+        auto& names = platform::posix::Names();
+        if (auto it = names.find(objectName); it != names.end() && it->second->TryRef()) {
+            return platform::posix::ToHandle(it->second);
+        }
+        auto* event = new Event(manualReset != FALSE, initialState != FALSE, objectName);
+        names[objectName] = event;
+        return platform::posix::ToHandle(event);
+    }
+    return platform::posix::ToHandle(new Event(manualReset != FALSE, initialState != FALSE, {}));
+}
+
+BOOL SetEvent(HANDLE event) {
+    Event* object = EventFromHandle(event);
+    if (!object) {
+        SetLastError(ERROR_INVALID_HANDLE);
+        return FALSE;
+    }
+    object->Set();
+    return TRUE;
+}
+
+BOOL ResetEvent(HANDLE event) {
+    Event* object = EventFromHandle(event);
+    if (!object) {
+        SetLastError(ERROR_INVALID_HANDLE);
+        return FALSE;
+    }
+    object->Reset();
+    return TRUE;
+}
+
+DWORD WaitForSingleObject(HANDLE handle, DWORD milliseconds) {
+    auto* object = FromHandle(handle);
+    if (!object) {
+        SetLastError(ERROR_INVALID_HANDLE);
+        return WAIT_FAILED;
+    }
+    return object->Wait(platform::posix::WorldToReal(milliseconds), milliseconds == INFINITE);
+}
+
+BOOL CloseHandle(HANDLE handle) {
+    auto* object = FromHandle(handle);
+    if (!object) {
+        SetLastError(ERROR_INVALID_HANDLE);
+        return FALSE;
+    }
+    object->Unref();
+    return TRUE;
+}
+
+void Sleep(DWORD milliseconds) {
+    std::this_thread::sleep_for(platform::posix::WorldToReal(milliseconds));
+}
+
+ULONGLONG GetTickCount64() {
+    const auto real = std::chrono::steady_clock::now() - platform::posix::ClockStart();
+    const auto us = std::chrono::duration_cast<std::chrono::microseconds>(real).count();
+    const unsigned scale = std::max(1u, platform::Backend().TimeScale());
+    return static_cast<ULONGLONG>(us) * scale / 1000u;
+}

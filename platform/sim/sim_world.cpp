@@ -1,0 +1,246 @@
+#include "platform/sim/sim_world.h"
+
+#include <algorithm>
+#include <cwctype>
+
+namespace sim {
+namespace {
+
+const std::wstring kServiceKey = L"system\\currentcontrolset\\services\\optyracameradfu";
+const std::wstring kAutoModeValue = L"dfuautomode";
+constexpr std::uint32_t kRegSz = 1;
+
+std::wstring Lower(std::wstring text) {
+    for (auto& ch : text) ch = static_cast<wchar_t>(std::towlower(static_cast<wint_t>(ch)));
+    return text;
+}
+
+std::vector<std::uint8_t> Utf16Bytes(const std::wstring& text) {
+    std::vector<std::uint8_t> bytes;
+    for (wchar_t ch : text) {
+        const auto unit = static_cast<std::uint32_t>(ch);
+        bytes.push_back(static_cast<std::uint8_t>(unit & 0xFF));
+        bytes.push_back(static_cast<std::uint8_t>((unit >> 8) & 0xFF));
+    }
+    return bytes;
+}
+
+std::string Utf16BytesToUtf8(const std::vector<std::uint8_t>& bytes) {
+    std::wstring text;
+    for (std::size_t i = 0; i + 1 < bytes.size(); i += 2) {
+        text.push_back(static_cast<wchar_t>(bytes[i] | (bytes[i + 1] << 8)));
+    }
+    return Narrow(text);
+}
+
+}  // namespace
+
+std::uint32_t Crc32(std::uint32_t crc, const std::uint8_t* data, std::size_t length) {
+    static const auto table = [] {
+        std::array<std::uint32_t, 256> t{};
+        for (std::uint32_t i = 0; i < 256; ++i) {
+            std::uint32_t c = i;
+            for (int k = 0; k < 8; ++k) c = (c & 1) ? 0xEDB88320u ^ (c >> 1) : c >> 1;
+            t[i] = c;
+        }
+        return t;
+    }();
+    crc = ~crc;
+    for (std::size_t i = 0; i < length; ++i) crc = table[(crc ^ data[i]) & 0xFF] ^ (crc >> 8);
+    return ~crc;
+}
+
+SimWorld::SimWorld(WorldSpec spec) : spec_(std::move(spec)) {
+    for (std::size_t i = 0; i < spec_.cameras.size(); ++i) {
+        cameras_.push_back(
+            std::make_unique<SimCamera>(*this, spec_.cameras[i], static_cast<int>(i)));
+    }
+    for (const auto& dfu : spec_.dfuDevices) {
+        dfuDevices_.push_back(std::make_shared<SimDfuDevice>(*this, dfu, -1));
+    }
+    if (spec_.registry.dfuAutoMode) {
+        registry_[kServiceKey][kAutoModeValue] = {kRegSz, Utf16Bytes(*spec_.registry.dfuAutoMode)};
+    }
+    eventThread_ = std::thread([this] { RunEvents(); });
+}
+
+SimWorld::~SimWorld() {
+    {
+        std::lock_guard lock(eventMutex_);
+        stopping_ = true;
+    }
+    eventCv_.notify_all();
+    eventThread_.join();
+}
+
+void SimWorld::Schedule(std::uint32_t delayMs, std::function<void()> action) {
+    const auto due = std::chrono::steady_clock::now() +
+                     std::chrono::nanoseconds(std::chrono::milliseconds(delayMs)) / spec_.speedup;
+    {
+        std::lock_guard lock(eventMutex_);
+        tasks_.push(Task{due, nextSequence_++, std::move(action)});
+    }
+    eventCv_.notify_all();
+}
+
+void SimWorld::PostUsbEvent(platform::UsbEvent event, std::wstring interfacePath) {
+    {
+        std::lock_guard lock(eventMutex_);
+        tasks_.push(Task{std::chrono::steady_clock::time_point::min(), nextSequence_++,
+                         [this, event, path = std::move(interfacePath)] {
+                             std::lock_guard callbackLock(callbackMutex_);
+                             std::vector<platform::UsbEventCallback> callbacks;
+                             {
+                                 std::lock_guard subscribersLock(subscribersMutex_);
+                                 for (const auto& [id, callback] : subscribers_) {
+                                     callbacks.push_back(callback);
+                                 }
+                             }
+                             for (const auto& callback : callbacks) callback(event, path);
+                         }});
+    }
+    eventCv_.notify_all();
+}
+
+void SimWorld::RunEvents() {
+    std::unique_lock lock(eventMutex_);
+    while (true) {
+        if (stopping_) return;
+        if (tasks_.empty()) {
+            eventCv_.wait(lock);
+            continue;
+        }
+        const auto due = tasks_.top().due;
+        if (due > std::chrono::steady_clock::now()) {
+            eventCv_.wait_until(lock, due);
+            continue;
+        }
+        Task task = tasks_.top();
+        tasks_.pop();
+        lock.unlock();
+        // Notifications run outside the world's lock, as a platform thread would deliver
+        // them; world changes take it.
+        if (task.due == std::chrono::steady_clock::time_point::min()) {
+            task.action();
+        } else {
+            std::lock_guard worldLock(mutex_);
+            task.action();
+        }
+        lock.lock();
+    }
+}
+
+std::uint64_t SimWorld::SubscribeUsbEvents(platform::UsbEventCallback callback) {
+    std::lock_guard lock(subscribersMutex_);
+    const std::uint64_t id = nextSubscription_++;
+    subscribers_[id] = std::move(callback);
+    return id;
+}
+
+void SimWorld::UnsubscribeUsbEvents(std::uint64_t subscription) {
+    {
+        std::lock_guard lock(subscribersMutex_);
+        subscribers_.erase(subscription);
+    }
+    // A callback of this subscription may be running on the event thread right now; the
+    // platform's unregistration returns only after it has, so wait for the delivery to end.
+    if (std::this_thread::get_id() != eventThread_.get_id()) {
+        std::lock_guard wait(callbackMutex_);
+    }
+}
+
+void SimWorld::Plug(const std::shared_ptr<SimDfuDevice>& device) {
+    device->present = true;
+    if (std::find(dfuDevices_.begin(), dfuDevices_.end(), device) == dfuDevices_.end()) {
+        dfuDevices_.push_back(device);
+    }
+    PostUsbEvent(platform::UsbEvent::kArrival, device->Link());
+}
+
+void SimWorld::Unplug(SimDfuDevice& device) {
+    if (!device.present) return;
+    device.present = false;
+    PostUsbEvent(platform::UsbEvent::kRemoval, device.Link());
+}
+
+std::vector<std::wstring> SimWorld::ListUsbDeviceInterfaces() {
+    std::lock_guard lock(mutex_);
+    std::vector<std::wstring> paths;
+    for (const auto& device : dfuDevices_) {
+        if (device->present) paths.push_back(device->Link());
+    }
+    return paths;
+}
+
+std::vector<platform::VideoCaptureDeviceInfo> SimWorld::ListVideoCaptureDevices(
+    platform::VideoCategory category) {
+    const int wanted = category == platform::VideoCategory::kSensorCamera ? 1 : 2;
+    std::lock_guard lock(mutex_);
+    std::vector<platform::VideoCaptureDeviceInfo> devices;
+    for (const auto& camera : cameras_) {
+        if (!camera->present) continue;
+        const auto& sets = camera->Spec().enumerations;
+        if (std::find(sets.begin(), sets.end(), wanted) == sets.end()) continue;
+        devices.push_back({camera->Spec().name, camera->Spec().link});
+    }
+    return devices;
+}
+
+platform::ErrorCode SimWorld::CreateSettingsKey(const std::wstring& keyPath) {
+    std::lock_guard lock(mutex_);
+    if (!spec_.registry.writable) return ERROR_ACCESS_DENIED;
+    registry_[Lower(keyPath)];
+    return ERROR_SUCCESS;
+}
+
+platform::ErrorCode SimWorld::SetSettingsValue(const std::wstring& keyPath,
+                                               const std::wstring& valueName, std::uint32_t type,
+                                               const std::uint8_t* data, std::uint32_t size) {
+    std::lock_guard lock(mutex_);
+    if (!spec_.registry.writable) return ERROR_ACCESS_DENIED;
+    auto key = registry_.find(Lower(keyPath));
+    if (key == registry_.end()) return ERROR_FILE_NOT_FOUND;
+    if (size > 0 && data == nullptr) return ERROR_INVALID_PARAMETER;
+    key->second[Lower(valueName)] = {type, std::vector<std::uint8_t>(data, data + size)};
+    return ERROR_SUCCESS;
+}
+
+nlohmann::json SimWorld::DumpState() const {
+    std::lock_guard lock(mutex_);
+    nlohmann::json state;
+    state["registry"] = nlohmann::json::object();
+    if (auto key = registry_.find(kServiceKey); key != registry_.end()) {
+        if (auto value = key->second.find(kAutoModeValue); value != key->second.end()) {
+            nlohmann::json entry;
+            entry["type"] = value->second.type;
+            entry["bytes"] = value->second.bytes.size();
+            entry["text"] = Utf16BytesToUtf8(value->second.bytes);
+            state["registry"]["DFUAutoMode"] = entry;
+        }
+    }
+    state["cameras"] = nlohmann::json::array();
+    for (const auto& camera : cameras_) {
+        state["cameras"].push_back({{"name", Narrow(camera->Spec().name)},
+                                    {"firmware", FormatVersion(camera->firmware)},
+                                    {"present", camera->present}});
+    }
+    state["dfuDevices"] = nlohmann::json::array();
+    for (const auto& device : dfuDevices_) {
+        state["dfuDevices"].push_back({{"link", Narrow(device->Link())},
+                                       {"present", device->present},
+                                       {"state", DfuStateName(device->State())}});
+    }
+    state["downloads"] = nlohmann::json::array();
+    for (const auto& download : downloads_) {
+        char crc[9];
+        std::snprintf(crc, sizeof crc, "%08x", download.crc32);
+        state["downloads"].push_back({{"link", Narrow(download.link)},
+                                      {"blocks", download.blocks},
+                                      {"bytes", download.bytes},
+                                      {"crc32", crc},
+                                      {"manifested", download.manifested}});
+    }
+    return state;
+}
+
+}  // namespace sim

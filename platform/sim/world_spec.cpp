@@ -1,0 +1,333 @@
+#include "platform/sim/world_spec.h"
+
+#include <nlohmann/json.hpp>
+
+#include <sys/stat.h>
+#include <fstream>
+#include <limits>
+#include <set>
+#include <sstream>
+
+#include "platform/common/wide_stream.h"
+
+namespace sim {
+namespace {
+
+using nlohmann::json;
+
+constexpr const char* kStateNames[] = {"appIDLE",          "appDETACH",   "dfuIDLE",
+                                       "dfuDNLOAD_SYNC",   "dfuDNBUSY",   "dfuDNLOAD_IDLE",
+                                       "dfuMANIFEST_SYNC", "dfuMANIFEST", "dfuMANIFEST_WAIT_RESET",
+                                       "dfuUPLOAD_IDLE",   "dfuERROR"};
+
+[[noreturn]] void Fail(const std::string& where, const std::string& problem) {
+    throw WorldError(where + ": " + problem);
+}
+
+void CheckKeys(const json& object, const std::string& where, const std::set<std::string>& known) {
+    if (!object.is_object()) Fail(where, "must be an object");
+    for (const auto& [key, value] : object.items()) {
+        if (!known.count(key)) Fail(where + "." + key, "unknown field");
+    }
+}
+
+std::uint64_t Unsigned(const json& value, const std::string& where, std::uint64_t min,
+                       std::uint64_t max) {
+    if (!value.is_number_integer()) Fail(where, "must be a whole number");
+    if (value.is_number_unsigned()) {
+        const auto v = value.get<std::uint64_t>();
+        if (v < min || v > max) {
+            Fail(where, "must be between " + std::to_string(min) + " and " + std::to_string(max));
+        }
+        return v;
+    }
+    const auto v = value.get<std::int64_t>();
+    if (v < 0 || static_cast<std::uint64_t>(v) < min || static_cast<std::uint64_t>(v) > max) {
+        Fail(where, "must be between " + std::to_string(min) + " and " + std::to_string(max));
+    }
+    return static_cast<std::uint64_t>(v);
+}
+
+std::wstring Text(const json& value, const std::string& where, bool allowEmpty) {
+    if (!value.is_string()) Fail(where, "must be a string");
+    const auto text = value.get<std::string>();
+    if (!allowEmpty && text.empty()) Fail(where, "must not be empty");
+    return Widen(text);
+}
+
+bool Bool(const json& value, const std::string& where) {
+    if (!value.is_boolean()) Fail(where, "must be true or false");
+    return value.get<bool>();
+}
+
+FirmwareVersion Version(const json& value, const std::string& where) {
+    if (!value.is_string()) Fail(where, "must be a version \"a.b.c.d\"");
+    const auto text = value.get<std::string>();
+    FirmwareVersion version{};
+    std::size_t part = 0;
+    std::size_t i = 0;
+    while (part < 4) {
+        std::size_t start = i;
+        unsigned number = 0;
+        while (i < text.size() && text[i] >= '0' && text[i] <= '9' && i - start < 3) {
+            number = number * 10 + static_cast<unsigned>(text[i] - '0');
+            ++i;
+        }
+        if (i == start || number > 255)
+            Fail(where, "must be a version \"a.b.c.d\" with parts 0 to 255");
+        version[part++] = static_cast<std::uint8_t>(number);
+        if (part < 4) {
+            if (i >= text.size() || text[i] != '.')
+                Fail(where, "must be a version \"a.b.c.d\" with parts 0 to 255");
+            ++i;
+        }
+    }
+    if (i != text.size()) Fail(where, "must be a version \"a.b.c.d\" with parts 0 to 255");
+    return version;
+}
+
+DfuDeviceSpec ParseDfuDevice(const json& object, const std::string& where) {
+    CheckKeys(object, where,
+              {"link", "transferSize", "interfaces", "busyPolls", "manifestPolls",
+               "stateAfterDetach", "fault"});
+    DfuDeviceSpec spec;
+    if (!object.contains("link")) Fail(where + ".link", "required field is missing");
+    spec.link = Text(object["link"], where + ".link", false);
+    if (object.contains("transferSize")) {
+        spec.transferSize = static_cast<std::uint16_t>(
+            Unsigned(object["transferSize"], where + ".transferSize", 0, 65535));
+    }
+    if (object.contains("interfaces")) {
+        const auto& list = object["interfaces"];
+        const std::string at = where + ".interfaces";
+        if (!list.is_array() || list.empty())
+            Fail(at, "must be a non-empty array of interface classes");
+        if (list.size() > 32) Fail(at, "must not list more than 32 interfaces");
+        spec.interfaces.clear();
+        for (std::size_t i = 0; i < list.size(); ++i) {
+            spec.interfaces.push_back(static_cast<std::uint8_t>(
+                Unsigned(list[i], at + "[" + std::to_string(i) + "]", 0, 255)));
+        }
+    }
+    if (object.contains("busyPolls")) {
+        spec.busyPolls = static_cast<std::uint32_t>(
+            Unsigned(object["busyPolls"], where + ".busyPolls", 0, 1000000));
+    }
+    if (object.contains("manifestPolls")) {
+        spec.manifestPolls = static_cast<std::uint32_t>(
+            Unsigned(object["manifestPolls"], where + ".manifestPolls", 0, 1000000));
+    }
+    if (object.contains("stateAfterDetach")) {
+        const auto& value = object["stateAfterDetach"];
+        const std::string at = where + ".stateAfterDetach";
+        if (!value.is_string()) Fail(at, "must be a DFU state name such as \"dfuIDLE\"");
+        bool found = false;
+        for (std::uint8_t s = 0; s < 11; ++s) {
+            if (value.get<std::string>() == kStateNames[s]) {
+                spec.stateAfterDetach = s;
+                found = true;
+            }
+        }
+        if (!found) Fail(at, "must be a DFU state name such as \"dfuIDLE\"");
+    }
+    if (object.contains("fault")) {
+        const auto& fault = object["fault"];
+        const std::string at = where + ".fault";
+        CheckKeys(fault, at, {"atBlock", "kind"});
+        if (!fault.contains("atBlock")) Fail(at + ".atBlock", "required field is missing");
+        if (!fault.contains("kind")) Fail(at + ".kind", "required field is missing");
+        DfuFault parsed;
+        parsed.atBlock = static_cast<std::uint32_t>(Unsigned(
+            fault["atBlock"], at + ".atBlock", 0, std::numeric_limits<std::uint32_t>::max()));
+        const auto& kind = fault["kind"];
+        const std::string kindText = kind.is_string() ? kind.get<std::string>() : std::string();
+        if (kindText == "stall") {
+            parsed.kind = FaultKind::kStall;
+        } else if (kindText == "error") {
+            parsed.kind = FaultKind::kError;
+        } else if (kindText == "unplug") {
+            parsed.kind = FaultKind::kUnplug;
+        } else {
+            Fail(at + ".kind", "must be \"stall\", \"error\" or \"unplug\"");
+        }
+        spec.fault = parsed;
+    }
+    return spec;
+}
+
+CameraSpec ParseCamera(const json& object, const std::string& where, std::size_t index) {
+    CheckKeys(object, where,
+              {"name", "link", "enumerations", "lynx", "firmware", "infoFailures", "dfu",
+               "dfuDelayMs", "firmwareAfterUpdate"});
+    CameraSpec spec;
+    if (!object.contains("name")) Fail(where + ".name", "required field is missing");
+    spec.name = Text(object["name"], where + ".name", true);
+    if (object.contains("link")) {
+        spec.link = Text(object["link"], where + ".link", false);
+    } else {
+        spec.link = L"\\\\?\\usb#vid_0000&pid_0000&mi_00#sim&" + std::to_wstring(index) +
+                    L"&0&0000#{e5323777-f976-4f5b-9b55-b94699c46e44}\\global";
+    }
+    if (object.contains("enumerations")) {
+        const auto& list = object["enumerations"];
+        const std::string at = where + ".enumerations";
+        if (!list.is_array()) Fail(at, "must be an array of 1 and 2");
+        spec.enumerations.clear();
+        for (std::size_t i = 0; i < list.size(); ++i) {
+            const auto set =
+                static_cast<int>(Unsigned(list[i], at + "[" + std::to_string(i) + "]", 1, 2));
+            for (int seen : spec.enumerations) {
+                if (seen == set) Fail(at + "[" + std::to_string(i) + "]", "is listed twice");
+            }
+            spec.enumerations.push_back(set);
+        }
+    }
+    if (object.contains("lynx")) spec.lynx = Bool(object["lynx"], where + ".lynx");
+    if (object.contains("firmware"))
+        spec.firmware = Version(object["firmware"], where + ".firmware");
+    spec.firmwareAfterUpdate = spec.firmware;
+    if (object.contains("infoFailures")) {
+        spec.infoFailures = static_cast<std::uint32_t>(
+            Unsigned(object["infoFailures"], where + ".infoFailures", 0, 1000000));
+    }
+    if (object.contains("dfu")) spec.dfu = ParseDfuDevice(object["dfu"], where + ".dfu");
+    if (object.contains("dfuDelayMs")) {
+        spec.dfuDelayMs = static_cast<std::uint32_t>(
+            Unsigned(object["dfuDelayMs"], where + ".dfuDelayMs", 0, 3600000));
+    }
+    if (object.contains("firmwareAfterUpdate")) {
+        spec.firmwareAfterUpdate =
+            Version(object["firmwareAfterUpdate"], where + ".firmwareAfterUpdate");
+    }
+    return spec;
+}
+
+}  // namespace
+
+const char* DfuStateName(std::uint8_t state) {
+    return state < 11 ? kStateNames[state] : "unknown";
+}
+
+WorldSpec ParseWorld(const std::string& jsonText) {
+    json root;
+    try {
+        root = json::parse(jsonText);
+    } catch (const json::parse_error& error) {
+        throw WorldError(std::string("not valid JSON (") + error.what() + ")");
+    }
+    const std::string top = "$";
+    CheckKeys(root, top, {"cameras", "dfuDevices", "registry", "speedup"});
+    WorldSpec world;
+    if (root.contains("cameras")) {
+        const auto& list = root["cameras"];
+        if (!list.is_array()) Fail("$.cameras", "must be an array");
+        for (std::size_t i = 0; i < list.size(); ++i) {
+            world.cameras.push_back(
+                ParseCamera(list[i], "$.cameras[" + std::to_string(i) + "]", i));
+        }
+    }
+    if (root.contains("dfuDevices")) {
+        const auto& list = root["dfuDevices"];
+        if (!list.is_array()) Fail("$.dfuDevices", "must be an array");
+        for (std::size_t i = 0; i < list.size(); ++i) {
+            world.dfuDevices.push_back(
+                ParseDfuDevice(list[i], "$.dfuDevices[" + std::to_string(i) + "]"));
+        }
+    }
+    if (root.contains("registry")) {
+        const auto& registry = root["registry"];
+        CheckKeys(registry, "$.registry", {"writable", "DFUAutoMode"});
+        if (registry.contains("writable")) {
+            world.registry.writable = Bool(registry["writable"], "$.registry.writable");
+        }
+        if (registry.contains("DFUAutoMode")) {
+            world.registry.dfuAutoMode =
+                Text(registry["DFUAutoMode"], "$.registry.DFUAutoMode", true);
+        }
+    }
+    if (root.contains("speedup")) {
+        world.speedup =
+            static_cast<std::uint32_t>(Unsigned(root["speedup"], "$.speedup", 1, 1000000));
+    }
+    return world;
+}
+
+WorldSpec LoadWorldFile(const std::string& path) {
+    struct stat info {};
+    if (stat(path.c_str(), &info) != 0) throw WorldError(path + ": cannot be read (no such file)");
+    if (!S_ISREG(info.st_mode)) throw WorldError(path + ": cannot be read (not a regular file)");
+    std::ifstream file(path, std::ios::binary);
+    if (!file) throw WorldError(path + ": cannot be read");
+    std::ostringstream text;
+    text << file.rdbuf();
+    if (file.bad()) throw WorldError(path + ": cannot be read");
+    try {
+        return ParseWorld(text.str());
+    } catch (const WorldError& error) {
+        throw WorldError(path + ": " + error.what());
+    }
+}
+
+WorldSpec DefaultWorld() {
+    WorldSpec world;
+    CameraSpec lynx;
+    lynx.name = L"Lynx LX20 Depth Camera";
+    lynx.link =
+        L"\\\\?\\usb#vid_3c5e&pid_0b64&mi_00#6&2c1a3b4d&0&0000#{e5323777-f976-4f5b-9b55-"
+        L"b94699c46e44}\\global";
+    lynx.lynx = true;
+    lynx.firmware = {5, 10, 0, 28};
+    lynx.firmwareAfterUpdate = {5, 16, 0, 1};
+    DfuDeviceSpec dfu;
+    dfu.link =
+        L"\\\\?\\USB#VID_3C5E&PID_0F1C#8&3d2e1f0a&0&2#{a5dcbf10-6530-11d2-901f-00c04fb951ed}";
+    lynx.dfu = dfu;
+    world.cameras.push_back(lynx);
+    CameraSpec webcam;
+    webcam.name = L"Integrated Webcam";
+    webcam.link =
+        L"\\\\?\\usb#vid_0c45&pid_6a10&mi_00#6&11aa22bb&0&0000#{e5323777-f976-4f5b-9b55-"
+        L"b94699c46e44}\\global";
+    world.cameras.push_back(webcam);
+    return world;
+}
+
+std::string FormatVersion(const FirmwareVersion& v) {
+    return std::to_string(v[0]) + "." + std::to_string(v[1]) + "." + std::to_string(v[2]) + "." +
+           std::to_string(v[3]);
+}
+
+std::wstring Widen(const std::string& utf8) {
+    std::wstring out;
+    std::size_t i = 0;
+    while (i < utf8.size()) {
+        const auto byte = static_cast<unsigned char>(utf8[i]);
+        char32_t cp = 0xFFFD;
+        std::size_t length = 1;
+        if (byte < 0x80) {
+            cp = byte;
+        } else if ((byte >> 5) == 0x6 && i + 1 < utf8.size()) {
+            cp = ((byte & 0x1Fu) << 6) | (static_cast<unsigned char>(utf8[i + 1]) & 0x3Fu);
+            length = 2;
+        } else if ((byte >> 4) == 0xE && i + 2 < utf8.size()) {
+            cp = ((byte & 0x0Fu) << 12) | ((static_cast<unsigned char>(utf8[i + 1]) & 0x3Fu) << 6) |
+                 (static_cast<unsigned char>(utf8[i + 2]) & 0x3Fu);
+            length = 3;
+        } else if ((byte >> 3) == 0x1E && i + 3 < utf8.size()) {
+            cp = ((byte & 0x07u) << 18) |
+                 ((static_cast<unsigned char>(utf8[i + 1]) & 0x3Fu) << 12) |
+                 ((static_cast<unsigned char>(utf8[i + 2]) & 0x3Fu) << 6) |
+                 (static_cast<unsigned char>(utf8[i + 3]) & 0x3Fu);
+            length = 4;
+        }
+        out.push_back(static_cast<wchar_t>(cp));
+        i += length;
+    }
+    return out;
+}
+
+std::string Narrow(const std::wstring& wide) {
+    return platform::WideToUtf8(wide);
+}
+
+}  // namespace sim
