@@ -78,6 +78,8 @@ struct BadWorld {
     const char* message;
 };
 
+void PrintTo(const BadWorld& world, std::ostream* out) { *out << world.json; }
+
 class BadWorldFile : public testing::TestWithParam<BadWorld> {};
 
 TEST_P(BadWorldFile, NamesTheFieldAndTheProblem) {
