@@ -1,0 +1,47 @@
+#!/usr/bin/env bash
+# Runs lynx-dfu.exe under Wine with scripts of answers and checks what it prints.
+set -euo pipefail
+
+exe="${1:?usage: wine-smoke.sh path/to/lynx-dfu.exe}"
+wine="${WINE64:-/usr/lib/wine/wine64}"
+export WINEPREFIX="${WINEPREFIX:-$(mktemp -d /tmp/lynx-wine.XXXXXX)}"
+export WINEDEBUG=-all
+
+failures=0
+
+# run NAME ANSWERS EXPECTED-TEXT...: the program must exit 0 and print every expected text.
+run() {
+  local name="$1" answers="$2"
+  shift 2
+  local out status=0
+  out=$(printf '%b' "$answers" | timeout 300 "$wine" "$exe" 2>/dev/null) || status=$?
+  if [ "$status" -ne 0 ]; then
+    echo "FAIL $name: exit status $status"
+    failures=$((failures + 1))
+    return
+  fi
+  for text in "$@"; do
+    if ! grep -qF -- "$text" <<<"$out"; then
+      echo "FAIL $name: missing \"$text\""
+      printf '%s\n' "$out" | sed 's/^/    | /'
+      failures=$((failures + 1))
+      return
+    fi
+  done
+  echo "ok   $name"
+}
+
+# The first run creates the Wine prefix.
+"$wine" cmd /c exit >/dev/null 2>&1 || true
+
+run "main menu, then Q" 'q\n' \
+  "Vantrel (TM) Lynx Windows Device Firmware Update Tool for Vantrel Optyra Technology Main Menu" \
+  "5: Configure Lynx Series Windows Device Firmware Update Tool Settings (Can run with or without camera device connected)." \
+  "Q: Quit"
+run "end of input quits" '' "Q: Quit"
+
+if [ "$failures" -ne 0 ]; then
+  echo "wine smoke test: $failures failure(s)"
+  exit 1
+fi
+echo "wine smoke test passed"
