@@ -1,0 +1,42 @@
+// Registry keys under HKEY_LOCAL_MACHINE, kept by the backend's settings store.
+#include <string>
+
+#include "platform/posix/device_backend.h"
+#include "platform/registry.h"
+
+struct RegistryKeyObject {
+    std::wstring path;
+};
+
+LSTATUS RegCreateKeyExW(HKEY key, LPCWSTR subKey, DWORD, LPWSTR, DWORD, REGSAM,
+                        LPSECURITY_ATTRIBUTES, PHKEY result, LPDWORD) {
+    if (result == nullptr) return static_cast<LSTATUS>(ERROR_INVALID_PARAMETER);
+    *result = nullptr;
+    std::wstring path;
+    if (key == HKEY_LOCAL_MACHINE) {
+        path = subKey ? subKey : L"";
+    } else if (key != nullptr) {
+        path = key->path + L"\\" + (subKey ? subKey : L"");
+    } else {
+        return static_cast<LSTATUS>(ERROR_INVALID_HANDLE);
+    }
+    const platform::ErrorCode error = platform::Backend().CreateSettingsKey(path);
+    if (error != ERROR_SUCCESS) return static_cast<LSTATUS>(error);
+    *result = new RegistryKeyObject{path};
+    return ERROR_SUCCESS;
+}
+
+LSTATUS RegSetValueExW(HKEY key, LPCWSTR valueName, DWORD, DWORD type, const BYTE* data,
+                       DWORD size) {
+    if (key == nullptr || key == HKEY_LOCAL_MACHINE)
+        return static_cast<LSTATUS>(ERROR_INVALID_HANDLE);
+    return static_cast<LSTATUS>(platform::Backend().SetSettingsValue(
+        key->path, valueName ? valueName : L"", type, data, size));
+}
+
+LSTATUS RegCloseKey(HKEY key) {
+    if (key == nullptr || key == HKEY_LOCAL_MACHINE)
+        return static_cast<LSTATUS>(ERROR_INVALID_HANDLE);
+    delete key;
+    return ERROR_SUCCESS;
+}
