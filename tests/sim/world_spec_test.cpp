@@ -78,7 +78,9 @@ struct BadWorld {
     const char* message;
 };
 
-void PrintTo(const BadWorld& world, std::ostream* out) { *out << world.json; }
+void PrintTo(const BadWorld& world, std::ostream* out) {
+    *out << world.json;
+}
 
 class BadWorldFile : public testing::TestWithParam<BadWorld> {};
 
@@ -122,6 +124,30 @@ INSTANTIATE_TEST_SUITE_P(
                  "$.dfuDevices[0].fault.kind: must be \"stall\", \"error\" or \"unplug\""},
         BadWorld{R"({"registry": {"writable": 1}})", "$.registry.writable: must be true or false"},
         BadWorld{R"({"speedup": 0})", "$.speedup: must be between 1 and 1000000"}));
+
+TEST(WorldFile, SampleDefaultWorldIsTheBuiltInOne) {
+    const auto file = sim::LoadWorldFile(LYNX_SOURCE_DIR "/lab/default-world.json");
+    const auto builtIn = sim::DefaultWorld();
+    ASSERT_EQ(builtIn.cameras.size(), file.cameras.size());
+    for (std::size_t i = 0; i < file.cameras.size(); ++i) {
+        EXPECT_EQ(builtIn.cameras[i].name, file.cameras[i].name);
+        EXPECT_EQ(builtIn.cameras[i].link, file.cameras[i].link);
+        EXPECT_EQ(builtIn.cameras[i].lynx, file.cameras[i].lynx);
+        EXPECT_EQ(builtIn.cameras[i].firmware, file.cameras[i].firmware);
+        EXPECT_EQ(builtIn.cameras[i].firmwareAfterUpdate, file.cameras[i].firmwareAfterUpdate);
+        EXPECT_EQ(builtIn.cameras[i].dfu.has_value(), file.cameras[i].dfu.has_value());
+        if (file.cameras[i].dfu) EXPECT_EQ(builtIn.cameras[i].dfu->link, file.cameras[i].dfu->link);
+    }
+}
+
+TEST(WorldFile, DirectoryIsNotAWorld) {
+    try {
+        sim::LoadWorldFile(LYNX_SOURCE_DIR "/lab");
+        FAIL() << "a directory was accepted";
+    } catch (const WorldError& error) {
+        EXPECT_NE(std::string::npos, std::string(error.what()).find("not a regular file"));
+    }
+}
 
 TEST(WorldFile, BrokenJsonIsReported) {
     EXPECT_EQ(0u, ErrorOf("{\"cameras\": [").find("not valid JSON"));
