@@ -136,7 +136,9 @@ TEST(WorldFile, SampleDefaultWorldIsTheBuiltInOne) {
         EXPECT_EQ(builtIn.cameras[i].firmware, file.cameras[i].firmware);
         EXPECT_EQ(builtIn.cameras[i].firmwareAfterUpdate, file.cameras[i].firmwareAfterUpdate);
         EXPECT_EQ(builtIn.cameras[i].dfu.has_value(), file.cameras[i].dfu.has_value());
-        if (file.cameras[i].dfu) EXPECT_EQ(builtIn.cameras[i].dfu->link, file.cameras[i].dfu->link);
+        if (file.cameras[i].dfu) {
+            EXPECT_EQ(builtIn.cameras[i].dfu->link, file.cameras[i].dfu->link);
+        }
     }
 }
 
