@@ -1,14 +1,241 @@
 // The cameras of the lab: plain webcams and cameras of the family with their extension unit.
+//
+// What sits here is the camera's side of the wire: its kernel-streaming topology as the
+// driver reports it, and the firmware behind control 1 of the family's extension unit, which
+// takes a 1024-byte command frame with SET and hands back its answer with GET.
+#include <algorithm>
+#include <array>
+#include <cwctype>
+
 #include "platform/sim/sim_world.h"
 
 namespace sim {
+namespace {
+
+constexpr DWORD ERROR_NOT_FOUND = 1168;
+constexpr DWORD ERROR_SET_NOT_FOUND = 1170;
+
+constexpr std::uint32_t kGet = 0x1;
+constexpr std::uint32_t kSet = 0x2;
+constexpr std::uint32_t kSetSupport = 0x100;
+constexpr std::uint32_t kTopology = 0x10000000;
+
+constexpr GUID kCameraTerminal = {
+    0xDFF229E6, 0xF70F, 0x11D0, {0xB9, 0x17, 0x00, 0xA0, 0xC9, 0x22, 0x31, 0x96}};
+constexpr GUID kProcessingUnit = {
+    0xDFF229E5, 0xF70F, 0x11D0, {0xB9, 0x17, 0x00, 0xA0, 0xC9, 0x22, 0x31, 0x96}};
+constexpr GUID kStreamingOutput = {
+    0xDFF229E1, 0xF70F, 0x11D0, {0xB9, 0x17, 0x00, 0xA0, 0xC9, 0x22, 0x31, 0x96}};
+constexpr GUID kDevSpecific = {
+    0x941C7AC0, 0xC559, 0x11D0, {0x8A, 0x2B, 0x00, 0xA0, 0xC9, 0x25, 0x5A, 0xC1}};
+
+// The family's extension unit, and another vendor's unit that many webcams carry: the search
+// for the family's unit has to pass over it.
+constexpr GUID kFamilyUnitSet = {
+    0x5B3E9A10, 0x7C2D, 0x4F61, {0x9E, 0x84, 0x2A, 0x6D, 0x0C, 0x1F, 0x7B, 0x39}};
+constexpr GUID kForeignUnitSet = {
+    0x0F3F95DC, 0x2632, 0x4C4E, {0x92, 0xC9, 0xA0, 0x47, 0x82, 0xF4, 0x3B, 0xC8}};
+
+struct Node {
+    GUID type;
+    const GUID* propertySet;  // extension units only
+};
+
+constexpr std::array<Node, 4> kPlainTopology = {{{kCameraTerminal, nullptr},
+                                                 {kProcessingUnit, nullptr},
+                                                 {kDevSpecific, &kForeignUnitSet},
+                                                 {kStreamingOutput, nullptr}}};
+constexpr std::array<Node, 5> kFamilyTopology = {{{kCameraTerminal, nullptr},
+                                                  {kProcessingUnit, nullptr},
+                                                  {kDevSpecific, &kForeignUnitSet},
+                                                  {kDevSpecific, &kFamilyUnitSet},
+                                                  {kStreamingOutput, nullptr}}};
+
+constexpr std::uint32_t kFrameSize = 1024;
+constexpr std::uint32_t kHeaderLength = 20;  // opcode and four parameters
+constexpr std::uint32_t kMaxFrameLength = kFrameSize - 4;
+constexpr std::uint32_t kDeviceInfoCommand = 0x10;
+constexpr std::uint32_t kSwitchToDfuCommand = 0x1E;
+constexpr std::size_t kDeviceInfoSize = 230;
+
+std::uint32_t Le32(const std::uint8_t* bytes) {
+    return bytes[0] | (bytes[1] << 8) | (bytes[2] << 16) |
+           (static_cast<std::uint32_t>(bytes[3]) << 24);
+}
+
+void PutLe32(std::vector<std::uint8_t>& out, std::uint32_t value) {
+    for (int shift = 0; shift < 32; shift += 8)
+        out.push_back(static_cast<std::uint8_t>(value >> shift));
+}
+
+HRESULT Error(DWORD code) {
+    return platform::HResultFromError(code);
+}
+
+bool SameLink(const std::wstring& a, const std::wstring& b) {
+    return a.size() == b.size() &&
+           std::equal(a.begin(), a.end(), b.begin(), [](wchar_t x, wchar_t y) {
+               return std::towlower(static_cast<wint_t>(x)) ==
+                      std::towlower(static_cast<wint_t>(y));
+           });
+}
+
+// A handle on one camera as the driver gives it out; it dies when the camera leaves.
+class SimVideoConnection final : public platform::VideoDeviceConnection {
+  public:
+    SimVideoConnection(SimWorld& world, int index, std::uint32_t generation)
+        : world_(world), index_(index), generation_(generation) {}
+
+    HRESULT GetNodeCount(std::uint32_t* count) override {
+        std::lock_guard lock(world_.Lock());
+        SimCamera* camera = Camera();
+        if (camera == nullptr) return Error(ERROR_DEVICE_NOT_CONNECTED);
+        *count = camera->NodeCount();
+        return S_OK;
+    }
+
+    HRESULT GetNodeType(std::uint32_t node, GUID* type) override {
+        std::lock_guard lock(world_.Lock());
+        SimCamera* camera = Camera();
+        if (camera == nullptr) return Error(ERROR_DEVICE_NOT_CONNECTED);
+        if (node >= camera->NodeCount()) return Error(ERROR_NOT_FOUND);
+        *type = camera->NodeType(node);
+        return S_OK;
+    }
+
+    HRESULT OpenNode(std::uint32_t node) override {
+        std::lock_guard lock(world_.Lock());
+        SimCamera* camera = Camera();
+        if (camera == nullptr) return Error(ERROR_DEVICE_NOT_CONNECTED);
+        return node < camera->NodeCount() ? S_OK : Error(ERROR_NOT_FOUND);
+    }
+
+    HRESULT NodeProperty(std::uint32_t node, const GUID& propertySet, std::uint32_t id,
+                         std::uint32_t flags, std::uint8_t* data, std::uint32_t length,
+                         std::uint32_t* returned) override {
+        *returned = 0;
+        std::lock_guard lock(world_.Lock());
+        SimCamera* camera = Camera();
+        if (camera == nullptr) return Error(ERROR_DEVICE_NOT_CONNECTED);
+        return camera->NodeProperty(node, propertySet, id, flags, data, length, returned);
+    }
+
+  private:
+    SimCamera* Camera() {
+        SimCamera* camera = world_.Cameras()[static_cast<std::size_t>(index_)].get();
+        return camera->present && camera->Generation() == generation_ ? camera : nullptr;
+    }
+
+    SimWorld& world_;
+    int index_;
+    std::uint32_t generation_;
+};
+
+}  // namespace
 
 SimCamera::SimCamera(SimWorld& world, CameraSpec spec, int index)
     : firmware(spec.firmware), world_(world), spec_(std::move(spec)), index_(index) {}
 
+std::uint32_t SimCamera::NodeCount() const {
+    return static_cast<std::uint32_t>(spec_.lynx ? kFamilyTopology.size() : kPlainTopology.size());
+}
+
+GUID SimCamera::NodeType(std::uint32_t node) const {
+    return spec_.lynx ? kFamilyTopology.at(node).type : kPlainTopology.at(node).type;
+}
+
+HRESULT SimCamera::NodeProperty(std::uint32_t node, const GUID& propertySet, std::uint32_t id,
+                                std::uint32_t flags, std::uint8_t* data, std::uint32_t length,
+                                std::uint32_t* returned) {
+    *returned = 0;
+    if (node >= NodeCount()) return Error(ERROR_NOT_FOUND);
+    // Without the topology flag the driver would take the request for the whole filter.
+    if (!(flags & kTopology)) return Error(ERROR_SET_NOT_FOUND);
+    const Node& entry = spec_.lynx ? kFamilyTopology[node] : kPlainTopology[node];
+    if (entry.propertySet == nullptr || *entry.propertySet != propertySet) {
+        return Error(ERROR_SET_NOT_FOUND);
+    }
+    // Each unit has one control, the one with selector 1.
+    if (id != 1) return Error(ERROR_NOT_FOUND);
+
+    const std::uint32_t request = flags & ~kTopology;
+    if (request == kSetSupport) return S_OK;
+    // Another vendor's unit: its control exists, but its protocol is not this lab's business.
+    if (entry.propertySet != &kFamilyUnitSet) return Error(ERROR_GEN_FAILURE);
+    if (request == kSet) {
+        // The control is exactly one frame long; the device stalls anything else.
+        if (data == nullptr || length != kFrameSize) return Error(ERROR_INVALID_PARAMETER);
+        RunCommand(data);
+        return S_OK;
+    }
+    if (request == kGet) {
+        if (data == nullptr || length < kFrameSize) {
+            *returned = kFrameSize;
+            return Error(ERROR_INSUFFICIENT_BUFFER);
+        }
+        // Nothing to answer: the device stalls the request.
+        if (reply_.empty()) return Error(ERROR_GEN_FAILURE);
+        std::fill(data, data + kFrameSize, 0);
+        std::copy(reply_.begin(), reply_.end(), data);
+        reply_.clear();
+        *returned = kFrameSize;
+        return S_OK;
+    }
+    return Error(ERROR_NOT_SUPPORTED);
+}
+
+void SimCamera::RunCommand(const std::uint8_t* frame) {
+    // A new command discards an answer nobody read.
+    reply_.clear();
+    const std::uint32_t length = frame[0] | (frame[1] << 8);
+    if (frame[2] != 0xAB || frame[3] != 0xCD || length < kHeaderLength ||
+        length > kMaxFrameLength) {
+        return;
+    }
+    const std::uint32_t opcode = Le32(frame + 4);
+    const std::uint32_t parameter1 = Le32(frame + 8);
+
+    if (opcode == kDeviceInfoCommand) {
+        if (spec_.infoFailures >= 5 || failedInfoExchanges_ < spec_.infoFailures) {
+            ++failedInfoExchanges_;
+            return;
+        }
+        PutLe32(reply_, opcode);
+        // The block's other fields carry non-zero values, so that a version read from the
+        // wrong place shows.
+        std::array<std::uint8_t, kDeviceInfoSize> info{};
+        for (std::size_t i = 0; i < info.size(); ++i) info[i] = static_cast<std::uint8_t>(0xA0 + i);
+        info[12] = firmware[3];
+        info[13] = firmware[2];
+        info[14] = firmware[1];
+        info[15] = firmware[0];
+        reply_.insert(reply_.end(), info.begin(), info.end());
+        return;
+    }
+
+    if (opcode == kSwitchToDfuCommand && parameter1 == 1 && spec_.dfu) {
+        // The camera drops off the bus at once; its boot loader enumerates a little later.
+        present = false;
+        ++generation_;
+        failedInfoExchanges_ = 0;
+        auto device = std::make_shared<SimDfuDevice>(world_, *spec_.dfu, index_);
+        SimWorld& world = world_;
+        world_.Schedule(spec_.dfuDelayMs, [&world, device] { world.Plug(device); });
+    }
+}
+
 }  // namespace sim
 
-HRESULT sim::SimWorld::OpenVideoDevice(const std::wstring&,
-                                       std::unique_ptr<platform::VideoDeviceConnection>*) {
+HRESULT sim::SimWorld::OpenVideoDevice(
+    const std::wstring& symbolicLink,
+    std::unique_ptr<platform::VideoDeviceConnection>* connection) {
+    std::lock_guard lock(mutex_);
+    for (const auto& camera : cameras_) {
+        if (camera->present && SameLink(camera->Spec().link, symbolicLink)) {
+            *connection =
+                std::make_unique<SimVideoConnection>(*this, camera->Index(), camera->Generation());
+            return S_OK;
+        }
+    }
     return platform::HResultFromError(ERROR_FILE_NOT_FOUND);
 }

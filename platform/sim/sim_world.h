@@ -66,10 +66,25 @@ class SimCamera {
     FirmwareVersion firmware;
     bool present = true;
 
+    // The camera's kernel-streaming topology and, behind its extension unit, the firmware's
+    // command channel (camera_model.cpp). Called with the world's lock held.
+    std::uint32_t NodeCount() const;
+    GUID NodeType(std::uint32_t node) const;
+    HRESULT NodeProperty(std::uint32_t node, const GUID& propertySet, std::uint32_t id,
+                         std::uint32_t flags, std::uint8_t* data, std::uint32_t length,
+                         std::uint32_t* returned);
+    // Changes each time the camera leaves the bus; handles opened before then are dead.
+    std::uint32_t Generation() const { return generation_; }
+
   private:
+    void RunCommand(const std::uint8_t* frame);
+
     SimWorld& world_;
     CameraSpec spec_;
     int index_;
+    std::vector<std::uint8_t> reply_;  // what the next GET reads; empty: nothing to read
+    std::uint32_t failedInfoExchanges_ = 0;
+    std::uint32_t generation_ = 0;
 };
 
 class SimWorld final : public platform::DeviceBackend {

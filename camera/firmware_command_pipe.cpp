@@ -1,0 +1,100 @@
+#include "camera/firmware_command_pipe.h"
+
+#include <array>
+#include <cstring>
+#include <stdexcept>
+
+#include "platform/sync.h"
+
+namespace {
+
+using Frame = std::array<std::uint8_t, kCommandFrameSize>;
+
+void PutLe16(std::uint8_t* at, std::uint16_t value) {
+    at[0] = static_cast<std::uint8_t>(value);
+    at[1] = static_cast<std::uint8_t>(value >> 8);
+}
+
+void PutLe32(std::uint8_t* at, std::uint32_t value) {
+    for (int i = 0; i < 4; ++i) at[i] = static_cast<std::uint8_t>(value >> (8 * i));
+}
+
+std::uint32_t Le32(const std::uint8_t* at) {
+    return static_cast<std::uint32_t>(at[0]) | (static_cast<std::uint32_t>(at[1]) << 8) |
+           (static_cast<std::uint32_t>(at[2]) << 16) | (static_cast<std::uint32_t>(at[3]) << 24);
+}
+
+// The header of a frame; the bytes after the header and data stay zero.
+void FillHeader(Frame& frame, std::size_t dataLength, std::uint32_t opcode,
+                std::uint32_t parameter1, std::uint32_t parameter2, std::uint32_t parameter3,
+                std::uint32_t parameter4) {
+    PutLe16(&frame[0], static_cast<std::uint16_t>(20 + dataLength));
+    frame[2] = 0xAB;
+    frame[3] = 0xCD;
+    PutLe32(&frame[4], opcode);
+    PutLe32(&frame[8], parameter1);
+    PutLe32(&frame[12], parameter2);
+    PutLe32(&frame[16], parameter3);
+    PutLe32(&frame[20], parameter4);
+}
+
+}  // namespace
+
+FirmwareCommandPipe::FirmwareCommandPipe(Microsoft::WRL::ComPtr<IKsControl> control,
+                                         const GUID& propertySet, ULONG controlSelector)
+    : command(std::move(control), propertySet, controlSelector) {}
+
+HRESULT FirmwareCommandPipe::Transfer(ULONG flags, std::uint8_t* frame, ULONG* returned) {
+    *returned = 0;
+    if (!command.control) return E_FAIL;
+    KSPROPERTY property{};
+    property.Set = command.propertySet;
+    property.Id = command.controlSelector;
+    property.Flags = flags;
+    return command.control->KsProperty(&property, sizeof(property), frame,
+                                       static_cast<ULONG>(kCommandFrameSize), returned);
+}
+
+HRESULT FirmwareCommandPipe::SendCommand(std::uint32_t opcode, const std::uint8_t* data,
+                                         std::size_t dataLength, std::uint32_t parameter1,
+                                         std::uint32_t parameter2, std::uint32_t parameter3,
+                                         std::uint32_t parameter4) {
+    if (dataLength > kMaxCommandDataSize) throw std::invalid_argument("failed to copy data");
+    if (data == nullptr && dataLength != 0) return E_POINTER;
+    Frame frame{};
+    FillHeader(frame, dataLength, opcode, parameter1, parameter2, parameter3, parameter4);
+    if (dataLength != 0) std::memcpy(&frame[kCommandHeaderSize], data, dataLength);
+
+    ULONG returned = 0;
+    HRESULT status = Transfer(KSPROPERTY_TYPE_SET, frame.data(), &returned);
+    if (status != S_OK) return status;
+
+    Frame reply{};
+    status = Transfer(KSPROPERTY_TYPE_GET, reply.data(), &returned);
+    if (status != S_OK) return status;
+    if (returned < 4 || Le32(reply.data()) != opcode) return E_FAIL;
+    return S_OK;
+}
+
+HRESULT FirmwareCommandPipe::ReadResponse(std::uint8_t* out, std::uint32_t opcode,
+                                          std::size_t length, std::uint32_t parameter1,
+                                          std::uint32_t parameter2, std::uint32_t parameter3,
+                                          std::uint32_t parameter4) {
+    if (length > kMaxResponseDataSize) return E_INVALIDARG;
+    if (out == nullptr && length != 0) return E_POINTER;
+    Frame frame{};
+    FillHeader(frame, 0, opcode, parameter1, parameter2, parameter3, parameter4);
+
+    ULONG returned = 0;
+    HRESULT status = Transfer(KSPROPERTY_TYPE_SET, frame.data(), &returned);
+    if (status != S_OK) return status;
+
+    Sleep(kResponseDelayMs);
+
+    Frame reply{};
+    status = Transfer(KSPROPERTY_TYPE_GET, reply.data(), &returned);
+    if (status != S_OK) return status;
+    if (returned < length + 4 || Le32(reply.data()) != opcode) return E_FAIL;
+    if (length != 0) std::memcpy(out, &reply[4], length);
+    return S_OK;
+}
