@@ -1,236 +1,130 @@
+// Cameras of the lab reached through the platform layer: enumeration and initialisation.
 #include <gtest/gtest.h>
 
-#include <map>
-#include <sstream>
-
 #include "camera/camera_devices_factory.h"
-#include "platform/ks.h"
+#include "platform/sim/sim_world.h"
+#include "updatable/lynx_updatable_device.h"
 
 namespace {
 
 using Microsoft::WRL::ComPtr;
 constexpr HRESULT kOutOfMemory = static_cast<HRESULT>(0x8007000Eu);
+constexpr HRESULT kFileNotFound = static_cast<HRESULT>(0x80070002u);
 
-// An activation object that only knows its own name.
-class Activation final : public IMFActivate {
-  public:
-    explicit Activation(std::wstring name) : name(std::move(name)) {}
-    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID, void** object) override {
-        *object = nullptr;
-        return E_NOINTERFACE;
+class LabCameras : public testing::Test {
+  protected:
+    void Load(const std::string& json) {
+        world = std::make_shared<sim::SimWorld>(sim::ParseWorld(json));
+        platform::InstallBackend(world);
     }
-    ULONG STDMETHODCALLTYPE AddRef() override { return ++refs; }
-    ULONG STDMETHODCALLTYPE Release() override { return --refs; }
-    HRESULT STDMETHODCALLTYPE GetGUID(REFGUID, GUID*) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE GetAllocatedString(REFGUID, LPWSTR*, UINT32*) override {
-        return E_NOTIMPL;
-    }
-    HRESULT STDMETHODCALLTYPE SetGUID(REFGUID, REFGUID) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE SetString(REFGUID, LPCWSTR) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE ActivateObject(REFIID, void**) override { return E_NOTIMPL; }
-
-    std::wstring name;
-    long refs = 1;
+    void TearDown() override { platform::InstallBackend(nullptr); }
+    std::shared_ptr<sim::SimWorld> world;
 };
 
-// A store that keeps the pairs it is given, in order.
-class Store final : public IMFAttributes {
-  public:
-    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID, void** object) override {
-        *object = nullptr;
-        return E_NOINTERFACE;
-    }
-    ULONG STDMETHODCALLTYPE AddRef() override { return ++refs; }
-    ULONG STDMETHODCALLTYPE Release() override { return --refs; }
-    HRESULT STDMETHODCALLTYPE GetGUID(REFGUID, GUID*) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE GetAllocatedString(REFGUID, LPWSTR*, UINT32*) override {
-        return E_NOTIMPL;
-    }
-    HRESULT STDMETHODCALLTYPE SetGUID(REFGUID key, REFGUID value) override {
-        pairs.emplace_back(key, value);
-        return S_OK;
-    }
-    HRESULT STDMETHODCALLTYPE SetString(REFGUID, LPCWSTR) override { return E_NOTIMPL; }
-
-    DeviceSourceAttributeSet pairs;
-    long refs = 1;
-};
-
-// What the platform reports for each attribute set, and where it fails. The calls are plain
-// function pointers, so they reach the scenario through this one pointer.
-struct Platform {
-    std::vector<std::vector<Activation*>> perSet;
-    int createFailsAt = -1;  // index of the set whose store cannot be made
-    int enumFailsAt = -1;
-    std::vector<std::unique_ptr<Store>> stores;
-};
-Platform* platformUnderTest = nullptr;
-
-HRESULT FakeCreateAttributes(IMFAttributes** attributes, UINT32) {
-    const int set = static_cast<int>(platformUnderTest->stores.size());
-    if (set == platformUnderTest->createFailsAt) {
-        platformUnderTest->stores.push_back(nullptr);
-        *attributes = nullptr;
-        return kOutOfMemory;
-    }
-    platformUnderTest->stores.push_back(std::make_unique<Store>());
-    *attributes = platformUnderTest->stores.back().get();
-    return S_OK;
+// The platform's calls, failing at the given call (0 = first attribute set); the function
+// pointers reach the counters through these globals.
+int createCalls = 0, enumCalls = 0, createFailsAt = -1, enumFailsAt = -1;
+HRESULT CreateAttributes(IMFAttributes** store, UINT32 size) {
+    return createCalls++ == createFailsAt ? kOutOfMemory : MFCreateAttributes(store, size);
 }
-
-HRESULT FakeEnumDeviceSources(IMFAttributes*, IMFActivate*** sources, UINT32* count) {
-    const int set = static_cast<int>(platformUnderTest->stores.size()) - 1;
-    if (set == platformUnderTest->enumFailsAt) return E_FAIL;
-    const auto& devices = platformUnderTest->perSet.at(set);
-    *count = static_cast<UINT32>(devices.size());
-    *sources =
-        static_cast<IMFActivate**>(CoTaskMemAlloc(sizeof(IMFActivate*) * (devices.size() + 1)));
-    for (std::size_t i = 0; i < devices.size(); ++i) {
-        devices[i]->AddRef();
-        (*sources)[i] = devices[i];
-    }
-    return S_OK;
+HRESULT EnumDeviceSources(IMFAttributes* store, IMFActivate*** sources, UINT32* count) {
+    return enumCalls++ == enumFailsAt ? E_FAIL : MFEnumDeviceSources(store, sources, count);
 }
-
-class NamedDevice final : public CameraDevice {
-  public:
-    NamedDevice(std::wstring deviceName, bool updatable, std::ostream* logWhileMade)
-        : updatable(updatable), logWhileMade(logWhileMade) {
-        name = std::move(deviceName);
-    }
-    bool IsUpdatable() const override { return updatable; }
-    bool updatable;
-    std::ostream* logWhileMade;
-};
-
-// Makes a device of every activation whose name starts with `prefix`; remembers whom it saw.
-class PrefixFactory final : public ICameraDeviceFactory {
-  public:
-    PrefixFactory(std::wstring prefix, bool updatable)
-        : prefix(std::move(prefix)), updatable(updatable) {}
-    std::shared_ptr<ICameraDevice> CreateDevice(ComPtr<IMFActivate> activation) override {
-        const auto* named = static_cast<Activation*>(activation.Get());
-        asked.push_back(named->name);
-        if (named->name.rfind(prefix, 0) != 0 || named->name.rfind(L"Broken", 0) == 0) {
-            return nullptr;
-        }
-        auto device = std::make_shared<NamedDevice>(named->name, updatable, nullptr);
-        device->logWhileMade = device->GetLog();
-        return device;
-    }
-    std::wstring prefix;
-    bool updatable;
-    std::vector<std::wstring> asked;
-};
 
 struct EnumerationCase {
     const char* name;
-    std::vector<std::vector<std::wstring>> perSet;
     int createFailsAt;
     int enumFailsAt;
-    std::vector<std::wstring> expected;  // names, "*" marking the family's devices
-    std::size_t storesMade;
+    std::vector<std::wstring> expected;
 };
 
-class Enumeration : public testing::TestWithParam<EnumerationCase> {};
+class Enumeration : public LabCameras, public testing::WithParamInterface<EnumerationCase> {};
 
-TEST_P(Enumeration, ListsEveryDeviceOfBothSetsInOrder) {
-    const EnumerationCase& c = GetParam();
-    std::map<std::wstring, std::unique_ptr<Activation>> objects;
-    Platform platform;
-    for (const auto& names : c.perSet) {
-        platform.perSet.emplace_back();
-        for (const auto& name : names) {
-            auto& object = objects[name];
-            if (!object) object = std::make_unique<Activation>(name);
-            platform.perSet.back().push_back(object.get());
-        }
-    }
-    platform.createFailsAt = c.createFailsAt;
-    platform.enumFailsAt = c.enumFailsAt;
-    platformUnderTest = &platform;
-
-    // Two family factories: the second must never see what the first one took.
-    auto lynx = std::make_shared<PrefixFactory>(L"Lynx", true);
-    auto alsoLynx = std::make_shared<PrefixFactory>(L"Lynx", true);
-    auto fallback = std::make_shared<PrefixFactory>(L"", false);
+TEST_P(Enumeration, SensorCategoryFirstThenEveryCaptureDevice) {
+    Load(R"({"cameras": [
+        {"name": "Webcam A", "link": "a"},
+        {"name": "Lynx B", "link": "b", "enumerations": [1, 2], "lynx": true, "firmware": "5.10.0.28"},
+        {"name": "IR camera C", "link": "c", "enumerations": [1]},
+        {"name": "Lynx D", "link": "d", "lynx": true, "firmware": "1.2.3.4"}]})");
+    createCalls = enumCalls = 0;
+    createFailsAt = GetParam().createFailsAt;
+    enumFailsAt = GetParam().enumFailsAt;
     std::ostringstream log;
-    std::vector<std::wstring> names;
-    {
-        CameraDevicesFactory enumerator(&log, {lynx, alsoLynx}, fallback,
-                                        {&FakeCreateAttributes, &FakeEnumDeviceSources});
-        for (const auto& device : enumerator.GetDevices()) {
-            names.push_back((device->IsUpdatable() ? L"*" : L"") + device->GetName());
-            EXPECT_EQ(&log, device->GetLog());
-            EXPECT_EQ(nullptr, static_cast<NamedDevice&>(*device).logWhileMade);
-        }
+    CameraDevicesFactory enumerator(&log, {std::make_shared<LynxUpdatableDeviceFactory>()},
+                                    std::make_shared<CameraDeviceFactory>(),
+                                    {&CreateAttributes, &EnumDeviceSources});
+
+    std::vector<std::wstring> lines;
+    for (const auto& device : enumerator.GetDevices()) {
+        lines.push_back(device->GetDetails(true));
+        EXPECT_EQ(&log, device->GetLog());
     }
-    EXPECT_EQ(c.expected, names);
-    EXPECT_EQ(c.storesMade, platform.stores.size());
-    // Whatever the first family factory claimed went no further down the chain.
-    EXPECT_EQ(alsoLynx->asked, fallback->asked);
-    for (const auto& name : fallback->asked) EXPECT_NE(0u, name.rfind(L"Lynx", 0));
-    // Every reference the platform handed out came back.
-    for (const auto& [name, object] : objects)
-        EXPECT_EQ(1, object->refs) << std::string(name.begin(), name.end());
-    for (const auto& store : platform.stores) {
-        if (store) {
-            EXPECT_EQ(0, store->refs);
-        }
-    }
-    EXPECT_TRUE(log.str().empty());
-    platformUnderTest = nullptr;
+
+    EXPECT_EQ(GetParam().expected, lines);
+    EXPECT_EQ(
+        std::min(createFailsAt < 0 ? 2 : createFailsAt + 1, enumFailsAt < 0 ? 2 : enumFailsAt + 1),
+        createCalls);
+    EXPECT_EQ("", log.str());
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Scenarios, Enumeration,
-    testing::Values(
-        EnumerationCase{"NoDevices", {{}, {}}, -1, -1, {}, 2},
-        EnumerationCase{"SensorSetComesFirst",
-                        {{L"Lynx depth"}, {L"Webcam", L"Lynx color"}},
-                        -1,
-                        -1,
-                        {L"*Lynx depth", L"Webcam", L"*Lynx color"},
-                        2},
-        EnumerationCase{"ReportedByBothSetsIsListedTwice",
-                        {{L"Lynx depth"}, {L"Lynx depth", L"Webcam"}},
-                        -1,
-                        -1,
-                        {L"*Lynx depth", L"*Lynx depth", L"Webcam"},
-                        2},
-        EnumerationCase{"UnusableDeviceIsLeftOut",
-                        {{L"Broken", L"Webcam"}, {L"Lynx color", L"Broken"}},
-                        -1,
-                        -1,
-                        {L"Webcam", L"*Lynx color"},
-                        2},
-        EnumerationCase{"SecondStoreCannotBeMade",
-                        {{L"Lynx depth", L"Webcam"}, {L"Other"}},
-                        1,
-                        -1,
-                        {L"*Lynx depth", L"Webcam"},
-                        2},
-        EnumerationCase{
-            "SecondEnumerationFails", {{L"Lynx depth"}, {L"Other"}}, -1, 1, {L"*Lynx depth"}, 2},
-        EnumerationCase{"FirstStoreCannotBeMade", {{L"Webcam"}, {L"Other"}}, 0, -1, {}, 1}),
-    [](const testing::TestParamInfo<EnumerationCase>& info) { return info.param.name; });
+const std::wstring kB = L"Lynx B (FW Version: 5.10.0.28), Symbolic link: b";
+const std::wstring kC = L"IR camera C, Symbolic link: c";
+const std::wstring kA = L"Webcam A, Symbolic link: a";
+const std::wstring kD = L"Lynx D (FW Version: 1.2.3.4), Symbolic link: d";
 
-TEST(EnumerationAttributes, SensorCameraCategoryThenPlainVideoCapture) {
-    Platform platform;
-    platform.perSet = {{}, {}};
-    platformUnderTest = &platform;
-    CameraDevicesFactory enumerator(nullptr, {}, std::make_shared<CameraDeviceFactory>(),
-                                    {&FakeCreateAttributes, &FakeEnumDeviceSources});
-    EXPECT_TRUE(enumerator.GetDevices().empty());
-    ASSERT_EQ(2u, platform.stores.size());
-    const DeviceSourceAttributeSet sensor = {
-        {MF_DEVSOURCE_ATTRIBUTE_SOURCE_TYPE, MF_DEVSOURCE_ATTRIBUTE_SOURCE_TYPE_VIDCAP_GUID},
-        {MF_DEVSOURCE_ATTRIBUTE_SOURCE_TYPE_VIDCAP_CATEGORY, KSCATEGORY_SENSOR_CAMERA}};
-    const DeviceSourceAttributeSet capture = {
-        {MF_DEVSOURCE_ATTRIBUTE_SOURCE_TYPE, MF_DEVSOURCE_ATTRIBUTE_SOURCE_TYPE_VIDCAP_GUID}};
-    EXPECT_TRUE(sensor == platform.stores[0]->pairs);
-    EXPECT_TRUE(capture == platform.stores[1]->pairs);
-    platformUnderTest = nullptr;
+INSTANTIATE_TEST_SUITE_P(Failures, Enumeration,
+                         testing::Values(EnumerationCase{"None", -1, -1, {kB, kC, kA, kB, kD}},
+                                         EnumerationCase{"SecondStore", 1, -1, {kB, kC}},
+                                         EnumerationCase{"SecondEnumeration", -1, 1, {kB, kC}},
+                                         EnumerationCase{"FirstStore", 0, -1, {}}),
+                         [](const testing::TestParamInfo<EnumerationCase>& info) {
+                             return info.param.name;
+                         });
+
+ComPtr<IMFActivate> EnumeratedActivation() {
+    ComPtr<IMFAttributes> store;
+    MFCreateAttributes(store.GetAddressOf(), 1);
+    store->SetGUID(MF_DEVSOURCE_ATTRIBUTE_SOURCE_TYPE,
+                   MF_DEVSOURCE_ATTRIBUTE_SOURCE_TYPE_VIDCAP_GUID);
+    IMFActivate** found = nullptr;
+    UINT32 count = 0;
+    ComPtr<IMFActivate> activation;
+    if (MFEnumDeviceSources(store.Get(), &found, &count) == S_OK && count == 1) {
+        activation.Attach(found[0]);
+    }
+    CoTaskMemFree(found);
+    return activation;
+}
+
+TEST_F(LabCameras, InitializationKeepsWhatItReadBeforeAFailure) {
+    Load(R"({"cameras": [{"name": "Caméra «µ»", "link": "present"}]})");
+    CameraDevice working;
+    EXPECT_EQ(L"Unknown, Symbolic link: Unknown", working.GetDetails(true));
+    EXPECT_EQ(S_OK, working.Initialize(EnumeratedActivation()));
+    EXPECT_EQ(L"Caméra «µ», Symbolic link: present", working.GetDetails(true));
+    EXPECT_EQ(L"No FW version", working.GetFirmwareVersion());
+
+    // An activation object that names the device only by its link has no friendly name.
+    ComPtr<IMFAttributes> store;
+    ComPtr<IMFActivate> linkOnly;
+    MFCreateAttributes(store.GetAddressOf(), 2);
+    store->SetGUID(MF_DEVSOURCE_ATTRIBUTE_SOURCE_TYPE,
+                   MF_DEVSOURCE_ATTRIBUTE_SOURCE_TYPE_VIDCAP_GUID);
+    store->SetString(MF_DEVSOURCE_ATTRIBUTE_SOURCE_TYPE_VIDCAP_SYMBOLIC_LINK, L"present");
+    ASSERT_EQ(S_OK, MFCreateDeviceSourceActivate(store.Get(), linkOnly.GetAddressOf()));
+    CameraDevice nameless;
+    EXPECT_EQ(MF_E_ATTRIBUTENOTFOUND, nameless.Initialize(linkOnly));
+    EXPECT_EQ(L"Unknown, Symbolic link: present", nameless.GetDetails(true));
+
+    // Unplugged between enumeration and activation.
+    auto activation = EnumeratedActivation();
+    {
+        std::lock_guard lock(world->Lock());
+        world->Cameras()[0]->present = false;
+    }
+    CameraDevice gone;
+    EXPECT_EQ(kFileNotFound, gone.Initialize(activation));
+    EXPECT_EQ(L"Caméra «µ», Symbolic link: present", gone.GetDetails(true));
 }
 
 }  // namespace
