@@ -1,33 +1,443 @@
 #include "platform/linux/linux_backend.h"
 
+#include <fcntl.h>
+#include <linux/usbdevice_fs.h>
+#include <linux/uvcvideo.h>
+#include <linux/videodev2.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <set>
+
+#include "platform/linux/settings_store.h"
+#include "platform/linux/sysfs.h"
+#include "platform/linux/uevent_monitor.h"
+#include "platform/linux/usb_paths.h"
+#include "platform/linux/uvc_descriptors.h"
+
 namespace platform::linux_hw {
 namespace {
 
+constexpr DWORD ERROR_SET_NOT_FOUND = 1170;
+constexpr DWORD ERROR_NOT_FOUND = 1168;
+
+constexpr std::uint32_t kGet = 0x1;
+constexpr std::uint32_t kSet = 0x2;
+constexpr std::uint32_t kSetSupport = 0x100;
+constexpr std::uint32_t kTopology = 0x10000000;
+
+constexpr std::uint8_t kUvcSetCur = 0x01;
+constexpr std::uint8_t kUvcGetCur = 0x81;
+constexpr std::uint8_t kUvcGetLen = 0x85;
+constexpr std::uint8_t kUvcGetInfo = 0x86;
+constexpr std::uint8_t kInfoSupportsSet = 0x02;
+
+// Long enough for a device that is busy writing flash; short enough not to hang the tool.
+constexpr unsigned kControlTimeoutMs = 5000;
+
+class FileDescriptor {
+  public:
+    explicit FileDescriptor(int fd = -1) : fd_(fd) {}
+    ~FileDescriptor() {
+        if (fd_ >= 0) ::close(fd_);
+    }
+    FileDescriptor(const FileDescriptor&) = delete;
+    FileDescriptor& operator=(const FileDescriptor&) = delete;
+    int get() const { return fd_; }
+
+  private:
+    int fd_;
+};
+
+int RetryIoctl(int fd, unsigned long request, void* argument) {
+    int result;
+    do {
+        result = ::ioctl(fd, request, argument);
+    } while (result < 0 && errno == EINTR);
+    return result;
+}
+
+// --- USB devices through usbfs ---------------------------------------------------------
+
+class UsbfsConnection final : public UsbDeviceConnection {
+  public:
+    explicit UsbfsConnection(int fd) : fd_(fd) {}
+    ~UsbfsConnection() override {
+        for (unsigned number : claimed_) {
+            unsigned interfaceNumber = number;
+            RetryIoctl(fd_.get(), USBDEVFS_RELEASEINTERFACE, &interfaceNumber);
+        }
+    }
+
+    ErrorCode GetDescriptor(std::uint8_t type, std::uint8_t index, std::uint16_t language,
+                            std::uint8_t* buffer, std::uint32_t length,
+                            std::uint32_t* transferred) override {
+        UsbSetupPacket setup;
+        setup.requestType = 0x80;
+        setup.request = 6;  // GET_DESCRIPTOR
+        setup.value = static_cast<std::uint16_t>((type << 8) | index);
+        setup.index = language;
+        setup.length = static_cast<std::uint16_t>(length > 0xFFFF ? 0xFFFF : length);
+        return ControlTransfer(setup, buffer, setup.length, transferred);
+    }
+
+    ErrorCode ClaimInterface(std::uint8_t interfaceNumber) override {
+        unsigned number = interfaceNumber;
+        if (RetryIoctl(fd_.get(), USBDEVFS_CLAIMINTERFACE, &number) < 0) {
+            return ErrorFromErrno(errno);
+        }
+        claimed_.insert(number);
+        return ERROR_SUCCESS;
+    }
+
+    ErrorCode ReleaseInterface(std::uint8_t interfaceNumber) override {
+        unsigned number = interfaceNumber;
+        if (claimed_.erase(number) == 0) return ERROR_SUCCESS;
+        if (RetryIoctl(fd_.get(), USBDEVFS_RELEASEINTERFACE, &number) < 0) {
+            return ErrorFromErrno(errno);
+        }
+        return ERROR_SUCCESS;
+    }
+
+    ErrorCode SetAlternateSetting(std::uint8_t interfaceNumber,
+                                  std::uint8_t alternateSetting) override {
+        usbdevfs_setinterface request{};
+        request.interface = interfaceNumber;
+        request.altsetting = alternateSetting;
+        if (RetryIoctl(fd_.get(), USBDEVFS_SETINTERFACE, &request) < 0) {
+            return ErrorFromErrno(errno);
+        }
+        return ERROR_SUCCESS;
+    }
+
+    ErrorCode ControlTransfer(const UsbSetupPacket& setup, std::uint8_t* buffer,
+                              std::uint32_t length, std::uint32_t* transferred) override {
+        if (transferred != nullptr) *transferred = 0;
+        if (length > setup.length) length = setup.length;
+        if (length > 0 && buffer == nullptr) return ERROR_INVALID_PARAMETER;
+        usbdevfs_ctrltransfer request{};
+        request.bRequestType = setup.requestType;
+        request.bRequest = setup.request;
+        request.wValue = setup.value;
+        request.wIndex = setup.index;
+        // The data stage is what the caller's buffer holds, never more than the setup says.
+        request.wLength = static_cast<std::uint16_t>(length);
+        request.timeout = kControlTimeoutMs;
+        request.data = buffer;
+        const int result = RetryIoctl(fd_.get(), USBDEVFS_CONTROL, &request);
+        if (result < 0) return ErrorFromErrno(errno);
+        if (transferred != nullptr) *transferred = static_cast<std::uint32_t>(result);
+        return ERROR_SUCCESS;
+    }
+
+  private:
+    FileDescriptor fd_;
+    std::set<unsigned> claimed_;
+};
+
+// --- cameras through V4L2 and uvcvideo ---------------------------------------------------
+
+struct CaptureNode {
+    std::string nodeName;  // "video0"
+    UsbDeviceAddress address;
+    std::uint8_t interfaceNumber = 0;
+    std::string usbDeviceDir;  // sysfs directory of the USB device
+    std::wstring friendlyName;
+};
+
+class V4l2Connection final : public VideoDeviceConnection {
+  public:
+    V4l2Connection(int fd, UvcControlInterface control) : fd_(fd), control_(std::move(control)) {}
+
+    HRESULT GetNodeCount(std::uint32_t* count) override {
+        *count = static_cast<std::uint32_t>(control_.entities.size());
+        return S_OK;
+    }
+
+    HRESULT GetNodeType(std::uint32_t node, GUID* type) override {
+        if (node >= control_.entities.size()) return HResultFromError(ERROR_NOT_FOUND);
+        *type = NodeTypeOf(control_.entities[node]);
+        return S_OK;
+    }
+
+    HRESULT OpenNode(std::uint32_t node) override {
+        return node < control_.entities.size() ? S_OK : HResultFromError(ERROR_NOT_FOUND);
+    }
+
+    HRESULT NodeProperty(std::uint32_t node, const GUID& propertySet, std::uint32_t id,
+                         std::uint32_t flags, std::uint8_t* data, std::uint32_t length,
+                         std::uint32_t* returned) override {
+        *returned = 0;
+        if (node >= control_.entities.size()) return HResultFromError(ERROR_NOT_FOUND);
+        if (!(flags & kTopology)) return HResultFromError(ERROR_SET_NOT_FOUND);
+        const UvcEntity& unit = control_.entities[node];
+        if (unit.kind != UvcEntityKind::kExtensionUnit || unit.extensionCode != propertySet) {
+            return HResultFromError(ERROR_SET_NOT_FOUND);
+        }
+        if (id == 0 || id > 0xFF || !unit.HasControl(static_cast<std::uint8_t>(id))) {
+            return HResultFromError(ERROR_NOT_FOUND);
+        }
+        const auto selector = static_cast<std::uint8_t>(id);
+        const std::uint32_t request = flags & ~kTopology;
+
+        if (request == kSetSupport) {
+            std::uint8_t info = 0;
+            const ErrorCode error = Query(unit.id, selector, kUvcGetInfo, &info, 1);
+            if (error != ERROR_SUCCESS) return HResultFromError(error);
+            return (info & kInfoSupportsSet) ? S_OK : HResultFromError(ERROR_NOT_SUPPORTED);
+        }
+        if (request != kGet && request != kSet) return HResultFromError(ERROR_NOT_SUPPORTED);
+
+        std::uint8_t lengthBytes[2] = {};
+        ErrorCode error = Query(unit.id, selector, kUvcGetLen, lengthBytes, 2);
+        if (error != ERROR_SUCCESS) return HResultFromError(error);
+        const std::uint32_t size = lengthBytes[0] | (lengthBytes[1] << 8);
+        if (request == kGet) {
+            if (data == nullptr || length < size) {
+                // As kernel streaming does: the caller learns the size it needs.
+                *returned = size;
+                return HResultFromError(ERROR_INSUFFICIENT_BUFFER);
+            }
+            error = Query(unit.id, selector, kUvcGetCur, data, size);
+            if (error != ERROR_SUCCESS) return HResultFromError(error);
+            *returned = size;
+            return S_OK;
+        }
+        if (data == nullptr || length < size) return HResultFromError(ERROR_INVALID_PARAMETER);
+        error = Query(unit.id, selector, kUvcSetCur, data, size);
+        return error == ERROR_SUCCESS ? S_OK : HResultFromError(error);
+    }
+
+  private:
+    ErrorCode Query(std::uint8_t unit, std::uint8_t selector, std::uint8_t query,
+                    std::uint8_t* data, std::uint32_t size) {
+        if (size > 0xFFFF) return ERROR_INVALID_PARAMETER;
+        uvc_xu_control_query request{};
+        request.unit = unit;
+        request.selector = selector;
+        request.query = query;
+        request.size = static_cast<std::uint16_t>(size);
+        request.data = data;
+        return RetryIoctl(fd_.get(), UVCIOC_CTRL_QUERY, &request) < 0 ? ErrorFromErrno(errno)
+                                                                      : ERROR_SUCCESS;
+    }
+
+    FileDescriptor fd_;
+    UvcControlInterface control_;
+};
+
+std::wstring WidenUtf8(const std::string& text) {
+    std::wstring out;
+    for (std::size_t i = 0; i < text.size();) {
+        const auto c = static_cast<unsigned char>(text[i]);
+        unsigned code = c;
+        std::size_t extra = 0;
+        if (c >= 0xF0)
+            code = c & 0x07, extra = 3;
+        else if (c >= 0xE0)
+            code = c & 0x0F, extra = 2;
+        else if (c >= 0xC0)
+            code = c & 0x1F, extra = 1;
+        if (extra > 0 && i + extra >= text.size()) {
+            out.push_back(L'?');
+            break;
+        }
+        for (std::size_t k = 1; k <= extra; ++k) {
+            code = (code << 6) | (static_cast<unsigned char>(text[i + k]) & 0x3F);
+        }
+        out.push_back(static_cast<wchar_t>(code));
+        i += extra + 1;
+    }
+    return out;
+}
+
 class LinuxBackend final : public DeviceBackend {
   public:
-    std::vector<std::wstring> ListUsbDeviceInterfaces() override { return {}; }
-    ErrorCode OpenUsbDevice(const std::wstring&, std::unique_ptr<UsbDeviceConnection>*) override {
-        return ERROR_FILE_NOT_FOUND;
+    explicit LinuxBackend(LinuxPaths paths)
+        : paths_(std::move(paths)), settings_(paths_.settings), monitor_() {}
+
+    std::vector<std::wstring> ListUsbDeviceInterfaces() override {
+        std::vector<std::wstring> paths;
+        for (const std::string& name : ListUsbDeviceNames(UsbDevicesDir())) {
+            if (auto address = ReadAddress(name)) paths.push_back(BuildUsbInterfacePath(*address));
+        }
+        return paths;
     }
-    std::uint64_t SubscribeUsbEvents(UsbEventCallback) override { return 0; }
-    void UnsubscribeUsbEvents(std::uint64_t) override {}
-    std::vector<VideoCaptureDeviceInfo> ListVideoCaptureDevices(VideoCategory) override {
-        return {};
+
+    ErrorCode OpenUsbDevice(const std::wstring& interfacePath,
+                            std::unique_ptr<UsbDeviceConnection>* connection) override {
+        const auto wanted = ParseUsbInterfacePath(interfacePath);
+        if (!wanted) return ERROR_FILE_NOT_FOUND;
+        const auto present = ReadAddress(wanted->sysName);
+        if (!present || present->deviceNumber != wanted->deviceNumber ||
+            present->vendorId != wanted->vendorId || present->productId != wanted->productId) {
+            return ERROR_FILE_NOT_FOUND;
+        }
+        const auto bus =
+            ReadNumberAttribute(UsbDevicesDir() + "/" + wanted->sysName + "/busnum", 10);
+        if (!bus) return ERROR_FILE_NOT_FOUND;
+        char node[64];
+        std::snprintf(node, sizeof node, "/bus/usb/%03u/%03u", *bus, wanted->deviceNumber);
+        const int fd = ::open((paths_.dev + node).c_str(), O_RDWR | O_CLOEXEC);
+        if (fd < 0) return ErrorFromErrno(errno);
+        *connection = std::make_unique<UsbfsConnection>(fd);
+        return ERROR_SUCCESS;
     }
-    HRESULT OpenVideoDevice(const std::wstring&, std::unique_ptr<VideoDeviceConnection>*) override {
-        return HResultFromError(ERROR_FILE_NOT_FOUND);
+
+    std::uint64_t SubscribeUsbEvents(UsbEventCallback callback) override {
+        return monitor_.Subscribe(std::move(callback));
     }
-    ErrorCode CreateSettingsKey(const std::wstring&) override { return ERROR_ACCESS_DENIED; }
-    ErrorCode SetSettingsValue(const std::wstring&, const std::wstring&, std::uint32_t,
-                               const std::uint8_t*, std::uint32_t) override {
-        return ERROR_ACCESS_DENIED;
+
+    void UnsubscribeUsbEvents(std::uint64_t subscription) override {
+        monitor_.Unsubscribe(subscription);
     }
+
+    std::vector<VideoCaptureDeviceInfo> ListVideoCaptureDevices(VideoCategory category) override {
+        std::vector<VideoCaptureDeviceInfo> devices;
+        // Linux has no sensor-camera category; every capture node is a plain one.
+        if (category != VideoCategory::kVideoCapture) return devices;
+        for (const CaptureNode& node : CaptureNodes()) {
+            devices.push_back({node.friendlyName,
+                               BuildVideoLink(node.address, node.interfaceNumber, node.nodeName)});
+        }
+        return devices;
+    }
+
+    HRESULT OpenVideoDevice(const std::wstring& symbolicLink,
+                            std::unique_ptr<VideoDeviceConnection>* connection) override {
+        const auto link = ParseVideoLink(symbolicLink);
+        if (!link) return HResultFromError(ERROR_FILE_NOT_FOUND);
+        const auto node = DescribeNode(link->nodeName);
+        // The node number may have been given to another camera since the link was made.
+        if (!node || node->address.sysName != link->address.sysName ||
+            node->address.deviceNumber != link->address.deviceNumber ||
+            node->interfaceNumber != link->interfaceNumber) {
+            return HResultFromError(ERROR_FILE_NOT_FOUND);
+        }
+        const auto descriptors = ReadWholeFile(node->usbDeviceDir + "/descriptors");
+        const auto configuration =
+            ReadNumberAttribute(node->usbDeviceDir + "/bConfigurationValue", 10);
+        if (!descriptors || !configuration) return HResultFromError(ERROR_DEVICE_NOT_CONNECTED);
+        const auto control =
+            FindControlInterface(*descriptors, *configuration, node->interfaceNumber);
+        if (!control) return HResultFromError(ERROR_NOT_SUPPORTED);
+        const int fd = ::open((paths_.dev + "/" + node->nodeName).c_str(), O_RDWR | O_CLOEXEC);
+        if (fd < 0) return HResultFromError(ErrorFromErrno(errno));
+        *connection = std::make_unique<V4l2Connection>(fd, std::move(*control));
+        return S_OK;
+    }
+
+    ErrorCode CreateSettingsKey(const std::wstring& keyPath) override {
+        return settings_.CreateKey(keyPath);
+    }
+
+    ErrorCode SetSettingsValue(const std::wstring& keyPath, const std::wstring& valueName,
+                               std::uint32_t type, const std::uint8_t* data,
+                               std::uint32_t size) override {
+        return settings_.SetValue(keyPath, valueName, type, data, size);
+    }
+
+  private:
+    std::string UsbDevicesDir() const { return paths_.sys + "/bus/usb/devices"; }
+
+    std::optional<UsbDeviceAddress> ReadAddress(const std::string& name) const {
+        const std::string dir = UsbDevicesDir() + "/" + name;
+        const auto vendor = ReadNumberAttribute(dir + "/idVendor", 16);
+        const auto product = ReadNumberAttribute(dir + "/idProduct", 16);
+        const auto number = ReadNumberAttribute(dir + "/devnum", 10);
+        if (!vendor || !product || !number) return std::nullopt;
+        UsbDeviceAddress address;
+        address.sysName = name;
+        address.vendorId = static_cast<std::uint16_t>(*vendor);
+        address.productId = static_cast<std::uint16_t>(*product);
+        address.deviceNumber = *number;
+        return address;
+    }
+
+    // A capture node of a USB camera, or nothing for metadata nodes, output devices and
+    // nodes that are not on USB.
+    std::optional<CaptureNode> DescribeNode(const std::string& nodeName) const {
+        const std::string classDir = paths_.sys + "/class/video4linux/" + nodeName;
+        char resolved[PATH_MAX];
+        if (::realpath((classDir + "/device").c_str(), resolved) == nullptr) return std::nullopt;
+        const std::string interfaceDir = resolved;
+        const auto slash = interfaceDir.rfind('/');
+        if (slash == std::string::npos) return std::nullopt;
+        const std::string usbDir = interfaceDir.substr(0, slash);
+        const std::string usbName = usbDir.substr(usbDir.rfind('/') + 1);
+        const auto interfaceNumber = ReadNumberAttribute(interfaceDir + "/bInterfaceNumber", 16);
+        const auto address = ReadAddress(usbName);
+        if (!interfaceNumber || !address || *interfaceNumber > 0xFF) return std::nullopt;
+
+        FileDescriptor fd(::open((paths_.dev + "/" + nodeName).c_str(), O_RDONLY | O_CLOEXEC));
+        if (fd.get() < 0) return std::nullopt;
+        v4l2_capability caps{};
+        if (RetryIoctl(fd.get(), VIDIOC_QUERYCAP, &caps) < 0) return std::nullopt;
+        const std::uint32_t nodeCaps =
+            (caps.capabilities & V4L2_CAP_DEVICE_CAPS) ? caps.device_caps : caps.capabilities;
+        if (!(nodeCaps & (V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_VIDEO_CAPTURE_MPLANE))) {
+            return std::nullopt;
+        }
+        CaptureNode node;
+        node.nodeName = nodeName;
+        node.address = *address;
+        node.interfaceNumber = static_cast<std::uint8_t>(*interfaceNumber);
+        node.usbDeviceDir = usbDir;
+        // The V4L2 card name is cut at 31 characters; the product string is whole.
+        const auto product = ReadAttribute(usbDir + "/product");
+        node.friendlyName = WidenUtf8(
+            product && !product->empty() ? *product : reinterpret_cast<const char*>(caps.card));
+        return node;
+    }
+
+    std::vector<CaptureNode> CaptureNodes() const {
+        std::vector<std::pair<unsigned, CaptureNode>> numbered;
+        for (const std::string& name : ListDirectory(paths_.sys + "/class/video4linux")) {
+            unsigned index = 0;
+            if (std::sscanf(name.c_str(), "video%u", &index) != 1) continue;
+            if (auto node = DescribeNode(name)) numbered.emplace_back(index, std::move(*node));
+        }
+        std::sort(numbered.begin(), numbered.end(),
+                  [](const auto& a, const auto& b) { return a.first < b.first; });
+        std::vector<CaptureNode> nodes;
+        for (auto& entry : numbered) nodes.push_back(std::move(entry.second));
+        return nodes;
+    }
+
+    // The sysfs descriptors file holds the device descriptor and then every configuration.
+    static std::optional<UvcControlInterface> FindControlInterface(const std::string& raw,
+                                                                   unsigned configuration,
+                                                                   std::uint8_t interfaceNumber) {
+        const auto* bytes = reinterpret_cast<const std::uint8_t*>(raw.data());
+        std::size_t at = 18;
+        while (at + 9 <= raw.size()) {
+            const std::size_t total = bytes[at + 2] | (bytes[at + 3] << 8);
+            if (bytes[at + 1] != 0x02 || total < 9) return std::nullopt;
+            const std::size_t length = std::min(total, raw.size() - at);
+            if (bytes[at + 5] == configuration) {
+                return ParseUvcControlInterface(bytes + at, length, interfaceNumber);
+            }
+            at += total;
+        }
+        return std::nullopt;
+    }
+
+    LinuxPaths paths_;
+    SettingsStore settings_;
+    UeventMonitor monitor_;
 };
 
 }  // namespace
 
-std::shared_ptr<DeviceBackend> CreateLinuxBackend() {
-    return std::make_shared<LinuxBackend>();
+std::shared_ptr<DeviceBackend> CreateLinuxBackend(LinuxPaths paths) {
+    return std::make_shared<LinuxBackend>(std::move(paths));
 }
 
 }  // namespace platform::linux_hw

@@ -1,0 +1,138 @@
+#include "platform/linux/settings_store.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <vector>
+
+#include "platform/linux/sysfs.h"
+
+namespace platform::linux_hw {
+namespace {
+
+constexpr std::uint32_t kRegSz = 1;
+constexpr mode_t kDirectoryMode = 0700;  // the value steers a system service: root only
+constexpr mode_t kFileMode = 0600;
+
+// A registry name as one path component: anything but separators and the dot names.
+std::optional<std::string> Component(const std::wstring& name) {
+    if (name.empty() || name == L"." || name == L"..") return std::nullopt;
+    std::string out;
+    for (wchar_t c : name) {
+        if (c == L'/' || c == L'\0' || c < 0x20 || c > 0x7E) return std::nullopt;
+        out.push_back(static_cast<char>(c));
+    }
+    return out;
+}
+
+std::string Utf8FromUtf16(const std::uint8_t* data, std::uint32_t size) {
+    std::string out;
+    for (std::uint32_t i = 0; i + 1 < size; i += 2) {
+        unsigned unit = data[i] | (data[i + 1] << 8);
+        if (unit >= 0xD800 && unit <= 0xDBFF && i + 3 < size) {
+            const unsigned low = data[i + 2] | (data[i + 3] << 8);
+            if (low >= 0xDC00 && low <= 0xDFFF) {
+                unit = 0x10000 + ((unit - 0xD800) << 10) + (low - 0xDC00);
+                i += 2;
+            }
+        }
+        if (unit < 0x80) {
+            out.push_back(static_cast<char>(unit));
+        } else if (unit < 0x800) {
+            out.push_back(static_cast<char>(0xC0 | (unit >> 6)));
+            out.push_back(static_cast<char>(0x80 | (unit & 0x3F)));
+        } else if (unit < 0x10000) {
+            out.push_back(static_cast<char>(0xE0 | (unit >> 12)));
+            out.push_back(static_cast<char>(0x80 | ((unit >> 6) & 0x3F)));
+            out.push_back(static_cast<char>(0x80 | (unit & 0x3F)));
+        } else {
+            out.push_back(static_cast<char>(0xF0 | (unit >> 18)));
+            out.push_back(static_cast<char>(0x80 | ((unit >> 12) & 0x3F)));
+            out.push_back(static_cast<char>(0x80 | ((unit >> 6) & 0x3F)));
+            out.push_back(static_cast<char>(0x80 | (unit & 0x3F)));
+        }
+    }
+    return out;
+}
+
+ErrorCode MakeDirectory(const std::string& path) {
+    if (::mkdir(path.c_str(), kDirectoryMode) == 0 || errno == EEXIST) return ERROR_SUCCESS;
+    return ErrorFromErrno(errno);
+}
+
+}  // namespace
+
+std::optional<std::string> SettingsStore::KeyDirectory(const std::wstring& keyPath) const {
+    std::string directory = root_;
+    std::size_t start = 0;
+    while (start <= keyPath.size()) {
+        std::size_t end = keyPath.find(L'\\', start);
+        if (end == std::wstring::npos) end = keyPath.size();
+        const auto component = Component(keyPath.substr(start, end - start));
+        if (!component) return std::nullopt;
+        directory += "/" + *component;
+        start = end + 1;
+    }
+    return directory;
+}
+
+ErrorCode SettingsStore::CreateKey(const std::wstring& keyPath) {
+    const auto directory = KeyDirectory(keyPath);
+    if (!directory) return ERROR_INVALID_PARAMETER;
+    // Every level, as RegCreateKeyEx creates missing parents.
+    for (std::size_t at = root_.size(); at != std::string::npos;
+         at = directory->find('/', at + 1)) {
+        const ErrorCode error = MakeDirectory(directory->substr(0, at));
+        if (error != ERROR_SUCCESS) return error;
+    }
+    const ErrorCode error = MakeDirectory(*directory);
+    if (error != ERROR_SUCCESS) return error;
+    // An existing key that this user may not write is refused at open, as KEY_WRITE is.
+    if (::access(directory->c_str(), W_OK | X_OK) != 0) return ErrorFromErrno(errno);
+    return ERROR_SUCCESS;
+}
+
+ErrorCode SettingsStore::SetValue(const std::wstring& keyPath, const std::wstring& valueName,
+                                  std::uint32_t type, const std::uint8_t* data,
+                                  std::uint32_t size) {
+    const auto directory = KeyDirectory(keyPath);
+    const auto name = Component(valueName);
+    if (!directory || !name) return ERROR_INVALID_PARAMETER;
+    if (size > 0 && data == nullptr) return ERROR_INVALID_PARAMETER;
+    const std::string content = type == kRegSz
+                                    ? Utf8FromUtf16(data, size)
+                                    : std::string(reinterpret_cast<const char*>(data), size);
+    // Written aside and renamed, so a reader never sees half a value.
+    const std::string target = *directory + "/" + *name;
+    const std::string temporary = target + ".new";
+    const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kFileMode);
+    if (fd < 0) return ErrorFromErrno(errno);
+    std::size_t written = 0;
+    while (written < content.size()) {
+        const ssize_t n = ::write(fd, content.data() + written, content.size() - written);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            const int error = errno;
+            ::close(fd);
+            ::unlink(temporary.c_str());
+            return ErrorFromErrno(error);
+        }
+        written += static_cast<std::size_t>(n);
+    }
+    int error = ::fsync(fd) == 0 ? 0 : errno;
+    if (::close(fd) != 0 && error == 0) error = errno;
+    if (error != 0) {
+        ::unlink(temporary.c_str());
+        return ErrorFromErrno(error);
+    }
+    if (::rename(temporary.c_str(), target.c_str()) != 0) {
+        error = errno;
+        ::unlink(temporary.c_str());
+        return ErrorFromErrno(error);
+    }
+    return ERROR_SUCCESS;
+}
+
+}  // namespace platform::linux_hw

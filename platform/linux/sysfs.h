@@ -1,0 +1,28 @@
+// Small readers for sysfs and the mapping of errno values to the Windows errors the logic
+// above the seam expects.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/posix/device_backend.h"
+
+namespace platform::linux_hw {
+
+// What the Windows call would have failed with for this errno.
+ErrorCode ErrorFromErrno(int error);
+
+// The whole file, or nothing when it cannot be read.
+std::optional<std::string> ReadWholeFile(const std::string& path);
+// A sysfs attribute without its trailing newline.
+std::optional<std::string> ReadAttribute(const std::string& path);
+std::optional<unsigned> ReadNumberAttribute(const std::string& path, int base);
+std::vector<std::string> ListDirectory(const std::string& path);
+
+// The USB devices (not root hubs, not interfaces) under a sysfs root such as
+// /sys/bus/usb/devices, by name.
+std::vector<std::string> ListUsbDeviceNames(const std::string& devicesDir);
+
+}  // namespace platform::linux_hw

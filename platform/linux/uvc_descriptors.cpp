@@ -1,0 +1,171 @@
+#include "platform/linux/uvc_descriptors.h"
+
+namespace platform::linux_hw {
+namespace {
+
+constexpr std::uint8_t kInterfaceDescriptor = 0x04;
+constexpr std::uint8_t kClassSpecificInterface = 0x24;
+constexpr std::uint8_t kVideoClass = 0x0E;
+constexpr std::uint8_t kVideoControlSubclass = 0x01;
+
+constexpr std::uint8_t kVcHeader = 0x01;
+constexpr std::uint8_t kVcInputTerminal = 0x02;
+constexpr std::uint8_t kVcOutputTerminal = 0x03;
+constexpr std::uint8_t kVcSelectorUnit = 0x04;
+constexpr std::uint8_t kVcProcessingUnit = 0x05;
+constexpr std::uint8_t kVcExtensionUnit = 0x06;
+constexpr std::uint8_t kVcEncodingUnit = 0x07;
+
+constexpr std::uint16_t kCameraTerminal = 0x0201;
+constexpr std::uint16_t kStreamingTerminal = 0x0101;
+
+constexpr GUID kNodeCameraTerminal = {
+    0xDFF229E6, 0xF70F, 0x11D0, {0xB9, 0x17, 0x00, 0xA0, 0xC9, 0x22, 0x31, 0x96}};
+constexpr GUID kNodeProcessing = {
+    0xDFF229E5, 0xF70F, 0x11D0, {0xB9, 0x17, 0x00, 0xA0, 0xC9, 0x22, 0x31, 0x96}};
+constexpr GUID kNodeStreamingOutput = {
+    0xDFF229E1, 0xF70F, 0x11D0, {0xB9, 0x17, 0x00, 0xA0, 0xC9, 0x22, 0x31, 0x96}};
+constexpr GUID kNodeInputTerminal = {
+    0xDFF229E2, 0xF70F, 0x11D0, {0xB9, 0x17, 0x00, 0xA0, 0xC9, 0x22, 0x31, 0x96}};
+constexpr GUID kNodeOutputTerminal = {
+    0xDFF229E3, 0xF70F, 0x11D0, {0xB9, 0x17, 0x00, 0xA0, 0xC9, 0x22, 0x31, 0x96}};
+constexpr GUID kNodeSelector = {
+    0xDFF229E4, 0xF70F, 0x11D0, {0xB9, 0x17, 0x00, 0xA0, 0xC9, 0x22, 0x31, 0x96}};
+constexpr GUID kNodeDevSpecific = {
+    0x941C7AC0, 0xC559, 0x11D0, {0x8A, 0x2B, 0x00, 0xA0, 0xC9, 0x25, 0x5A, 0xC1}};
+
+std::uint16_t Le16(const std::uint8_t* p) {
+    return static_cast<std::uint16_t>(p[0] | (p[1] << 8));
+}
+
+// GUIDs travel in USB descriptors in the same mixed-endian layout as in memory on x86.
+GUID GuidFromWire(const std::uint8_t* p) {
+    GUID guid{};
+    guid.Data1 = static_cast<std::uint32_t>(p[0]) | (static_cast<std::uint32_t>(p[1]) << 8) |
+                 (static_cast<std::uint32_t>(p[2]) << 16) |
+                 (static_cast<std::uint32_t>(p[3]) << 24);
+    guid.Data2 = Le16(p + 4);
+    guid.Data3 = Le16(p + 6);
+    for (int i = 0; i < 8; ++i) guid.Data4[i] = p[8 + i];
+    return guid;
+}
+
+// One class-specific video-control descriptor; false when it is too short for its kind.
+bool ParseEntity(const std::uint8_t* d, std::uint8_t length, UvcEntity* entity) {
+    switch (d[2]) {
+        case kVcInputTerminal:
+            if (length < 8) return false;
+            entity->kind = UvcEntityKind::kInputTerminal;
+            entity->id = d[3];
+            entity->terminalType = Le16(d + 4);
+            return true;
+        case kVcOutputTerminal:
+            if (length < 9) return false;
+            entity->kind = UvcEntityKind::kOutputTerminal;
+            entity->id = d[3];
+            entity->terminalType = Le16(d + 4);
+            return true;
+        case kVcSelectorUnit:
+            if (length < 5) return false;
+            entity->kind = UvcEntityKind::kSelectorUnit;
+            entity->id = d[3];
+            return true;
+        case kVcProcessingUnit: {
+            if (length < 8) return false;
+            entity->kind = UvcEntityKind::kProcessingUnit;
+            entity->id = d[3];
+            const std::uint8_t size = d[7];
+            if (8u + size > length) return false;
+            entity->controls.assign(d + 8, d + 8 + size);
+            return true;
+        }
+        case kVcExtensionUnit: {
+            // bLength, type, subtype, bUnitID, guid(16), bNumControls, bNrInPins, pins...,
+            // bControlSize, bmControls..., iExtension
+            if (length < 24) return false;
+            entity->kind = UvcEntityKind::kExtensionUnit;
+            entity->id = d[3];
+            entity->extensionCode = GuidFromWire(d + 4);
+            entity->controlCount = d[20];
+            const std::size_t pins = d[21];
+            const std::size_t sizeAt = 22 + pins;
+            if (sizeAt >= length) return false;
+            const std::size_t size = d[sizeAt];
+            if (sizeAt + 1 + size > length) return false;
+            entity->controls.assign(d + sizeAt + 1, d + sizeAt + 1 + size);
+            return true;
+        }
+        case kVcEncodingUnit:
+            if (length < 4) return false;
+            entity->kind = UvcEntityKind::kEncodingUnit;
+            entity->id = d[3];
+            return true;
+        default:
+            return false;
+    }
+}
+
+}  // namespace
+
+bool UvcEntity::HasControl(std::uint8_t selector) const {
+    if (selector == 0) return false;
+    const std::size_t bit = selector - 1u;
+    if (bit / 8 >= controls.size()) return false;
+    return (controls[bit / 8] >> (bit % 8)) & 1u;
+}
+
+std::optional<UvcControlInterface> ParseUvcControlInterface(const std::uint8_t* config,
+                                                            std::size_t length,
+                                                            std::uint8_t interfaceNumber) {
+    if (config == nullptr) return std::nullopt;
+    std::optional<UvcControlInterface> result;
+    bool inside = false;
+    std::size_t at = 0;
+    while (at + 2 <= length) {
+        const std::uint8_t* d = config + at;
+        const std::uint8_t size = d[0];
+        if (size < 2 || at + size > length) break;
+        const std::uint8_t type = d[1];
+        if (type == kInterfaceDescriptor) {
+            if (result) break;  // the next interface: the video-control one is complete
+            inside = size >= 9 && d[2] == interfaceNumber && d[3] == 0 && d[5] == kVideoClass &&
+                     d[6] == kVideoControlSubclass;
+            if (inside) {
+                result.emplace();
+                result->interfaceNumber = interfaceNumber;
+            }
+        } else if (inside && type == kClassSpecificInterface && size >= 3) {
+            if (d[2] == kVcHeader) {
+                if (size >= 5) result->uvcVersion = Le16(d + 3);
+            } else {
+                UvcEntity entity;
+                if (!ParseEntity(d, size, &entity)) break;
+                result->entities.push_back(std::move(entity));
+            }
+        }
+        at += size;
+    }
+    return result;
+}
+
+GUID NodeTypeOf(const UvcEntity& entity) {
+    switch (entity.kind) {
+        case UvcEntityKind::kInputTerminal:
+            return entity.terminalType == kCameraTerminal ? kNodeCameraTerminal
+                                                          : kNodeInputTerminal;
+        case UvcEntityKind::kOutputTerminal:
+            return entity.terminalType == kStreamingTerminal ? kNodeStreamingOutput
+                                                             : kNodeOutputTerminal;
+        case UvcEntityKind::kSelectorUnit:
+            return kNodeSelector;
+        case UvcEntityKind::kProcessingUnit:
+            return kNodeProcessing;
+        case UvcEntityKind::kExtensionUnit:
+            return kNodeDevSpecific;
+        case UvcEntityKind::kEncodingUnit:
+            break;
+    }
+    return GUID{};
+}
+
+}  // namespace platform::linux_hw
