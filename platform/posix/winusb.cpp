@@ -1,0 +1,223 @@
+// CreateFileW and the WinUSB calls over the backend's USB devices.
+//
+// As with the real driver, an interface handle is tied to the file handle it came from:
+// the device stays open until the file handle and every interface handle are released.
+#include <algorithm>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/posix/device_backend.h"
+#include "platform/posix/kernel_object.h"
+#include "platform/winusb.h"
+
+namespace {
+
+constexpr std::uint8_t kConfigurationDescriptorType = 2;
+constexpr std::uint8_t kInterfaceDescriptorType = 4;
+constexpr std::uint32_t kConfigurationReadLength = 4096;
+
+class UsbFileObject final : public platform::posix::KernelObject {
+  public:
+    explicit UsbFileObject(std::unique_ptr<platform::UsbDeviceConnection> connection)
+        : connection(std::move(connection)) {}
+    std::unique_ptr<platform::UsbDeviceConnection> connection;
+};
+
+// What a WINUSB_INTERFACE_HANDLE points at. The tag lets a stray pointer be refused
+// instead of being used.
+struct UsbInterfaceObject {
+    static constexpr std::uint32_t kTag = 0x57555342;  // "WUSB"
+    std::uint32_t tag = kTag;
+    UsbFileObject* file = nullptr;  // holds a reference
+    std::uint8_t interfaceNumber = 0;
+    bool first = false;
+};
+
+BOOL Fail(DWORD error) {
+    SetLastError(error);
+    return FALSE;
+}
+
+UsbInterfaceObject* FromInterfaceHandle(WINUSB_INTERFACE_HANDLE handle) {
+    auto* object = static_cast<UsbInterfaceObject*>(handle);
+    if (object == nullptr || object->tag != UsbInterfaceObject::kTag) return nullptr;
+    return object;
+}
+
+// The interface descriptors of the active configuration, in the order they appear.
+platform::ErrorCode ReadInterfaceDescriptors(platform::UsbDeviceConnection& connection,
+                                             std::vector<USB_INTERFACE_DESCRIPTOR>* interfaces) {
+    std::vector<std::uint8_t> bytes(kConfigurationReadLength, 0);
+    std::uint32_t transferred = 0;
+    const platform::ErrorCode error =
+        connection.GetDescriptor(kConfigurationDescriptorType, 0, 0, bytes.data(),
+                                 static_cast<std::uint32_t>(bytes.size()), &transferred);
+    if (error != ERROR_SUCCESS) return error;
+    const std::size_t length = std::min<std::size_t>(transferred, bytes.size());
+    std::size_t offset = 0;
+    while (offset + 1 < length && bytes[offset] != 0) {
+        const std::size_t descriptorLength = bytes[offset];
+        if (bytes[offset + 1] == kInterfaceDescriptorType &&
+            descriptorLength >= sizeof(USB_INTERFACE_DESCRIPTOR) &&
+            length - offset >= sizeof(USB_INTERFACE_DESCRIPTOR)) {
+            USB_INTERFACE_DESCRIPTOR descriptor;
+            std::copy_n(bytes.data() + offset, sizeof descriptor,
+                        reinterpret_cast<std::uint8_t*>(&descriptor));
+            interfaces->push_back(descriptor);
+        }
+        offset += descriptorLength;
+    }
+    return ERROR_SUCCESS;
+}
+
+// Interface numbers in order of first appearance.
+std::vector<std::uint8_t> InterfaceNumbers(const std::vector<USB_INTERFACE_DESCRIPTOR>& all) {
+    std::vector<std::uint8_t> numbers;
+    for (const auto& descriptor : all) {
+        if (std::find(numbers.begin(), numbers.end(), descriptor.bInterfaceNumber) ==
+            numbers.end()) {
+            numbers.push_back(descriptor.bInterfaceNumber);
+        }
+    }
+    return numbers;
+}
+
+BOOL NewInterface(UsbFileObject* file, std::uint8_t interfaceNumber, bool first,
+                  PWINUSB_INTERFACE_HANDLE result) {
+    const platform::ErrorCode error = file->connection->ClaimInterface(interfaceNumber);
+    if (error != ERROR_SUCCESS) return Fail(error);
+    file->Ref();
+    auto* object = new UsbInterfaceObject;
+    object->file = file;
+    object->interfaceNumber = interfaceNumber;
+    object->first = first;
+    *result = object;
+    return TRUE;
+}
+
+}  // namespace
+
+HANDLE CreateFileW(LPCWSTR fileName, DWORD, DWORD, LPSECURITY_ATTRIBUTES, DWORD, DWORD, HANDLE) {
+    if (fileName == nullptr || *fileName == L'\0') {
+        SetLastError(ERROR_PATH_NOT_FOUND);
+        return INVALID_HANDLE_VALUE;
+    }
+    std::unique_ptr<platform::UsbDeviceConnection> connection;
+    const platform::ErrorCode error = platform::Backend().OpenUsbDevice(fileName, &connection);
+    if (error != ERROR_SUCCESS || !connection) {
+        SetLastError(error != ERROR_SUCCESS ? error : ERROR_FILE_NOT_FOUND);
+        return INVALID_HANDLE_VALUE;
+    }
+    return platform::posix::ToHandle(new UsbFileObject(std::move(connection)));
+}
+
+BOOL WinUsb_Initialize(HANDLE deviceHandle, PWINUSB_INTERFACE_HANDLE interfaceHandle) {
+    if (interfaceHandle == nullptr) return Fail(ERROR_INVALID_PARAMETER);
+    *interfaceHandle = nullptr;
+    auto* file = dynamic_cast<UsbFileObject*>(platform::posix::FromHandle(deviceHandle));
+    if (file == nullptr) return Fail(ERROR_INVALID_HANDLE);
+    std::vector<USB_INTERFACE_DESCRIPTOR> interfaces;
+    const platform::ErrorCode error = ReadInterfaceDescriptors(*file->connection, &interfaces);
+    if (error != ERROR_SUCCESS) return Fail(error);
+    const auto numbers = InterfaceNumbers(interfaces);
+    if (numbers.empty()) return Fail(ERROR_NOT_SUPPORTED);
+    return NewInterface(file, numbers.front(), true, interfaceHandle);
+}
+
+BOOL WinUsb_Free(WINUSB_INTERFACE_HANDLE interfaceHandle) {
+    auto* object = FromInterfaceHandle(interfaceHandle);
+    if (object == nullptr) return Fail(ERROR_INVALID_HANDLE);
+    object->file->connection->ReleaseInterface(object->interfaceNumber);
+    object->file->Unref();
+    object->tag = 0;
+    delete object;
+    return TRUE;
+}
+
+BOOL WinUsb_GetDescriptor(WINUSB_INTERFACE_HANDLE interfaceHandle, UCHAR descriptorType,
+                          UCHAR index, USHORT languageId, PUCHAR buffer, ULONG bufferLength,
+                          PULONG lengthTransferred) {
+    auto* object = FromInterfaceHandle(interfaceHandle);
+    if (object == nullptr) return Fail(ERROR_INVALID_HANDLE);
+    if (lengthTransferred == nullptr || (buffer == nullptr && bufferLength > 0)) {
+        return Fail(ERROR_INVALID_PARAMETER);
+    }
+    std::uint32_t transferred = 0;
+    const platform::ErrorCode error = object->file->connection->GetDescriptor(
+        descriptorType, index, languageId, buffer, bufferLength, &transferred);
+    *lengthTransferred = std::min<ULONG>(transferred, bufferLength);
+    if (error != ERROR_SUCCESS) return Fail(error);
+    return TRUE;
+}
+
+BOOL WinUsb_QueryInterfaceSettings(WINUSB_INTERFACE_HANDLE interfaceHandle,
+                                   UCHAR alternateInterfaceNumber,
+                                   PUSB_INTERFACE_DESCRIPTOR descriptor) {
+    auto* object = FromInterfaceHandle(interfaceHandle);
+    if (object == nullptr) return Fail(ERROR_INVALID_HANDLE);
+    if (descriptor == nullptr) return Fail(ERROR_INVALID_PARAMETER);
+    std::vector<USB_INTERFACE_DESCRIPTOR> interfaces;
+    const platform::ErrorCode error =
+        ReadInterfaceDescriptors(*object->file->connection, &interfaces);
+    if (error != ERROR_SUCCESS) return Fail(error);
+    for (const auto& candidate : interfaces) {
+        if (candidate.bInterfaceNumber == object->interfaceNumber &&
+            candidate.bAlternateSetting == alternateInterfaceNumber) {
+            *descriptor = candidate;
+            return TRUE;
+        }
+    }
+    return Fail(ERROR_NO_MORE_ITEMS);
+}
+
+BOOL WinUsb_GetAssociatedInterface(WINUSB_INTERFACE_HANDLE interfaceHandle,
+                                   UCHAR associatedInterfaceIndex,
+                                   PWINUSB_INTERFACE_HANDLE associatedHandle) {
+    auto* object = FromInterfaceHandle(interfaceHandle);
+    if (object == nullptr || !object->first) return Fail(ERROR_INVALID_HANDLE);
+    if (associatedHandle == nullptr) return Fail(ERROR_INVALID_PARAMETER);
+    *associatedHandle = nullptr;
+    std::vector<USB_INTERFACE_DESCRIPTOR> interfaces;
+    const platform::ErrorCode error =
+        ReadInterfaceDescriptors(*object->file->connection, &interfaces);
+    if (error != ERROR_SUCCESS) return Fail(error);
+    const auto numbers = InterfaceNumbers(interfaces);
+    const std::size_t position = std::size_t{associatedInterfaceIndex} + 1;
+    if (position >= numbers.size()) return Fail(ERROR_NO_MORE_ITEMS);
+    return NewInterface(object->file, numbers[position], false, associatedHandle);
+}
+
+BOOL WinUsb_SetCurrentAlternateSetting(WINUSB_INTERFACE_HANDLE interfaceHandle,
+                                       UCHAR settingNumber) {
+    auto* object = FromInterfaceHandle(interfaceHandle);
+    if (object == nullptr) return Fail(ERROR_INVALID_HANDLE);
+    const platform::ErrorCode error =
+        object->file->connection->SetAlternateSetting(object->interfaceNumber, settingNumber);
+    if (error != ERROR_SUCCESS) return Fail(error);
+    return TRUE;
+}
+
+BOOL WinUsb_ControlTransfer(WINUSB_INTERFACE_HANDLE interfaceHandle,
+                            WINUSB_SETUP_PACKET setupPacket, PUCHAR buffer, ULONG bufferLength,
+                            PULONG lengthTransferred, LPOVERLAPPED overlapped) {
+    auto* object = FromInterfaceHandle(interfaceHandle);
+    if (object == nullptr) return Fail(ERROR_INVALID_HANDLE);
+    // Completion of overlapped transfers is not offered; every caller here waits.
+    if (overlapped != nullptr) return Fail(ERROR_NOT_SUPPORTED);
+    if (bufferLength < setupPacket.Length || (buffer == nullptr && setupPacket.Length > 0)) {
+        return Fail(ERROR_INVALID_PARAMETER);
+    }
+    platform::UsbSetupPacket setup;
+    setup.requestType = setupPacket.RequestType;
+    setup.request = setupPacket.Request;
+    setup.value = setupPacket.Value;
+    setup.index = setupPacket.Index;
+    setup.length = setupPacket.Length;
+    std::uint32_t transferred = 0;
+    const platform::ErrorCode error =
+        object->file->connection->ControlTransfer(setup, buffer, setupPacket.Length, &transferred);
+    if (lengthTransferred != nullptr) *lengthTransferred = transferred;
+    if (error != ERROR_SUCCESS) return Fail(error);
+    return TRUE;
+}
