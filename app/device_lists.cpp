@@ -1,11 +1,16 @@
+#include <algorithm>
+#include <cstdint>
 #include <iostream>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "app/commands.h"
 #include "app/console_ops.h"
 #include "camera/camera_devices_factory.h"
+#include "diag/answer.h"
 #include "platform/console.h"
+#include "updatable/lynx_updatable_device.h"
 
 void ShowDevicesList(bool detailed, bool updatableOnly, const std::string& title) {
     std::cout << kSeparatorLine << g_vendorPrefix << title << std::endl;
@@ -57,5 +62,53 @@ void ShowSettingsMenu() {
     }
 }
 
-// Key 5 comes with the DFU auto-mode setting.
-void ConfigureDfuMode() {}
+void ConfigureDfuMode() {
+    std::cout << kSeparatorLine << g_vendorPrefix << "Configure DFU mode:\n";
+    CameraDevicesFactory enumerator(&std::cout);
+    auto devices = enumerator.GetDevices();
+    // The family is always offered, so the setting can be changed with no camera attached.
+    devices.push_back(CreateLynxUpdatableDevice());
+
+    // One entry per device type, unless a type keeps a setting per device.
+    std::vector<std::shared_ptr<ICameraDevice>> entries;
+    for (const auto& device : devices) {
+        if (!device->IsUpdatable()) continue;
+        const bool typeListed = std::any_of(entries.begin(), entries.end(), [&](const auto& entry) {
+            return entry->GetDeviceType() == device->GetDeviceType();
+        });
+        if (device->IsDfuModePerDevice() || !typeListed) entries.push_back(device);
+    }
+    if (entries.empty()) {
+        std::cout << "No cameras to config\n";
+        return;
+    }
+
+    std::wostream& out = platform::WideOut();
+    for (std::size_t i = 0; i < entries.size(); ++i) {
+        out << L"[" << (i + 1) << L"] " << entries[i]->GetName() << std::endl;
+    }
+    std::cout
+        << "\nEnter camera number to config: (any out of bounds index to go back to main menu)";
+    std::cout.flush();
+    const std::int64_t number = ParseAnswerNumber(ReadLine());
+    if (number < 1 || number > static_cast<std::int64_t>(entries.size())) {
+        std::cout << "Invalid camera number\n";
+        return;
+    }
+    const auto& chosen = entries[static_cast<std::size_t>(number - 1)];
+
+    std::cout << "Enter 1 to enable service control, 2 to disable auto (any other key to return to "
+                 "main menu): ";
+    std::cout.flush();
+    // The outcome is reported, if at all, by the device itself through its logger stream.
+    switch (ParseAnswerNumber(ReadLine())) {
+        case 1:
+            chosen->SetDfuAutoModeServiceControlled();
+            break;
+        case 2:
+            chosen->SetDfuAutoModeDisabled();
+            break;
+        default:
+            break;
+    }
+}

@@ -1,4 +1,45 @@
-#include "app/commands.h"
+#include <cstdint>
+#include <iostream>
+#include <memory>
+#include <string>
+#include <vector>
 
-// Key 1. The camera update comes with the updatable camera.
-void UpdateCameraDevice() {}
+#include "app/commands.h"
+#include "app/console_ops.h"
+#include "camera/camera_devices_factory.h"
+#include "diag/answer.h"
+#include "platform/console.h"
+
+void UpdateCameraDevice() {
+    std::cout << kSeparatorLine << g_vendorPrefix << "Firmware Update:\n";
+    CameraDevicesFactory enumerator(&std::cout);
+    const auto devices = enumerator.GetDevices();
+
+    std::vector<std::shared_ptr<ICameraDevice>> updatable;
+    std::wostream& out = platform::WideOut();
+    for (const auto& device : devices) {
+        if (!device->IsUpdatable()) continue;
+        out << L"[" << (updatable.size() + 1) << L"] " << device->GetDetails(false) << std::endl;
+        updatable.push_back(device);
+    }
+    if (updatable.empty()) {
+        std::cout << "There are no updatable devices\n";
+        return;
+    }
+
+    std::cout
+        << "\nEnter camera number to update: (any out of bounds index to go back to main menu)";
+    std::cout.flush();
+    const std::int64_t number = ParseAnswerNumber(ReadLine());
+    if (number < 1 || number > static_cast<std::int64_t>(updatable.size())) {
+        std::cout << "Aborting FW update\n";
+        return;
+    }
+
+    std::cout << "Enter path and filename (e.g. c:\\Documents\\newFirmware.bin: )";
+    std::cout.flush();
+    const std::string path = ReadLine();
+    if (updatable[static_cast<std::size_t>(number - 1)]->UpdateFirmware(path.c_str()) != 0) {
+        std::cout << "Failed to burn firmware\n";
+    }
+}

@@ -49,10 +49,6 @@ HRESULT LynxUpdatableDevice::SwitchToDfu() {
     return S_OK;
 }
 
-HRESULT LynxUpdatableDevice::UpdateFirmware(const char*) {
-    return E_FAIL;
-}
-
 HRESULT LynxUpdatableDevice::SetDfuAutoModeDisabled() {
     return WriteDfuAutoMode(L"Disabled");
 }
@@ -61,10 +57,6 @@ HRESULT LynxUpdatableDevice::SetDfuAutoModeAuto() {
 }
 HRESULT LynxUpdatableDevice::SetDfuAutoModeServiceControlled() {
     return WriteDfuAutoMode(L"Service Controlled");
-}
-
-HRESULT LynxUpdatableDevice::WriteDfuAutoMode(const wchar_t*) {
-    return E_FAIL;
 }
 
 std::shared_ptr<ICameraDevice> LynxUpdatableDeviceFactory::CreateDevice(

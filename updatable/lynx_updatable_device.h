@@ -5,6 +5,7 @@
 #include <array>
 #include <cstdint>
 #include <memory>
+#include <string>
 
 #include "camera/camera_device.h"
 #include "camera/camera_device_factory.h"
@@ -34,9 +35,9 @@ class LynxUpdatableDevice : public CameraDevice {
     HRESULT Initialize(Microsoft::WRL::ComPtr<IMFActivate> activation) override;
 
   protected:
-    // Writes the DFU service's auto-mode value ("Disabled", "Auto", "Service Controlled").
-    // The registry write does not exist yet, so every mode is refused with E_FAIL.
-    virtual HRESULT WriteDfuAutoMode(const wchar_t* mode);
+    // Writes the DFU service's auto-mode value ("Disabled", "Auto", "Service Controlled"):
+    // 0 when stored, E_FAIL on any failure (the platform's code shows only in the message).
+    virtual HRESULT WriteDfuAutoMode(const std::wstring& mode);
 
     Microsoft::WRL::ComPtr<ExtensionUnitKsControl> extensionUnit;
     std::shared_ptr<IFirmwareCommandPipe> commandPipe;

@@ -1,0 +1,48 @@
+// The family's DFU auto mode: a machine-wide registry value that the family's own DFU
+// service reads. This program only ever writes it.
+#include <vector>
+
+#include "platform/registry.h"
+#include "updatable/lynx_updatable_device.h"
+
+namespace {
+
+const wchar_t* const kDfuServiceKey = L"SYSTEM\\CurrentControlSet\\Services\\OptyraCameraDFU";
+const wchar_t* const kDfuAutoModeValue = L"DFUAutoMode";
+
+// The value is UTF-16 text without a terminating null, whatever the width of wchar_t here.
+std::vector<BYTE> Utf16Bytes(const std::wstring& text) {
+    std::vector<BYTE> bytes;
+    bytes.reserve(text.size() * 2);
+    for (wchar_t ch : text) {
+        const auto unit = static_cast<std::uint32_t>(ch);
+        bytes.push_back(static_cast<BYTE>(unit & 0xFFu));
+        bytes.push_back(static_cast<BYTE>((unit >> 8) & 0xFFu));
+    }
+    return bytes;
+}
+
+}  // namespace
+
+HRESULT LynxUpdatableDevice::WriteDfuAutoMode(const std::wstring& mode) {
+    HKEY key = nullptr;
+    const LSTATUS opened =
+        RegCreateKeyExW(HKEY_LOCAL_MACHINE, kDfuServiceKey, 0, nullptr, REG_OPTION_NON_VOLATILE,
+                        KEY_WRITE, nullptr, &key, nullptr);
+    if (opened == static_cast<LSTATUS>(ERROR_ACCESS_DENIED)) {
+        LogText("Failed open registry key with status ACCESS_DENIED\n");
+        return E_FAIL;
+    }
+    if (opened != ERROR_SUCCESS) {
+        LogLine("Failed to open / create registry key with status ", static_cast<long>(opened));
+        return E_FAIL;
+    }
+    const std::vector<BYTE> data = Utf16Bytes(mode);
+    const LSTATUS written = RegSetValueExW(key, kDfuAutoModeValue, 0, REG_SZ, data.data(),
+                                           static_cast<DWORD>(data.size()));
+    if (written != ERROR_SUCCESS) {
+        LogLine("Failed write registry value with status ", static_cast<long>(written));
+    }
+    RegCloseKey(key);
+    return written == ERROR_SUCCESS ? S_OK : E_FAIL;
+}
