@@ -40,6 +40,20 @@ run "main menu, then Q" 'q\n' \
   "Q: Quit"
 run "end of input quits" '' "Q: Quit"
 
+run "key 2 lists no camera" '2\n\nq\n' "Vantrel (TM) Updatable Devices List"
+run "key 5 without a camera sets service control" '5\n1\n1\n\nq\n' \
+  "Vantrel (TM) Configure DFU mode:" "[1] Lynx"
+
+# What key 5 stored, read back with Wine's own registry tool rather than our code.
+stored=$("$wine" reg query 'HKLM\SYSTEM\CurrentControlSet\Services\OptyraCameraDFU' /v DFUAutoMode 2>/dev/null | tr -d '\r')
+if grep -Eq '^ +DFUAutoMode +REG_SZ +Service Controlled$' <<<"$stored"; then
+  echo "ok   registry holds DFUAutoMode REG_SZ \"Service Controlled\""
+else
+  echo "FAIL registry value after key 5:"
+  printf '%s\n' "$stored" | sed 's/^/    | /'
+  failures=$((failures + 1))
+fi
+
 if [ "$failures" -ne 0 ]; then
   echo "wine smoke test: $failures failure(s)"
   exit 1
