@@ -1,25 +1,285 @@
-// The DFU 1.1 device model of the lab.
+// The DFU 1.1 device model of the lab: a device in DFU mode as it looks on the bus, strict
+// about the order of requests, with the faults a world file can ask for.
+#include <algorithm>
+
 #include "platform/sim/sim_world.h"
 
 namespace sim {
+namespace {
+
+enum : std::uint8_t {
+    kAppIdle = 0,
+    kAppDetach = 1,
+    kDfuIdle = 2,
+    kDnloadSync = 3,
+    kDnBusy = 4,
+    kDnloadIdle = 5,
+    kManifestSync = 6,
+    kManifest = 7,
+    kManifestWaitReset = 8,
+    kUploadIdle = 9,
+    kDfuError = 10,
+};
+
+enum : std::uint8_t {
+    kDetach = 0,
+    kDnload = 1,
+    kUpload = 2,
+    kGetStatus = 3,
+    kClrStatus = 4,
+    kGetState = 5,
+    kAbort = 6,
+};
+
+constexpr std::uint8_t kStatusOk = 0x00;
+constexpr std::uint8_t kErrWrite = 0x03;
+constexpr std::uint8_t kErrStalledPacket = 0x0F;
+constexpr std::uint8_t kDfuClass = 254;
+constexpr std::uint16_t kVendorId = 0x3C5E;
+constexpr std::uint16_t kDfuProductId = 0x0F1C;
+constexpr std::uint16_t kDetachTimeoutMs = 1000;
+constexpr std::uint32_t kPollTimeoutMs = 50;
+
+void PutWord(std::vector<std::uint8_t>& bytes, std::uint16_t value) {
+    bytes.push_back(static_cast<std::uint8_t>(value & 0xFF));
+    bytes.push_back(static_cast<std::uint8_t>(value >> 8));
+}
+
+}  // namespace
 
 SimDfuDevice::SimDfuDevice(SimWorld& world, DfuDeviceSpec spec, int cameraIndex)
-    : world_(world), spec_(std::move(spec)), cameraIndex_(cameraIndex) {}
+    : world_(world), spec_(std::move(spec)), cameraIndex_(cameraIndex) {
+    deviceDescriptor_ = {18, 1};
+    PutWord(deviceDescriptor_, 0x0200);  // bcdUSB
+    deviceDescriptor_.insert(deviceDescriptor_.end(), {0, 0, 0, 64});
+    PutWord(deviceDescriptor_, kVendorId);
+    PutWord(deviceDescriptor_, kDfuProductId);
+    PutWord(deviceDescriptor_, 0x0100);  // bcdDevice
+    deviceDescriptor_.insert(deviceDescriptor_.end(), {0, 0, 0, 1});
 
-platform::ErrorCode SimDfuDevice::GetDescriptor(std::uint8_t, std::uint8_t, std::uint8_t*,
-                                                std::uint32_t, std::uint32_t* transferred) {
+    const auto interfaceCount = static_cast<std::uint8_t>(spec_.interfaces.size());
+    configuration_ = {9, 2, 0, 0, interfaceCount, 1, 0, 0x80, 50};
+    for (std::size_t i = 0; i < spec_.interfaces.size(); ++i) {
+        const std::uint8_t interfaceClass = spec_.interfaces[i];
+        const bool isDfu = interfaceClass == kDfuClass;
+        configuration_.insert(configuration_.end(),
+                              {9, 4, static_cast<std::uint8_t>(i), 0, 0, interfaceClass,
+                               static_cast<std::uint8_t>(isDfu ? 1 : 0),
+                               static_cast<std::uint8_t>(isDfu ? 2 : 0), 0});
+        if (isDfu && dfuInterface_ < 0) {
+            dfuInterface_ = static_cast<int>(i);
+            // bmAttributes: download capable, not manifestation tolerant (it resets after).
+            configuration_.insert(configuration_.end(), {9, 0x21, 0x01});
+            PutWord(configuration_, kDetachTimeoutMs);
+            PutWord(configuration_, spec_.transferSize);
+            PutWord(configuration_, 0x0110);
+        }
+    }
+    const auto total = static_cast<std::uint16_t>(configuration_.size());
+    configuration_[2] = static_cast<std::uint8_t>(total & 0xFF);
+    configuration_[3] = static_cast<std::uint8_t>(total >> 8);
+}
+
+platform::ErrorCode SimDfuDevice::GetDescriptor(std::uint8_t type, std::uint8_t index,
+                                                std::uint8_t* buffer, std::uint32_t length,
+                                                std::uint32_t* transferred) {
     *transferred = 0;
+    const std::vector<std::uint8_t>* descriptor = nullptr;
+    if (type == 1 && index == 0) descriptor = &deviceDescriptor_;
+    if (type == 2 && index == 0) descriptor = &configuration_;
+    if (descriptor == nullptr) return ERROR_GEN_FAILURE;
+    const auto count = std::min<std::uint32_t>(length, descriptor->size());
+    if (count > 0 && buffer == nullptr) return ERROR_INVALID_PARAMETER;
+    std::copy_n(descriptor->begin(), count, buffer);
+    *transferred = count;
+    return ERROR_SUCCESS;
+}
+
+platform::ErrorCode SimDfuDevice::SetAlternateSetting(std::uint8_t interfaceNumber,
+                                                      std::uint8_t alternate) {
+    if (interfaceNumber >= spec_.interfaces.size() || alternate != 0) return ERROR_GEN_FAILURE;
+    return ERROR_SUCCESS;
+}
+
+platform::ErrorCode SimDfuDevice::Stall() {
+    // A request that is not valid in the current state: the device stalls and, in DFU
+    // mode, goes to dfuERROR until CLRSTATUS.
+    if (state_ >= kDfuIdle) {
+        state_ = kDfuError;
+        status_ = kErrStalledPacket;
+    }
     return ERROR_GEN_FAILURE;
 }
 
-platform::ErrorCode SimDfuDevice::SetAlternateSetting(std::uint8_t, std::uint8_t) {
-    return ERROR_GEN_FAILURE;
+platform::ErrorCode SimDfuDevice::ControlTransfer(const platform::UsbSetupPacket& setup,
+                                                  std::uint8_t* buffer, std::uint32_t length,
+                                                  std::uint32_t* transferred) {
+    *transferred = 0;
+    if (length < setup.length || (setup.length > 0 && buffer == nullptr)) {
+        return ERROR_INVALID_PARAMETER;
+    }
+    if (setup.requestType == 0x80 && setup.request == 6) {  // standard GET_DESCRIPTOR
+        return GetDescriptor(static_cast<std::uint8_t>(setup.value >> 8),
+                             static_cast<std::uint8_t>(setup.value & 0xFF), buffer, setup.length,
+                             transferred);
+    }
+    const bool out = setup.requestType == 0x21;
+    const bool in = setup.requestType == 0xA1;
+    if ((!out && !in) || dfuInterface_ < 0 || setup.index != dfuInterface_) return Stall();
+
+    switch (setup.request) {
+        case kDetach:
+            if (!out) return Stall();
+            // The family's devices take DETACH in dfuIDLE without leaving DFU mode.
+            if (state_ == kDfuIdle) {
+                state_ = spec_.stateAfterDetach;
+            } else if (state_ == kAppIdle) {
+                state_ = kAppDetach;
+            } else {
+                return Stall();
+            }
+            return ERROR_SUCCESS;
+        case kDnload:
+            if (!out) return Stall();
+            return Download(setup, buffer);
+        case kUpload:
+            if (!in || (state_ != kDfuIdle && state_ != kUploadIdle)) return Stall();
+            // Nothing to read back: a short (empty) frame ends the upload at once.
+            state_ = kDfuIdle;
+            return ERROR_SUCCESS;
+        case kGetStatus:
+            if (!in || setup.length < 6 || (state_ == kManifestWaitReset && resetting_)) {
+                return Stall();
+            }
+            AnswerStatus(buffer, setup.length, transferred);
+            return ERROR_SUCCESS;
+        case kClrStatus:
+            if (!out || state_ != kDfuError) return Stall();
+            state_ = kDfuIdle;
+            status_ = kStatusOk;
+            return ERROR_SUCCESS;
+        case kGetState:
+            if (!in || setup.length < 1 || state_ == kDnBusy || state_ == kManifest ||
+                state_ == kManifestWaitReset) {
+                return Stall();
+            }
+            buffer[0] = state_;
+            *transferred = 1;
+            return ERROR_SUCCESS;
+        case kAbort:
+            if (!out || !(state_ == kDfuIdle || state_ == kDnloadSync || state_ == kDnloadIdle ||
+                          state_ == kManifestSync || state_ == kUploadIdle)) {
+                return Stall();
+            }
+            state_ = kDfuIdle;
+            return ERROR_SUCCESS;
+        default:
+            return Stall();
+    }
 }
 
-platform::ErrorCode SimDfuDevice::ControlTransfer(const platform::UsbSetupPacket&, std::uint8_t*,
-                                                  std::uint32_t, std::uint32_t* transferred) {
-    *transferred = 0;
-    return ERROR_GEN_FAILURE;
+platform::ErrorCode SimDfuDevice::Download(const platform::UsbSetupPacket& setup,
+                                           const std::uint8_t* data) {
+    if (state_ != kDfuIdle && state_ != kDnloadIdle) return Stall();
+    if (state_ == kDfuIdle) {
+        blocks_ = 0;
+        world_.Downloads().push_back(DownloadRecord{spec_.link, 0, 0, 0, false});
+        download_ = static_cast<int>(world_.Downloads().size()) - 1;
+    }
+    if (setup.length > spec_.transferSize) return Stall();
+    const auto expected = static_cast<std::uint16_t>(blocks_ & 0xFFFF);
+    if (setup.value != expected) return Stall();
+
+    if (setup.length == 0) {
+        // An empty download before any data is not a valid end of image.
+        if (state_ == kDfuIdle) return Stall();
+        state_ = kManifestSync;
+        manifestLeft_ = spec_.manifestPolls;
+        return ERROR_SUCCESS;
+    }
+
+    if (spec_.fault && spec_.fault->atBlock == blocks_) {
+        switch (spec_.fault->kind) {
+            case FaultKind::kStall:
+                return Stall();
+            case FaultKind::kUnplug:
+                world_.Unplug(*this);
+                return ERROR_DEVICE_NOT_CONNECTED;
+            case FaultKind::kError:
+                // Taken on the bus, but the write fails: the block is not counted.
+                errorPending_ = true;
+                state_ = kDnloadSync;
+                return ERROR_SUCCESS;
+        }
+    }
+
+    DownloadRecord& record = world_.Downloads()[static_cast<std::size_t>(download_)];
+    record.blocks += 1;
+    record.bytes += setup.length;
+    record.crc32 = Crc32(record.crc32, data, setup.length);
+    ++blocks_;
+    busyLeft_ = spec_.busyPolls;
+    state_ = kDnloadSync;
+    return ERROR_SUCCESS;
+}
+
+void SimDfuDevice::AnswerStatus(std::uint8_t* buffer, std::uint32_t length,
+                                std::uint32_t* transferred) {
+    std::uint32_t pollTimeout = 0;
+    bool resetAfterAnswer = false;
+    switch (state_) {
+        case kDnloadSync:
+        case kDnBusy:
+            if (errorPending_) {
+                errorPending_ = false;
+                state_ = kDfuError;
+                status_ = kErrWrite;
+            } else if (busyLeft_ > 0) {
+                --busyLeft_;
+                state_ = kDnBusy;
+                pollTimeout = kPollTimeoutMs;
+            } else {
+                state_ = kDnloadIdle;
+            }
+            break;
+        case kManifestSync:
+        case kManifest:
+            if (manifestLeft_ > 0) {
+                --manifestLeft_;
+                state_ = kManifest;
+                pollTimeout = kPollTimeoutMs;
+            } else {
+                state_ = kManifestWaitReset;
+                world_.Downloads()[static_cast<std::size_t>(download_)].manifested = true;
+            }
+            break;
+        case kManifestWaitReset:
+            resetAfterAnswer = true;
+            break;
+        default:
+            break;
+    }
+    const std::uint8_t reply[6] = {status_,
+                                   static_cast<std::uint8_t>(pollTimeout & 0xFF),
+                                   static_cast<std::uint8_t>((pollTimeout >> 8) & 0xFF),
+                                   static_cast<std::uint8_t>((pollTimeout >> 16) & 0xFF),
+                                   state_,
+                                   0};
+    *transferred = std::min<std::uint32_t>(length, sizeof reply);
+    std::copy_n(reply, *transferred, buffer);
+    if (resetAfterAnswer) ResetAfterManifest();
+}
+
+void SimDfuDevice::ResetAfterManifest() {
+    // The reply has gone out; the device now resets and leaves the bus. Doing it here rather
+    // than later keeps the world's state fixed once the host has its answer.
+    resetting_ = true;
+    world_.Unplug(*this);
+    if (cameraIndex_ >= 0 && static_cast<std::size_t>(cameraIndex_) < world_.Cameras().size()) {
+        SimCamera& camera = *world_.Cameras()[static_cast<std::size_t>(cameraIndex_)];
+        camera.firmware = camera.Spec().firmwareAfterUpdate;
+        camera.present = true;
+    }
 }
 
 }  // namespace sim

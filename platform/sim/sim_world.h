@@ -50,10 +50,25 @@ class SimDfuDevice {
     bool present = true;
 
   private:
+    platform::ErrorCode Stall();
+    platform::ErrorCode Download(const platform::UsbSetupPacket& setup, const std::uint8_t* data);
+    void AnswerStatus(std::uint8_t* buffer, std::uint32_t length, std::uint32_t* transferred);
+    void ResetAfterManifest();
+
     SimWorld& world_;
     DfuDeviceSpec spec_;
     int cameraIndex_;
-    std::uint8_t state_ = 2;  // dfuIDLE
+    std::uint8_t state_ = 2;   // dfuIDLE
+    std::uint8_t status_ = 0;  // bStatus of the next GETSTATUS
+    std::vector<std::uint8_t> deviceDescriptor_;
+    std::vector<std::uint8_t> configuration_;
+    int dfuInterface_ = -1;     // number of the first class-254 interface
+    std::uint32_t blocks_ = 0;  // data blocks accepted in this download
+    std::uint32_t busyLeft_ = 0;
+    std::uint32_t manifestLeft_ = 0;
+    bool errorPending_ = false;  // the "error" fault: the next GETSTATUS reports dfuERROR
+    bool resetting_ = false;
+    int download_ = -1;  // index into SimWorld::Downloads()
 };
 
 // A video-capture device, with the family's extension unit when the spec says so.
