@@ -1,0 +1,127 @@
+# Runs inside the VM (busybox sh): every case under /hwlab/cases, then a summary line that
+# run.sh reads. A case directory holds:
+#   emulator.args   how the emulated device starts (usbip-emulator options)
+#   input1.txt      the answers typed into lynx-dfu; expected1.txt its whole console output
+#   input2.txt      optional second session, run once the camera is back on the bus
+#   expected2.txt
+#   device.txt      what the emulated device received, as its log tells (clock and timing
+#                   lines left out)
+#   user            optional: run lynx-dfu as this user instead of root
+#   program         optional: a command run instead of the sessions (output not compared)
+#   check.sh        optional: further checks, run last; non-zero fails the case
+# Device numbers are the kernel's running count, so "&NNN#" stands for them in expectations.
+cd /tmp
+passed=0
+failed=0
+
+has_family_device() {
+    grep -qx 3c5e /sys/bus/usb/devices/*/idVendor 2>/dev/null
+}
+
+has_camera_node() {
+    for node in /sys/class/video4linux/video*; do
+        [ -e "$node/device/../idVendor" ] && grep -qx 3c5e "$node/device/../idVendor" && return 0
+    done
+    return 1
+}
+
+# wait_for CONDITION TENTHS: polls a shell condition, at most TENTHS tenths of a second.
+wait_for() {
+    i=0
+    while [ "$i" -lt "$2" ]; do
+        $1 && return 0
+        sleep 0.1
+        i=$((i + 1))
+    done
+    return 1
+}
+
+no_family_device() { ! has_family_device; }
+
+normalize() {  # [file]; standard input without one
+    sed -e 's/&[0-9][0-9][0-9]#/\&NNN#/g' "$@"
+}
+
+run_lynx() {  # input output user
+    if [ -n "$3" ]; then
+        timeout 120 setpriv --reuid="$3" --regid="$3" --clear-groups /hwlab/lynx-dfu <"$1" >"$2" 2>&1
+    else
+        timeout 120 /hwlab/lynx-dfu <"$1" >"$2" 2>&1
+    fi
+}
+
+run_case() {
+    dir="$1"
+    name="$(basename "$dir")"
+    out="/tmp/out/$name"
+    mkdir -p "$out"
+    ok=1
+    args="$(cat "$dir/emulator.args")"
+    usbip-emulator --log "$out/device.log" --lifetime-s 300 $args 2>"$out/emulator.err" &
+    emulator=$!
+    if ! wait_for has_family_device 100; then
+        echo "HWLAB: $name: the emulated device never appeared"
+        ok=0
+    fi
+    case " $args " in *" --mode dfu "*) ;; *) wait_for has_camera_node 100 || ok=0 ;; esac
+    sleep 0.5  # let the drivers finish binding before anyone lists devices
+    user=""
+    [ -f "$dir/user" ] && user="$(cat "$dir/user")"
+    if [ "$ok" = 1 ] && [ -f "$dir/program" ]; then
+        (cd "$out" && timeout 120 sh "$dir/program" >"$out/program.txt" 2>&1) || {
+            echo "HWLAB: $name: program failed"; cat "$out/program.txt"; ok=0; }
+    fi
+    for step in 1 2; do
+        [ "$ok" = 1 ] && [ -f "$dir/input$step.txt" ] || continue
+        if [ "$step" = 2 ] && ! wait_for has_camera_node 150; then
+            echo "HWLAB: $name: the camera did not come back"
+            ok=0
+            continue
+        fi
+        [ "$step" = 2 ] && sleep 0.5
+        run_lynx "$dir/input$step.txt" "$out/output$step.txt" "$user"
+        echo "exit $?" >>"$out/output$step.txt"
+        normalize "$out/output$step.txt" >"$out/actual$step.txt"
+        if ! diff -u "$dir/expected$step.txt" "$out/actual$step.txt" >"$out/diff$step.txt"; then
+            echo "HWLAB: $name: console output of session $step differs:"
+            cat "$out/diff$step.txt"
+            ok=0
+        fi
+    done
+    kill -TERM "$emulator" 2>/dev/null
+    wait "$emulator"
+    wait_for no_family_device 100
+    grep -v -e '^clock ' -e '^timing ' "$out/device.log" | normalize >"$out/device.txt"
+    if ! diff -u "$dir/device.txt" "$out/device.txt" >"$out/device.diff"; then
+        echo "HWLAB: $name: the device received something else:"
+        cat "$out/device.diff"
+        ok=0
+    fi
+    if [ "$ok" = 1 ] && [ -f "$dir/check.sh" ]; then
+        (cd "$out" && sh "$dir/check.sh" >"$out/check.txt" 2>&1) || {
+            echo "HWLAB: $name: check failed:"; cat "$out/check.txt"; ok=0; }
+    fi
+    grep '^dfu manifested' "$out/device.log" | sed "s/^/HWLAB: $name: /"
+    if [ "$ok" = 1 ]; then
+        echo "HWLAB: RESULT $name passed"
+        passed=$((passed + 1))
+    else
+        echo "HWLAB: RESULT $name FAILED"
+        failed=$((failed + 1))
+    fi
+}
+
+if [ "$(cat /hwlab/mode)" = bench ]; then
+    sh /hwlab/bench.sh
+    exit $?
+fi
+
+for dir in /hwlab/cases/*/; do
+    run_case "${dir%/}"
+done
+if [ -f /hwlab/record ]; then
+    echo "HWLAB-RECORD-BEGIN"
+    tar c -C /tmp/out . | gzip | base64
+    echo "HWLAB-RECORD-END"
+fi
+echo "HWLAB: SUMMARY passed $passed failed $failed"

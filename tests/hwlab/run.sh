@@ -1,0 +1,129 @@
+#!/usr/bin/env bash
+# The hardware lab: lynx-dfu against an emulated camera of the family, through the real
+# Linux kernel (vhci-hcd, usbfs, uvcvideo, uevents) in a qemu VM with no network.
+#
+#   tests/hwlab/run.sh [--build DIR] [--bench] [--keep] [--record DIR]
+#
+# --build DIR  the native build whose app/lynx-dfu is tested (default: build/default)
+# --bench      run the measurements instead of the sessions (see README.md)
+# --keep       keep the work directory and print where it is
+# --record DIR copy every case's actual output and device log to DIR (to review before
+#              taking any of it as an expectation)
+#
+# Installs nothing. Needs these Debian packages (CI installs them):
+#   qemu-system-x86 busybox-static dfu-util g++ (and apt/dpkg to fetch the kernel package)
+# The distribution's kernel package is fetched with apt-get download, unpacked with dpkg -x
+# and cached under the build directory. Exits non-zero on any failure.
+set -euo pipefail
+
+here="$(cd "$(dirname "$0")" && pwd)"
+repo="$(cd "$here/../.." && pwd)"
+build="$repo/build/default"
+mode=sessions
+keep=0
+record=""
+while [ $# -gt 0 ]; do
+    case "$1" in
+        --build) build="$(cd "$2" && pwd)"; shift 2 ;;
+        --bench) mode=bench; shift ;;
+        --keep) keep=1; shift ;;
+        --record) mkdir -p "$2"; record="$(cd "$2" && pwd)"; shift 2 ;;
+        *) echo "usage: $0 [--build DIR] [--bench] [--keep] [--record DIR]" >&2; exit 2 ;;
+    esac
+done
+
+fail() { echo "hwlab: $*" >&2; exit 1; }
+
+for tool in qemu-system-x86_64 dfu-util g++ apt-get dpkg; do
+    command -v "$tool" >/dev/null || fail "missing $tool (apt-get install qemu-system-x86 busybox-static dfu-util g++)"
+done
+busybox=/bin/busybox
+[ -x "$busybox" ] && "$busybox" --list | grep -x cpio >/dev/null || fail "missing a static busybox with cpio (busybox-static)"
+lynx="$build/app/lynx-dfu"
+[ -x "$lynx" ] || fail "no $lynx: build first (cmake --preset default && cmake --build build/default)"
+for lib in platform/liblynx_backend_linux.a platform/liblynx_platform_posix.a; do
+    [ -f "$build/$lib" ] || fail "no $build/$lib"
+done
+
+# --- the kernel --------------------------------------------------------------------------
+cache="$build/hwlab-cache"
+mkdir -p "$cache"
+kpkg="$(apt-cache depends linux-image-amd64 2>/dev/null | awk '/Depends: linux-image-[0-9]/ {print $2; exit}')"
+[ -n "$kpkg" ] || fail "apt knows no linux-image-amd64 (run apt-get update)"
+kroot="$cache/$kpkg"
+if [ ! -d "$kroot/boot" ]; then
+    (cd "$cache" && rm -f "$kpkg"_*.deb && apt-get download "$kpkg" >/dev/null 2>&1) || fail "apt-get download $kpkg failed"
+    rm -rf "$kroot.tmp" && dpkg -x "$cache/$kpkg"_*.deb "$kroot.tmp" && mv "$kroot.tmp" "$kroot"
+    rm -f "$cache/$kpkg"_*.deb
+fi
+kver="$(ls "$kroot/lib/modules" | head -n1)"
+vmlinuz="$kroot/boot/vmlinuz-$kver"
+[ -f "$vmlinuz" ] || fail "no kernel image in $kpkg"
+[ -f "$kroot/lib/modules/$kver/modules.dep" ] || "$busybox" depmod -b "$kroot" "$kver"
+
+# --- the initramfs -----------------------------------------------------------------------
+work="$(mktemp -d /tmp/hwlab.XXXXXX)"
+cleanup() { if [ "$keep" = 1 ]; then echo "hwlab: work directory $work"; else rm -rf "$work"; fi; }
+trap cleanup EXIT
+root="$work/root"
+mkdir -p "$root"/{bin,hwlab,proc,sys,dev,tmp,etc,var/lib,lib/modules/"$kver"}
+
+g++ -std=c++20 -O2 -Wall -Wextra -Wpedantic -Werror -static \
+    -o "$root/hwlab/usbip-emulator" "$here/usbip_emulator.cpp"
+g++ -std=c++20 -O2 -Wall -Wextra -Werror -I"$repo/platform/include" -I"$repo" \
+    -o "$root/hwlab/arrival-probe" "$here/arrival_probe.cpp" \
+    "$build/platform/liblynx_backend_linux.a" "$build/platform/liblynx_platform_posix.a" -pthread
+
+cp "$busybox" "$root/bin/busybox"
+cp "$here/guest/init" "$root/init"
+cp "$here/guest/sessions.sh" "$here/guest/bench.sh" "$root/hwlab/"
+cp -r "$here/cases" "$root/hwlab/cases"
+cp "$lynx" "$root/hwlab/lynx-dfu"
+cp "$(command -v dfu-util)" "$root/hwlab/dfu-util"
+cp "$repo/lab/sample-firmware.bin" "$root/hwlab/fw-small.bin"
+(yes "Lynx LX20 firmware image, 2 MiB, for the hardware lab" || true) | head -c 2097152 > "$root/hwlab/fw-2m.bin"
+printf 'root:x:0:0:root:/:/bin/sh\noperator:x:1000:1000:operator:/tmp:/bin/sh\n' > "$root/etc/passwd"
+printf 'root:x:0:\noperator:x:1000:\nplugdev:x:46:\n' > "$root/etc/group"
+
+# The programs' shared libraries, as the dynamic loader finds them.
+for program in "$root/hwlab/lynx-dfu" "$root/hwlab/dfu-util" "$root/hwlab/arrival-probe"; do
+    for lib in $(ldd "$program" | grep -o '/[^ )]*'); do
+        [ -e "$root$lib" ] && continue
+        mkdir -p "$root$(dirname "$lib")"
+        cp -L "$lib" "$root$lib"
+    done
+done
+
+# vhci-hcd, uvcvideo and what they need, with the module index busybox modprobe reads.
+mods="$kroot/lib/modules/$kver"
+cp "$mods"/modules.dep "$mods"/modules.order "$mods"/modules.builtin "$root/lib/modules/$kver/"
+need="$(grep -E '^kernel/drivers/(usb/usbip/vhci-hcd|media/usb/uvc/uvcvideo)\.ko:' "$mods/modules.dep" | tr ' :' '\n\n' | sort -u)"
+[ -n "$need" ] || fail "vhci-hcd or uvcvideo missing from $kpkg"
+for module in $need; do
+    mkdir -p "$root/lib/modules/$kver/$(dirname "$module")"
+    cp "$mods/$module" "$root/lib/modules/$kver/$module"
+done
+echo "$mode" > "$root/hwlab/mode"
+[ -n "$record" ] && touch "$root/hwlab/record"
+
+(cd "$root" && find . | "$busybox" cpio -o -H newc 2>/dev/null | gzip -1) > "$work/initrd.gz"
+
+# --- the VM ------------------------------------------------------------------------------
+# KVM is present on these machines but hangs; software emulation boots in seconds.
+echo "hwlab: booting $kpkg ($mode)"
+start=$(date +%s)
+status=0
+timeout 900 qemu-system-x86_64 -accel tcg -m 768 -smp 1 -nographic -no-reboot -nic none \
+    -kernel "$vmlinuz" -initrd "$work/initrd.gz" \
+    -append "console=ttyS0 quiet loglevel=1 panic=-1" </dev/null >"$work/console.txt" 2>&1 || status=$?
+tr -d '\r' < "$work/console.txt" | sed -e 's/^.*HWLAB: /HWLAB: /' | sed -n '/^HWLAB/,$p' | sed '/^HWLAB-RECORD-BEGIN/,/^HWLAB-RECORD-END/d' || true
+if [ -n "$record" ]; then
+    tr -d '\r' < "$work/console.txt" | sed -n '/^HWLAB-RECORD-BEGIN/,/^HWLAB-RECORD-END/p' |
+        sed '1d;$d' | base64 -d | tar xz -C "$record" || fail "could not unpack the recording"
+fi
+echo "hwlab: VM ran $(( $(date +%s) - start )) s, qemu status $status"
+[ "$status" = 0 ] || fail "qemu failed or timed out"
+summary="$(tr -d '\r' < "$work/console.txt" | grep '^HWLAB: SUMMARY' || true)"
+[ -n "$summary" ] || fail "the VM gave no summary"
+echo "$summary" | grep -q ' failed 0$' || fail "$summary"
+echo "hwlab: passed"
