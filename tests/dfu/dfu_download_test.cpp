@@ -56,7 +56,7 @@ TEST_P(DownloadToSimDevice, DeviceReceivesWhatTheOperatorIsTold) {
     spec.busyPolls = c.busyPolls;
     spec.stateAfterDetach = c.stateAfterDetach;
     spec.fault = c.fault;
-    SimLab lab(spec);
+    SimLab lab(spec, 20);
     const auto image = Pattern(c.imageSize);
 
     std::ostringstream log;
