@@ -1,7 +1,11 @@
 // Benchmark helper for the VM: subscribes to USB arrivals through the Linux backend, exactly
 // as the arrival watcher does, and prints the CLOCK_MONOTONIC moment (ms) at which the first
-// arrival of a DFU-mode device of the family is delivered. Gives up after --timeout-ms.
+// arrival of a DFU-mode device of the family is delivered. It also writes a line to the
+// kernel log at that moment, so that its time stands next to the kernel's own "New USB
+// device found" line in one clock. Gives up after --timeout-ms.
+#include <fcntl.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -25,8 +29,15 @@ int main(int argc, char** argv) {
             timespec now{};
             clock_gettime(CLOCK_MONOTONIC, &now);
             double expected = 0;
-            noticedAt.compare_exchange_strong(
-                expected, static_cast<double>(now.tv_sec) * 1e3 + now.tv_nsec / 1e6);
+            if (noticedAt.compare_exchange_strong(
+                    expected, static_cast<double>(now.tv_sec) * 1e3 + now.tv_nsec / 1e6)) {
+                const int kmsg = open("/dev/kmsg", O_WRONLY | O_CLOEXEC);
+                if (kmsg >= 0) {
+                    static const char line[] = "hwlab-probe: arrival delivered\n";
+                    [[maybe_unused]] const auto written = write(kmsg, line, sizeof line - 1);
+                    close(kmsg);
+                }
+            }
         });
     if (subscription == 0) {
         std::fprintf(stderr, "no uevent subscription\n");
