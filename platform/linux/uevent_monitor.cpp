@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <utility>
 #include <vector>
 
 #include "platform/linux/usb_paths.h"
@@ -62,19 +63,22 @@ void UeventMonitor::Unsubscribe(std::uint64_t subscription) {
 
 void UeventMonitor::Stop() {
     std::thread thread;
+    int socket = -1, wakeRead = -1, wakeWrite = -1;
     {
         std::lock_guard lock(mutex_);
         if (!thread_.joinable() || !subscribers_.empty()) return;
         thread = std::move(thread_);
+        // Taken out under the lock: a new subscription may open fresh ones meanwhile.
+        socket = std::exchange(socket_, -1);
+        wakeRead = std::exchange(wake_[0], -1);
+        wakeWrite = std::exchange(wake_[1], -1);
         const char byte = 1;
-        [[maybe_unused]] const auto written = ::write(wake_[1], &byte, 1);
+        [[maybe_unused]] const auto written = ::write(wakeWrite, &byte, 1);
     }
     thread.join();
-    std::lock_guard lock(mutex_);
-    ::close(socket_);
-    ::close(wake_[0]);
-    ::close(wake_[1]);
-    socket_ = wake_[0] = wake_[1] = -1;
+    ::close(socket);
+    ::close(wakeRead);
+    ::close(wakeWrite);
 }
 
 void UeventMonitor::Run(int socket, int wake) {
