@@ -1,4 +1,36 @@
-#include "app/commands.h"
+#include <cstdint>
+#include <iostream>
+#include <string>
 
-// Key 3. Recovery comes with the DFU device discovery.
-void RecoverDfuDevices() {}
+#include "app/commands.h"
+#include "app/console_ops.h"
+#include "dfu/dfu_devices_factory.h"
+#include "diag/answer.h"
+#include "platform/console.h"
+
+void RecoverDfuDevices() {
+    std::cout << kSeparatorLine << g_vendorPrefix << "Recovering devices from DFU\n";
+    const auto enumerator = CreateDfuDevicesFactory(&std::cout);
+    // What is plugged in now is what is offered; nothing is waited for.
+    const auto devices = enumerator->GetDfuDevices(0);
+    if (devices.empty()) {
+        std::cout << "No devices are stuck in DFU mode\n";
+        return;
+    }
+    std::wostream& out = platform::WideOut();
+    for (std::size_t i = 0; i < devices.size(); ++i) {
+        out << L"[" << (i + 1) << L"] " << devices[i]->GetName() << std::endl;
+    }
+    std::cout << "Select a device by index (invalid index to go back to main menu): ";
+    std::cout.flush();
+    const std::int64_t index = ParseAnswerNumber(ReadLine());
+    if (index < 1 || index > static_cast<std::int64_t>(devices.size())) {
+        std::cout << "Invalid index " << index << std::endl;
+        return;
+    }
+    std::cout << "Enter path and filename (e.g. c:\\Documents\\newFirmware.bin: )";
+    std::cout.flush();
+    const std::string path = ReadLine();
+    // The device and the protocol report progress and failures themselves.
+    devices[static_cast<std::size_t>(index - 1)]->Burn(path.c_str());
+}

@@ -1,0 +1,69 @@
+#include "dfu/device_paths.h"
+
+#include <cwctype>
+#include <regex>
+
+#include "platform/cfgmgr.h"
+
+std::wstring ToLower(const std::wstring& text) {
+    std::wstring lower = text;
+    for (auto& unit : lower) unit = static_cast<wchar_t>(std::towlower(static_cast<wint_t>(unit)));
+    return lower;
+}
+
+bool DeviceFilter::Matches(const std::wstring& path) const {
+    if (path.find(pathPrefix) == std::wstring::npos) return false;
+    return interfaceToken.empty() || path.find(interfaceToken) != std::wstring::npos;
+}
+
+DeviceFilter MakeUsbDeviceFilter(const std::wstring& vendorToken, const std::wstring& productToken,
+                                 const std::wstring& interfaceToken) {
+    DeviceFilter filter;
+    filter.interfaceClass = &kGuidDevinterfaceUsbDevice;
+    filter.vendorToken = ToLower(vendorToken);
+    filter.productToken = ToLower(productToken);
+    filter.interfaceToken = ToLower(interfaceToken);
+    filter.pathPrefix = L"\\\\?\\usb#";
+    if (!filter.vendorToken.empty()) filter.pathPrefix += filter.vendorToken;
+    if (!filter.productToken.empty()) filter.pathPrefix += L"&" + filter.productToken;
+    return filter;
+}
+
+namespace {
+
+// _wtoi: optional white space, an optional sign, decimal digits up to the first other unit.
+int WideToInt(const std::wstring& text) {
+    std::size_t i = 0;
+    while (i < text.size() && std::iswspace(static_cast<wint_t>(text[i]))) ++i;
+    bool negative = false;
+    if (i < text.size() && (text[i] == L'+' || text[i] == L'-')) negative = text[i++] == L'-';
+    int value = 0;
+    for (; i < text.size() && text[i] >= L'0' && text[i] <= L'9'; ++i)
+        value = value * 10 + (text[i] - L'0');
+    return negative ? -value : value;
+}
+
+}  // namespace
+
+std::int32_t GetInterfaceKind(const std::wstring& path) {
+    const std::wregex expression(L"mi_(..)#.*", std::regex::ECMAScript);
+    std::wsmatch match;
+    if (!std::regex_search(path, match, expression)) return kInterfaceKindOther;
+    switch (WideToInt(match[1].str())) {
+        case 0:
+            return kInterfaceKindFirst;
+        case 2:
+            return kInterfaceKindSecond;
+        case 4:
+            return kInterfaceKindThird;
+        default:
+            return kInterfaceKindOther;
+    }
+}
+
+std::wstring GetParentId(const std::wstring& path) {
+    const std::wregex expression(L"mi_..#(.*)&....#", std::regex::ECMAScript);
+    std::wsmatch match;
+    if (!std::regex_search(path, match, expression)) return {};
+    return match[1].str();
+}
