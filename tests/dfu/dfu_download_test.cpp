@@ -15,69 +15,18 @@
 namespace {
 
 using dfu_test::Crc32Text;
-using dfu_test::kLink;
 using dfu_test::Pattern;
 using dfu_test::SimLab;
 
-constexpr const char* kFail = " Failed with status-2147467259";
-constexpr const char* kStall = " Failed with status-2147024865";      // ERROR_GEN_FAILURE
-constexpr const char* kUnplugged = " Failed with status-2147023729";  // ERROR_DEVICE_NOT_CONNECTED
-constexpr const char* kDownloadStep =
+const std::string kDownload =
     "DownloadImage(reinterpret_cast<const BYTE *>(firmwareImage), imageLength)";
+const std::string kBlock = "usbEndpoint->Transfer(downloadPacket, pBuffer, chunkSize)";
+const std::string kBlockWait = "WaitForState(DFU_STATE::dfuDNLOAD_IDLE, 5000)";
+const std::string kManifestWait = "WaitForState(DFU_STATE::dfuMANIFEST_WAIT_RESET, 30000)";
 
-HRESULT Burn(const std::vector<std::uint8_t>& image, std::ostream* log) {
-    dfu::WinUsbDevice device(kLink);
-    EXPECT_TRUE(device.IsOpen());
-    if (!device.IsOpen()) return E_HANDLE;
-    dfu::DfuCommand command(log, device.AcquireControlEndpoint());
-    return command.Execute(image.data(), image.size());
+std::string Failed(const std::string& step, HRESULT status = E_FAIL) {
+    return step + " Failed with status" + std::to_string(status) + "\n";
 }
-
-struct DownloadCase {
-    const char* name;
-    std::uint16_t transferSize;
-    std::size_t imageSize;
-    std::uint32_t busyPolls;
-    std::uint8_t stateAfterDetach;
-    std::optional<sim::DfuFault> fault;
-    HRESULT expected;
-    std::string log;
-    std::uint32_t blocksReceived;  // data blocks the device took; -1u: no download at all
-    bool manifested;
-    bool presentAfter;
-};
-
-class DownloadToSimDevice : public testing::TestWithParam<DownloadCase> {};
-
-TEST_P(DownloadToSimDevice, DeviceReceivesWhatTheOperatorIsTold) {
-    const DownloadCase& c = GetParam();
-    sim::DfuDeviceSpec spec;
-    spec.transferSize = c.transferSize;
-    spec.busyPolls = c.busyPolls;
-    spec.stateAfterDetach = c.stateAfterDetach;
-    spec.fault = c.fault;
-    SimLab lab(spec, 20);
-    const auto image = Pattern(c.imageSize);
-
-    std::ostringstream log;
-    EXPECT_EQ(Burn(image, &log), c.expected);
-    EXPECT_EQ(log.str(), c.log);
-
-    const auto downloads = lab.Downloads();
-    if (c.blocksReceived == ~0u) {
-        EXPECT_TRUE(downloads.empty());
-    } else {
-        ASSERT_EQ(downloads.size(), 1u);
-        EXPECT_EQ(downloads[0]["blocks"], c.blocksReceived);
-        EXPECT_EQ(downloads[0]["manifested"], c.manifested);
-        if (c.manifested) {
-            EXPECT_EQ(downloads[0]["bytes"], c.imageSize);
-            EXPECT_EQ(downloads[0]["crc32"], Crc32Text(image));
-        }
-    }
-    EXPECT_EQ(lab.Device()["present"], c.presentAfter);
-}
-
 std::string Progress(std::initializer_list<std::pair<int, int>> lines) {
     std::string text;
     for (const auto& [chunk, left] : lines) {
@@ -87,235 +36,189 @@ std::string Progress(std::initializer_list<std::pair<int, int>> lines) {
     return text;
 }
 
-const sim::DfuFault kStallAt1{1, sim::FaultKind::kStall};
-const sim::DfuFault kErrorAt2{2, sim::FaultKind::kError};
-const sim::DfuFault kUnplugAt1{1, sim::FaultKind::kUnplug};
-
-INSTANTIATE_TEST_SUITE_P(
-    Cases, DownloadToSimDevice,
-    testing::Values(DownloadCase{"ExactMultiple", 1024, 4096, 0, 2, std::nullopt, S_OK,
-                                 Progress({{1024, 3072}, {1024, 2048}, {1024, 1024}, {1024, 0}}), 4,
-                                 true, false},
-                    DownloadCase{"TenBytesInSixes", 6, 10, 0, 2, std::nullopt, S_OK,
-                                 Progress({{6, 4}, {4, 0}}), 2, true, false},
-                    DownloadCase{"BusyBeforeEachBlock", 64, 200, 3, 2, std::nullopt, S_OK,
-                                 Progress({{64, 136}, {64, 72}, {64, 8}, {8, 0}}), 4, true, false},
-                    // A strict device refuses an empty download from dfuIDLE, so the manifestation
-                    // wait sees dfuERROR and gives up at once.
-                    DownloadCase{
-                        "EmptyImage", 1024, 0, 0, 2, std::nullopt, E_FAIL,
-                        std::string("WaitForState(DFU_STATE::dfuMANIFEST_WAIT_RESET, 30000)") +
-                            kFail + "\nManifestAndReset()" + kFail + "\n",
-                        0, false, true},
-                    DownloadCase{"StallAtSecondBlock", 16, 64, 0, 2, kStallAt1,
-                                 static_cast<HRESULT>(0x8007001Fu),
-                                 Progress({{16, 48}}) +
-                                     "usbEndpoint->Transfer(downloadPacket, pBuffer, chunkSize)" +
-                                     kStall + "\n" + kDownloadStep + kStall + "\n",
-                                 1, false, true},
-                    DownloadCase{"ErrorAfterThirdBlock", 16, 64, 0, 2, kErrorAt2, E_FAIL,
-                                 Progress({{16, 48}, {16, 32}}) +
-                                     "WaitForState(DFU_STATE::dfuDNLOAD_IDLE, 5000)" + kFail +
-                                     "\n" + kDownloadStep + kFail + "\n",
-                                 2, false, true},
-                    DownloadCase{"UnpluggedDuringSecondBlock", 16, 64, 0, 2, kUnplugAt1,
-                                 static_cast<HRESULT>(0x8007048Fu),
-                                 Progress({{16, 48}}) +
-                                     "usbEndpoint->Transfer(downloadPacket, pBuffer, chunkSize)" +
-                                     kUnplugged + "\n" + kDownloadStep + kUnplugged + "\n",
-                                 1, false, false},
-                    DownloadCase{"StillInAppModeAfterDetach", 16, 64, 0, 0, std::nullopt, E_FAIL,
-                                 std::string("AssertState(DFU_STATE::dfuIDLE)") + kFail + "\n", ~0u,
-                                 false, true},
-                    DownloadCase{"ErrorStateAfterDetach", 16, 64, 0, 10, std::nullopt, E_FAIL,
-                                 std::string("AssertState(DFU_STATE::dfuIDLE)") + kFail + "\n", ~0u,
-                                 false, true}),
-    [](const auto& info) { return std::string(info.param.name); });
-
-// Error states end a wait at once; with the world clock at real speed a wait that ran to
-// its limit would take five seconds.
-TEST(DownloadFailures, ErrorStateEndsTheWaitWithoutWaitingOutTheLimit) {
-    sim::DfuDeviceSpec spec;
-    spec.transferSize = 16;
-    spec.fault = sim::DfuFault{0, sim::FaultKind::kError};
-    SimLab lab(spec);
-    const ULONGLONG start = GetTickCount64();
-    EXPECT_EQ(Burn(Pattern(64), nullptr), E_FAIL);
-    EXPECT_LT(GetTickCount64() - start, 1000u);
+HRESULT Burn(const std::vector<std::uint8_t>& image, std::ostream* log) {
+    dfu::WinUsbDevice device(dfu_test::kLink);
+    EXPECT_TRUE(device.IsOpen());
+    return dfu::DfuCommand(log, device.AcquireControlEndpoint())
+        .Execute(image.data(), image.size());
 }
 
-// Time limits run in world milliseconds at a hundredfold speed.
-struct LimitCase {
+struct DownloadCase {
     const char* name;
-    std::uint16_t transferSize;
-    std::uint32_t busyPolls;
-    std::uint32_t manifestPolls;
-    std::uint32_t limitMs;
-    std::string lastLines;
+    sim::DfuDeviceSpec device;
+    std::size_t imageSize;
+    HRESULT expected;
+    std::string log;
+    int blocksReceived;  // -1: the device saw no download at all
+    bool manifested;     // and then reset, leaving the bus
 };
 
-class WaitLimits : public testing::TestWithParam<LimitCase> {};
-
-TEST_P(WaitLimits, AWaitThatNeverEndsStopsAtItsLimit) {
-    const LimitCase& c = GetParam();
+sim::DfuDeviceSpec Device(std::uint16_t transferSize, std::uint32_t busyPolls = 0,
+                          std::uint8_t stateAfterDetach = 2,
+                          std::optional<sim::DfuFault> fault = std::nullopt) {
     sim::DfuDeviceSpec spec;
-    spec.transferSize = c.transferSize;
-    spec.busyPolls = c.busyPolls;
-    spec.manifestPolls = c.manifestPolls;
-    SimLab lab(spec, 100);
+    spec.transferSize = transferSize;
+    spec.busyPolls = busyPolls;
+    spec.stateAfterDetach = stateAfterDetach;
+    spec.fault = fault;
+    return spec;
+}
+
+class DownloadToLabDevice : public testing::TestWithParam<DownloadCase> {};
+
+TEST_P(DownloadToLabDevice, DeviceReceivesWhatTheOperatorIsTold) {
+    const DownloadCase& c = GetParam();
+    SimLab lab(c.device, 20);
+    const auto image = Pattern(c.imageSize);
+    std::ostringstream log;
+    const ULONGLONG start = GetTickCount64();
+    EXPECT_EQ(Burn(image, &log), c.expected);
+    // Errors end a wait at once; nothing here may run into the 5 s limit.
+    EXPECT_LT(GetTickCount64() - start, 5000u);
+    EXPECT_EQ(log.str(), c.log);
+
+    const auto downloads = lab.Downloads();
+    ASSERT_EQ(downloads.size(), c.blocksReceived < 0 ? 0u : 1u);
+    if (c.blocksReceived >= 0) {
+        EXPECT_EQ(downloads[0]["blocks"], c.blocksReceived);
+        EXPECT_EQ(downloads[0]["manifested"], c.manifested);
+        if (c.manifested) {
+            EXPECT_EQ(downloads[0]["crc32"], Crc32Text(image));
+        }
+    }
+    EXPECT_EQ(
+        lab.Device()["present"],
+        !c.manifested && c.device.fault.value_or(sim::DfuFault{}).kind != sim::FaultKind::kUnplug);
+}
+
+const HRESULT kStalled = platform::HResultFromError(ERROR_GEN_FAILURE);
+const HRESULT kGone = platform::HResultFromError(ERROR_DEVICE_NOT_CONNECTED);
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, DownloadToLabDevice,
+    testing::Values(
+        DownloadCase{"ExactMultiple", Device(1024), 4096, S_OK,
+                     Progress({{1024, 3072}, {1024, 2048}, {1024, 1024}, {1024, 0}}), 4, true},
+        DownloadCase{"ShortLastBlockAfterBusyPolls", Device(6, 3), 10, S_OK,
+                     Progress({{6, 4}, {4, 0}}), 2, true},
+        // A strict device refuses an empty download from dfuIDLE.
+        DownloadCase{"EmptyImage", Device(1024), 0, E_FAIL,
+                     Failed(kManifestWait) + Failed("ManifestAndReset()"), 0, false},
+        DownloadCase{"Stall", Device(16, 0, 2, sim::DfuFault{1, sim::FaultKind::kStall}), 64,
+                     kStalled,
+                     Progress({{16, 48}}) + Failed(kBlock, kStalled) + Failed(kDownload, kStalled),
+                     1, false},
+        DownloadCase{
+            "Error", Device(16, 0, 2, sim::DfuFault{2, sim::FaultKind::kError}), 64, E_FAIL,
+            Progress({{16, 48}, {16, 32}}) + Failed(kBlockWait) + Failed(kDownload), 2, false},
+        DownloadCase{"Unplug", Device(16, 0, 2, sim::DfuFault{1, sim::FaultKind::kUnplug}), 64,
+                     kGone, Progress({{16, 48}}) + Failed(kBlock, kGone) + Failed(kDownload, kGone),
+                     1, false},
+        DownloadCase{"AppIdleAfterDetach", Device(16, 0, 0), 64, E_FAIL,
+                     Failed("AssertState(DFU_STATE::dfuIDLE)"), -1, false},
+        DownloadCase{"ErrorAfterDetach", Device(16, 0, 10), 64, E_FAIL,
+                     Failed("AssertState(DFU_STATE::dfuIDLE)"), -1, false}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+// Waits that never end, on a world clock a hundred times faster than real time.
+class WaitLimits : public testing::TestWithParam<std::tuple<sim::DfuDeviceSpec, ULONGLONG>> {};
+
+TEST_P(WaitLimits, StopAtTheirLimit) {
+    const auto& [device, limitMs] = GetParam();
+    SimLab lab(device, 100);
     std::ostringstream log;
     const ULONGLONG start = GetTickCount64();
     EXPECT_EQ(Burn(Pattern(64), &log), E_FAIL);
-    const ULONGLONG elapsed = GetTickCount64() - start;
-    EXPECT_GE(elapsed, c.limitMs);
-    EXPECT_LT(elapsed, c.limitMs + 1000);
-    EXPECT_TRUE(log.str().ends_with(c.lastLines)) << log.str();
-    EXPECT_FALSE(lab.Downloads()[0]["manifested"]);
+    EXPECT_GE(GetTickCount64() - start, limitMs);
+    EXPECT_LT(GetTickCount64() - start, limitMs + 1000);
+    const std::string last = limitMs == 5000 ? Failed(kBlockWait) + Failed(kDownload)
+                                             : Failed(kManifestWait) + Failed("ManifestAndReset()");
+    EXPECT_TRUE(log.str().ends_with(last)) << log.str();
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Cases, WaitLimits,
-    testing::Values(  // The endpoint bounds every transfer by the transfer size, the six-byte
-                      // status request too: below six bytes no poll gets through.
-        LimitCase{"TransferSizeBelowTheStatusReply", 4, 0, 1, 5000,
-                  std::string("WaitForState(DFU_STATE::dfuDNLOAD_IDLE, 5000)") + kFail + "\n" +
-                      kDownloadStep + kFail + "\n"},
-        LimitCase{"StaysBusy", 64, 1000000, 1, 5000,
-                  std::string("WaitForState(DFU_STATE::dfuDNLOAD_IDLE, 5000)") + kFail + "\n" +
-                      kDownloadStep + kFail + "\n"},
-        LimitCase{"NeverManifests", 64, 0, 1000000, 30000,
-                  std::string("WaitForState(DFU_STATE::dfuMANIFEST_WAIT_RESET, "
-                              "30000)") +
-                      kFail + "\nManifestAndReset()" + kFail + "\n"}),
-    [](const auto& info) { return std::string(info.param.name); });
+sim::DfuDeviceSpec NeverManifests() {
+    auto spec = Device(64);
+    spec.manifestPolls = 1000000;
+    return spec;
+}
 
-// More than 65536 blocks: the strict device refuses any block whose number is not the
-// count so far modulo 65536, so only a correct wrap gets the image through.
+// The endpoint bounds every transfer by the transfer size, the six-byte status request
+// too: below six bytes no poll gets through.
+INSTANTIATE_TEST_SUITE_P(Cases, WaitLimits,
+                         testing::Values(std::make_tuple(Device(64, 1000000), 5000ull),
+                                         std::make_tuple(Device(4), 5000ull),
+                                         std::make_tuple(NeverManifests(), 30000ull)));
+
+// The strict device refuses any block whose number is not the count so far modulo 65536.
 TEST(DownloadBlocks, BlockNumberWrapsAfter65535) {
-    sim::DfuDeviceSpec spec;
-    spec.transferSize = 8;
-    SimLab lab(spec);
+    SimLab lab(Device(8));
     const auto image = Pattern((65536 + 5) * 8 - 3);
     EXPECT_EQ(Burn(image, nullptr), S_OK);
-    const auto downloads = lab.Downloads();
-    ASSERT_EQ(downloads.size(), 1u);
-    EXPECT_EQ(downloads[0]["blocks"], 65541u);
-    EXPECT_EQ(downloads[0]["crc32"], Crc32Text(image));
-    EXPECT_TRUE(downloads[0]["manifested"]);
+    EXPECT_EQ(lab.Downloads()[0]["blocks"], 65541);
+    EXPECT_EQ(lab.Downloads()[0]["crc32"], Crc32Text(image));
 }
 
 TEST(DownloadBlocks, CameraComesBackWithItsNewFirmwareAfterTheReset) {
-    sim::CameraSpec camera;
-    camera.name = L"Lynx LX20 Depth Camera";
-    camera.lynx = true;
-    camera.firmware = {5, 10, 0, 28};
-    camera.firmwareAfterUpdate = {5, 16, 0, 1};
-    sim::DfuDeviceSpec spec;
-    spec.link = kLink;
-    SimLab lab(spec, 1, {camera});
+    sim::WorldSpec spec;
+    spec.cameras.resize(1);
+    spec.cameras[0].name = L"Lynx LX20 Depth Camera";
+    spec.cameras[0].firmwareAfterUpdate = {5, 16, 0, 1};
+    auto world = std::make_shared<sim::SimWorld>(spec);
+    platform::InstallBackend(world);
     {
-        std::lock_guard lock(lab.world->Lock());
-        lab.world->Cameras()[0]->present = false;
-        lab.world->Plug(std::make_shared<sim::SimDfuDevice>(*lab.world, spec, 0));
+        std::lock_guard lock(world->Lock());
+        world->Cameras()[0]->present = false;
+        auto device = Device(1024);
+        device.link = dfu_test::kLink;
+        world->Plug(std::make_shared<sim::SimDfuDevice>(*world, device, 0));
     }
     EXPECT_EQ(Burn(Pattern(3000), nullptr), S_OK);
-    const auto state = lab.world->DumpState();
+    const auto state = world->DumpState();
+    platform::InstallBackend(nullptr);
     EXPECT_EQ(state["cameras"][0]["firmware"], "5.16.0.1");
     EXPECT_TRUE(state["cameras"][0]["present"]);
     EXPECT_FALSE(state["dfuDevices"][0]["present"]);
 }
 
-// ExecuteFile: the path as typed, and the image file left as it was.
-class ImageFiles : public testing::Test {
-  protected:
-    void SetUp() override {
-        dir = std::filesystem::temp_directory_path() /
-              ("lynx-dfu-files-" + std::to_string(::getpid()));
-        std::filesystem::create_directories(dir);
-        image = Pattern(100);
-        std::ofstream(dir / "image.bin", std::ios::binary)
-            .write(reinterpret_cast<const char*>(image.data()), image.size());
-    }
-    void TearDown() override { std::filesystem::remove_all(dir); }
-
-    std::vector<std::uint8_t> FileBytes() const {
-        std::ifstream in(dir / "image.bin", std::ios::binary);
-        return {std::istreambuf_iterator<char>(in), {}};
-    }
-
-    std::filesystem::path dir;
-    std::vector<std::uint8_t> image;
-};
-
-TEST_F(ImageFiles, PathsAsTheOperatorTypesThem) {
+TEST(ImageFiles, PathsAsTypedAndTheFileLeftAsItWas) {
+    const auto dir =
+        std::filesystem::temp_directory_path() / ("lynx-dfu-files-" + std::to_string(::getpid()));
+    std::filesystem::create_directories(dir);
     const std::string file = (dir / "image.bin").string();
-    struct PathCase {
-        std::string typed;
-        HRESULT expected;
-        std::string log;
+    const std::string missing = (dir / "missing.bin").string();
+    const auto image = Pattern(100);
+    std::ofstream(file, std::ios::binary)
+        .write(reinterpret_cast<const char*>(image.data()), image.size());
+
+    const std::pair<std::string, std::string> cases[] = {
+        {"\"" + file + "\"", Progress({{64, 36}, {36, 0}})},
+        {"\"" + file, "Failed to open file \"" + file + "\n"},
+        {file + "\"", "Failed to open file " + file + "\"\n"},
+        {"\"", "Failed to open file \n"},
+        {missing, "Failed to open file " + missing + "\n"},
+        {dir.string(), "Failed to open file " + dir.string() + "\n"},
     };
-    const PathCase cases[] = {
-        {"\"" + file + "\"", S_OK, ""},
-        {file, S_OK, ""},
-        {"\"" + file, E_FAIL, "Failed to open file \"" + file + "\n"},
-        {file + "\"", E_FAIL, "Failed to open file " + file + "\"\n"},
-        {"\"", E_FAIL, "Failed to open file \n"},
-        {"\"\"", E_FAIL, "Failed to open file \n"},
-        {(dir / "missing.bin").string(), E_FAIL,
-         "Failed to open file " + (dir / "missing.bin").string() + "\n"},
-        {dir.string(), E_FAIL, "Failed to open file " + dir.string() + "\n"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.typed);
-        sim::DfuDeviceSpec spec;
-        spec.transferSize = 64;
-        SimLab lab(spec);
-        dfu::WinUsbDevice device(kLink);
-        ASSERT_TRUE(device.IsOpen());
+    for (const auto& [typed, expected] : cases) {
+        SCOPED_TRACE(typed);
+        SimLab lab(Device(64));
+        dfu::WinUsbDevice device(dfu_test::kLink);
         std::ostringstream log;
-        dfu::DfuCommand command(&log, device.AcquireControlEndpoint());
-        EXPECT_EQ(command.ExecuteFile(c.typed.c_str()), c.expected);
-        // Progress lines only for a run that reached the device.
-        if (c.expected == S_OK) {
-            EXPECT_EQ(log.str(),
-                      "Downloaded 64, bytes remaining 36\nDownloaded 36, bytes "
-                      "remaining 0\n");
-            EXPECT_EQ(lab.Downloads()[0]["crc32"], Crc32Text(image));
-        } else {
-            EXPECT_EQ(log.str(), c.log);
-            EXPECT_TRUE(lab.Downloads().empty());
-            EXPECT_EQ(lab.Device()["state"], "dfuIDLE");
-        }
+        const HRESULT result =
+            dfu::DfuCommand(&log, device.AcquireControlEndpoint()).ExecuteFile(typed.c_str());
+        EXPECT_EQ(log.str(), expected);
+        EXPECT_EQ(result, expected.starts_with("Failed") ? E_FAIL : S_OK);
+        EXPECT_EQ(lab.Downloads().size(), expected.starts_with("Failed") ? 0u : 1u);
     }
-}
-
-TEST_F(ImageFiles, FailedDownloadsLeaveTheImageFileUntouched) {
-    const std::string file = (dir / "image.bin").string();
     for (auto kind : {sim::FaultKind::kStall, sim::FaultKind::kError, sim::FaultKind::kUnplug}) {
-        sim::DfuDeviceSpec spec;
-        spec.transferSize = 16;
-        spec.fault = sim::DfuFault{2, kind};
-        SimLab lab(spec);
-        dfu::WinUsbDevice device(kLink);
-        ASSERT_TRUE(device.IsOpen());
-        dfu::DfuCommand command(nullptr, device.AcquireControlEndpoint());
-        EXPECT_NE(command.ExecuteFile(file.c_str()), S_OK);
-        EXPECT_EQ(FileBytes(), image);
+        SimLab lab(Device(16, 0, 2, sim::DfuFault{2, kind}));
+        dfu::WinUsbDevice device(dfu_test::kLink);
+        EXPECT_NE(
+            dfu::DfuCommand(nullptr, device.AcquireControlEndpoint()).ExecuteFile(file.c_str()),
+            S_OK);
+        std::ifstream in(file, std::ios::binary);
+        EXPECT_EQ(std::vector<std::uint8_t>(std::istreambuf_iterator<char>(in), {}), image);
     }
-}
-
-TEST(ClosedDevice, RunOnAClosedDeviceIsRefusedWithoutARequest) {
-    SimLab lab(sim::DfuDeviceSpec{});
-    dfu::WinUsbDevice device(kLink);
-    ASSERT_TRUE(device.IsOpen());
-    auto endpoint = device.AcquireControlEndpoint();
-    device.Close();
-    std::ostringstream log;
-    dfu::DfuCommand command(&log, endpoint);
-    const auto image = Pattern(10);
-    EXPECT_EQ(command.Execute(image.data(), image.size()), E_ACCESSDENIED);
-    EXPECT_EQ(log.str(), "");
-    EXPECT_TRUE(lab.Downloads().empty());
+    std::filesystem::remove_all(dir);
 }
 
 }  // namespace

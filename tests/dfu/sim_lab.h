@@ -1,4 +1,4 @@
-// A sim world with DFU devices installed as the platform's backend for one test.
+// A lab world with one DFU device, installed as the platform's backend for one test.
 #pragma once
 
 #include <cstdio>
@@ -14,24 +14,18 @@ namespace dfu_test {
 inline const std::wstring kLink =
     L"\\\\?\\USB#VID_3C5E&PID_0F1C#5&1f2e3d4c&0&1#{a5dcbf10-6530-11d2-901f-00c04fb951ed}";
 
-class SimLab {
-  public:
-    explicit SimLab(sim::DfuDeviceSpec device, std::uint32_t speedup = 1,
-                    std::vector<sim::CameraSpec> cameras = {}) {
+struct SimLab {
+    explicit SimLab(sim::DfuDeviceSpec device, std::uint32_t speedup = 1) {
         sim::WorldSpec spec;
-        if (device.link.empty()) device.link = kLink;
-        if (cameras.empty()) spec.dfuDevices = {device};
-        spec.cameras = std::move(cameras);
+        device.link = kLink;
+        spec.dfuDevices = {device};
         spec.speedup = speedup;
         world = std::make_shared<sim::SimWorld>(spec);
         platform::InstallBackend(world);
     }
     ~SimLab() { platform::InstallBackend(nullptr); }
-
     nlohmann::json Downloads() const { return world->DumpState()["downloads"]; }
-    nlohmann::json Device(std::size_t index = 0) const {
-        return world->DumpState()["dfuDevices"][index];
-    }
+    nlohmann::json Device() const { return world->DumpState()["dfuDevices"][0]; }
 
     std::shared_ptr<sim::SimWorld> world;
 };
