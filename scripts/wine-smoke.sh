@@ -41,6 +41,11 @@ run "main menu, then Q" 'q\n' \
 run "end of input quits" '' "Q: Quit"
 
 run "key 2 lists no camera" '2\n\nq\n' "Vantrel (TM) Updatable Devices List"
+run "key 1 finds no camera to update" '1\n\nq\n' "Vantrel (TM) Firmware Update:" "There are no updatable devices"
+run "key 3 finds no DFU device and goes on" '3\n\nq\n' "Vantrel (TM) Recovering devices from DFU" \
+  "No devices are stuck in DFU mode" "Q: Quit"
+run "key 4 settings lists, then back" '4\n1\n\n2\n\nb\nq\n' "Vantrel (TM) All Cameras List (including non Vantrel)" \
+  "Vantrel (TM) Detailed All Cameras List (including non Vantrel)"
 run "key 5 without a camera sets service control" '5\n1\n1\n\nq\n' \
   "Vantrel (TM) Configure DFU mode:" "[1] Lynx"
 
