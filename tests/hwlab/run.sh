@@ -83,7 +83,7 @@ cp "$(command -v dfu-util)" "$root/hwlab/dfu-util"
 cp "$repo/lab/sample-firmware.bin" "$root/hwlab/fw-small.bin"
 (yes "Lynx LX20 firmware image, 2 MiB, for the hardware lab" || true) | head -c 2097152 > "$root/hwlab/fw-2m.bin"
 printf 'root:x:0:0:root:/:/bin/sh\noperator:x:1000:1000:operator:/tmp:/bin/sh\n' > "$root/etc/passwd"
-printf 'root:x:0:\noperator:x:1000:\nplugdev:x:46:\n' > "$root/etc/group"
+printf 'root:x:0:\noperator:x:1000:\nplugdev:x:46:operator\n' > "$root/etc/group"
 
 # The programs' shared libraries, as the dynamic loader finds them.
 for program in "$root/hwlab/lynx-dfu" "$root/hwlab/dfu-util" "$root/hwlab/arrival-probe"; do

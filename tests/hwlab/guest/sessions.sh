@@ -7,6 +7,7 @@
 #   device.txt      what the emulated device received, as its log tells (clock and timing
 #                   lines left out)
 #   user            optional: run lynx-dfu as this user instead of root
+#   setup.sh        optional: run as root once the device is on the bus, before the sessions
 #   program         optional: a command run instead of the sessions (output not compared)
 #   check.sh        optional: further checks, run last; non-zero fails the case
 # Device numbers are the kernel's running count, so "&NNN#" stands for them in expectations.
@@ -67,6 +68,9 @@ run_case() {
     sleep 0.5  # let the drivers finish binding before anyone lists devices
     user=""
     [ -f "$dir/user" ] && user="$(cat "$dir/user")"
+    if [ "$ok" = 1 ] && [ -f "$dir/setup.sh" ]; then
+        sh "$dir/setup.sh" >"$out/setup.txt" 2>&1 || { echo "HWLAB: $name: setup failed"; cat "$out/setup.txt"; ok=0; }
+    fi
     if [ "$ok" = 1 ] && [ -f "$dir/program" ]; then
         (cd "$out" && timeout 120 sh "$dir/program" >"$out/program.txt" 2>&1) || {
             echo "HWLAB: $name: program failed"; cat "$out/program.txt"; ok=0; }
@@ -88,6 +92,12 @@ run_case() {
             ok=0
         fi
     done
+    # A device that has just manifested resets into the camera on its own; let it arrive,
+    # so that the log ends the same way every time.
+    if grep -q 'reset after manifestation' "$out/device.log"; then
+        wait_for has_camera_node 150
+        sleep 0.5
+    fi
     kill -TERM "$emulator" 2>/dev/null
     wait "$emulator"
     wait_for no_family_device 100
