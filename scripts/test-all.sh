@@ -22,6 +22,9 @@ cmake --preset tsan
 cmake --build --preset tsan -j "$jobs"
 ctest --preset tsan
 
+step "Fuzzing the configuration-descriptor walk (bounded)"
+./fuzz/run_descriptor_walk_fuzz.sh "${LYNX_FUZZ_SECONDS:-60}" build/fuzz
+
 step "Windows cross build (mingw-w64)"
 cmake --preset mingw
 cmake --build --preset mingw -j "$jobs"
