@@ -70,7 +70,10 @@ mkdir -p "$root"/{bin,hwlab,proc,sys,dev,tmp,etc,var/lib,lib/modules/"$kver"}
 
 g++ -std=c++20 -O2 -Wall -Wextra -Wpedantic -Werror -static \
     -o "$root/hwlab/usbip-emulator" "$here/usbip_emulator.cpp"
+# The probe links the build's own backend, so it takes that build's sanitizers.
+sanitize="$(sed -n 's/^LYNX_SANITIZE:[A-Z]*=//p' "$build/CMakeCache.txt" 2>/dev/null | tr ';' ',')"
 g++ -std=c++20 -O2 -Wall -Wextra -Werror -I"$repo/platform/include" -I"$repo" \
+    ${sanitize:+-fsanitize=$sanitize} \
     -o "$root/hwlab/arrival-probe" "$here/arrival_probe.cpp" \
     "$build/platform/liblynx_backend_linux.a" "$build/platform/liblynx_platform_posix.a" -pthread
 
