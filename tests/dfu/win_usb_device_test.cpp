@@ -74,7 +74,7 @@ struct FakeDevice final : platform::UsbDeviceConnection {
 };
 
 // Serves FakeDevice copies at kLink; "denied" fails as a device without permission would.
-struct FakeBackend final : platform::DeviceBackend {
+struct FakeBackend final : platform::EmptyDeviceBackend {
     FakeDevice device;
     std::vector<std::wstring> ListUsbDeviceInterfaces() override { return {dfu_test::kLink}; }
     platform::ErrorCode OpenUsbDevice(
@@ -83,23 +83,6 @@ struct FakeBackend final : platform::DeviceBackend {
         if (path != dfu_test::kLink) return ERROR_FILE_NOT_FOUND;
         *out = std::make_unique<FakeDevice>(device);
         return ERROR_SUCCESS;
-    }
-    std::uint64_t SubscribeUsbEvents(platform::UsbEventCallback) override { return 0; }
-    void UnsubscribeUsbEvents(std::uint64_t) override {}
-    std::vector<platform::VideoCaptureDeviceInfo> ListVideoCaptureDevices(
-        platform::VideoCategory) override {
-        return {};
-    }
-    HRESULT OpenVideoDevice(const std::wstring&,
-                            std::unique_ptr<platform::VideoDeviceConnection>*) override {
-        return E_FAIL;
-    }
-    platform::ErrorCode CreateSettingsKey(const std::wstring&) override {
-        return ERROR_ACCESS_DENIED;
-    }
-    platform::ErrorCode SetSettingsValue(const std::wstring&, const std::wstring&, std::uint32_t,
-                                         const std::uint8_t*, std::uint32_t) override {
-        return ERROR_ACCESS_DENIED;
     }
 };
 

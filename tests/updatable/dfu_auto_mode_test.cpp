@@ -9,7 +9,7 @@
 namespace {
 
 // A settings store that records what reaches it and fails on request.
-class RecordingStore final : public platform::DeviceBackend {
+class RecordingStore final : public platform::EmptyDeviceBackend {
   public:
     platform::ErrorCode createError = ERROR_SUCCESS;
     platform::ErrorCode setError = ERROR_SUCCESS;
@@ -19,21 +19,6 @@ class RecordingStore final : public platform::DeviceBackend {
     std::vector<std::uint8_t> data;
     int sets = 0;
 
-    std::vector<std::wstring> ListUsbDeviceInterfaces() override { return {}; }
-    platform::ErrorCode OpenUsbDevice(const std::wstring&,
-                                      std::unique_ptr<platform::UsbDeviceConnection>*) override {
-        return ERROR_FILE_NOT_FOUND;
-    }
-    std::uint64_t SubscribeUsbEvents(platform::UsbEventCallback) override { return 0; }
-    void UnsubscribeUsbEvents(std::uint64_t) override {}
-    std::vector<platform::VideoCaptureDeviceInfo> ListVideoCaptureDevices(
-        platform::VideoCategory) override {
-        return {};
-    }
-    HRESULT OpenVideoDevice(const std::wstring&,
-                            std::unique_ptr<platform::VideoDeviceConnection>*) override {
-        return E_FAIL;
-    }
     platform::ErrorCode CreateSettingsKey(const std::wstring& path) override {
         keyPath = path;
         return createError;

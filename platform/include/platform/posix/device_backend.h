@@ -110,6 +110,29 @@ class DeviceBackend {
                                        std::uint32_t size) = 0;
 };
 
+// No devices and a settings store that refuses every write: what a machine without the
+// hardware looks like. Fakes derive from it and override what they need.
+class EmptyDeviceBackend : public DeviceBackend {
+  public:
+    std::vector<std::wstring> ListUsbDeviceInterfaces() override { return {}; }
+    ErrorCode OpenUsbDevice(const std::wstring&, std::unique_ptr<UsbDeviceConnection>*) override {
+        return ERROR_FILE_NOT_FOUND;
+    }
+    std::uint64_t SubscribeUsbEvents(UsbEventCallback) override { return 0; }
+    void UnsubscribeUsbEvents(std::uint64_t) override {}
+    std::vector<VideoCaptureDeviceInfo> ListVideoCaptureDevices(VideoCategory) override {
+        return {};
+    }
+    HRESULT OpenVideoDevice(const std::wstring&, std::unique_ptr<VideoDeviceConnection>*) override {
+        return HResultFromError(ERROR_FILE_NOT_FOUND);
+    }
+    ErrorCode CreateSettingsKey(const std::wstring&) override { return ERROR_ACCESS_DENIED; }
+    ErrorCode SetSettingsValue(const std::wstring&, const std::wstring&, std::uint32_t,
+                               const std::uint8_t*, std::uint32_t) override {
+        return ERROR_ACCESS_DENIED;
+    }
+};
+
 // The backend that every platform call goes to. Before any is installed, an empty one
 // (no devices, a read-only settings store) answers.
 void InstallBackend(std::shared_ptr<DeviceBackend> backend);
