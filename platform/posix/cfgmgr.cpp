@@ -51,10 +51,10 @@ CONFIGRET CM_Get_Device_Interface_ListW(LPGUID interfaceClass, DEVINSTID_W, PZZW
     return CR_SUCCESS;
 }
 
-namespace platform {
-
-CONFIGRET RegisterDeviceNotification(PCM_NOTIFY_FILTER filter, PVOID context,
-                                     PCM_NOTIFY_CALLBACK callback, PHCMNOTIFICATION notification) {
+CONFIGRET CM_Register_Notification(PCM_NOTIFY_FILTER filter, PVOID context,
+                                   PCM_NOTIFY_CALLBACK callback, PHCMNOTIFICATION notification) {
+    using platform::Backend;
+    using platform::UsbEvent;
     if (notification == nullptr) return CR_INVALID_POINTER;
     *notification = nullptr;
     if (filter == nullptr || callback == nullptr || filter->cbSize != sizeof(CM_NOTIFY_FILTER)) {
@@ -84,12 +84,23 @@ CONFIGRET RegisterDeviceNotification(PCM_NOTIFY_FILTER filter, PVOID context,
     return CR_SUCCESS;
 }
 
-CONFIGRET UnregisterDeviceNotification(HCMNOTIFICATION notification) {
+CONFIGRET CM_Unregister_Notification(HCMNOTIFICATION notification) {
     if (notification == nullptr) return CR_INVALID_POINTER;
-    // Returns only once no callback of this registration runs any more.
-    Backend().UnsubscribeUsbEvents(notification->subscription);
+    platform::Backend().UnsubscribeUsbEvents(notification->subscription);
     delete notification;
     return CR_SUCCESS;
+}
+
+namespace platform {
+
+// Every POSIX target has the functions; only Windows must look them up.
+CONFIGRET RegisterDeviceNotification(PCM_NOTIFY_FILTER filter, PVOID context,
+                                     PCM_NOTIFY_CALLBACK callback, PHCMNOTIFICATION notification) {
+    return CM_Register_Notification(filter, context, callback, notification);
+}
+
+CONFIGRET UnregisterDeviceNotification(HCMNOTIFICATION notification) {
+    return CM_Unregister_Notification(notification);
 }
 
 }  // namespace platform

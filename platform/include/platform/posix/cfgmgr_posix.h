@@ -89,3 +89,7 @@ CONFIGRET CM_Get_Device_Interface_List_SizeW(PULONG length, LPGUID interfaceClas
                                              DEVINSTID_W deviceId, ULONG flags);
 CONFIGRET CM_Get_Device_Interface_ListW(LPGUID interfaceClass, DEVINSTID_W deviceId, PZZWSTR buffer,
                                         ULONG bufferLength, ULONG flags);
+CONFIGRET CM_Register_Notification(PCM_NOTIFY_FILTER filter, PVOID context,
+                                   PCM_NOTIFY_CALLBACK callback, PHCMNOTIFICATION notification);
+// Returns only once no callback of this registration runs any more (unless called from one).
+CONFIGRET CM_Unregister_Notification(HCMNOTIFICATION notification);

@@ -1,0 +1,141 @@
+// Interface paths: lower-casing (also of a whole list with its inner terminators), the USB
+// filter, and the interface kind and parent id read from a path.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "dfu/device_paths.h"
+#include "platform/cfgmgr.h"
+
+namespace {
+
+using namespace std::string_literals;
+
+const std::wstring kGuid = L"#{a5dcbf10-6530-11d2-901f-00c04fb951ed}";
+const std::wstring kDfuPath = L"\\\\?\\usb#vid_3c5e&pid_0f1c#5&1f2e3d4c&0&1" + kGuid;
+
+struct LowerCase {
+    std::wstring text;
+    std::wstring lower;
+};
+
+class ToLowerTest : public testing::TestWithParam<LowerCase> {};
+
+TEST_P(ToLowerTest, LowersOnlyLettersAndKeepsEveryUnit) {
+    const std::wstring result = ToLower(GetParam().text);
+    EXPECT_EQ(GetParam().lower, result);
+    EXPECT_EQ(GetParam().text.size(), result.size());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Paths, ToLowerTest,
+    testing::Values(
+        LowerCase{
+            L"\\\\?\\USB#VID_3C5E&PID_0F1C#5&1F2E3D4C&0&1#{A5DCBF10-6530-11D2-901F-00C04FB951ED}",
+            L"\\\\?\\usb#vid_3c5e&pid_0f1c#5&1f2e3d4c&0&1#{a5dcbf10-6530-11d2-901f-00c04fb951ed}"},
+        LowerCase{L"", L""}, LowerCase{L"az09_&#{}\\?", L"az09_&#{}\\?"},
+        LowerCase{L"@[`{", L"@[`{"},  // the neighbours of A-Z and a-z
+        // A whole interface list is lowered in one piece: nothing after a terminator is lost.
+        LowerCase{L"\\\\?\\USB#A\0\\\\?\\USB#B\0\0"s, L"\\\\?\\usb#a\0\\\\?\\usb#b\0\0"s}));
+
+struct FilterCase {
+    const char* name;
+    std::wstring vendor, product, interfaceToken;
+    std::wstring path;
+    bool matches;
+};
+
+class FilterTest : public testing::TestWithParam<FilterCase> {};
+
+TEST_P(FilterTest, MatchesPathsThatContainThePrefixAndInterfaceToken) {
+    const auto& c = GetParam();
+    const DeviceFilter filter = MakeUsbDeviceFilter(c.vendor, c.product, c.interfaceToken);
+    ASSERT_NE(nullptr, filter.interfaceClass);
+    EXPECT_TRUE(*filter.interfaceClass == kGuidDevinterfaceUsbDevice);
+    EXPECT_EQ(c.matches, filter.Matches(c.path)) << c.name;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Paths, FilterTest,
+    testing::Values(
+        FilterCase{"family", L"vid_3c5e", L"pid_0f1c", L"", kDfuPath, true},
+        FilterCase{"tokens given in upper case", L"VID_3C5E", L"PID_0F1C", L"", kDfuPath, true},
+        FilterCase{"interface of a composite device", L"vid_3c5e", L"pid_0f1c", L"",
+                   L"\\\\?\\usb#vid_3c5e&pid_0f1c&mi_00#6&1a2b3c4d&0&0000" + kGuid, true},
+        FilterCase{"other product", L"vid_3c5e", L"pid_0f1c", L"",
+                   L"\\\\?\\usb#vid_3c5e&pid_0b64#5&1f2e3d4c&0&1" + kGuid, false},
+        FilterCase{"other vendor", L"vid_3c5e", L"pid_0f1c", L"",
+                   L"\\\\?\\usb#vid_8086&pid_0f1c#5&1f2e3d4c&0&1" + kGuid, false},
+        FilterCase{"path not lowered", L"vid_3c5e", L"pid_0f1c", L"",
+                   L"\\\\?\\USB#VID_3C5E&PID_0F1C#5&1F2E3D4C&0&1" + kGuid, false},
+        FilterCase{"prefix not at the start", L"vid_3c5e", L"pid_0f1c", L"", L"x" + kDfuPath, true},
+        FilterCase{"ids elsewhere than after the prefix", L"vid_3c5e", L"pid_0f1c", L"",
+                   L"\\\\?\\usb#vid_1234&pid_5678#vid_3c5e&pid_0f1c" + kGuid, false},
+        FilterCase{"vendor alone", L"vid_3c5e", L"", L"",
+                   L"\\\\?\\usb#vid_3c5e&pid_0b64#5&1f2e3d4c&0&1" + kGuid, true},
+        FilterCase{"product alone needs &pid right after the prefix", L"", L"pid_0f1c", L"",
+                   kDfuPath, false},
+        FilterCase{"product alone", L"", L"pid_0f1c", L"", L"\\\\?\\usb#&pid_0f1c#x" + kGuid, true},
+        FilterCase{"no tokens: every USB device", L"", L"", L"",
+                   L"\\\\?\\usb#vid_8086&pid_0001#1" + kGuid, true},
+        FilterCase{"no tokens: not a USB device", L"", L"", L"", L"\\\\?\\hid#vid_8086&pid_0001#1",
+                   false},
+        FilterCase{"interface token present", L"vid_3c5e", L"pid_0f1c", L"MI_02",
+                   L"\\\\?\\usb#vid_3c5e&pid_0f1c&mi_02#6&1a2b3c4d&0&0002" + kGuid, true},
+        FilterCase{"interface token absent", L"vid_3c5e", L"pid_0f1c", L"mi_02",
+                   L"\\\\?\\usb#vid_3c5e&pid_0f1c&mi_00#6&1a2b3c4d&0&0000" + kGuid, false},
+        FilterCase{"interface token without the prefix", L"vid_3c5e", L"pid_0f1c", L"mi_02",
+                   L"\\\\?\\usb#vid_3c5e&pid_0b64&mi_02#6&1a2b3c4d&0&0002" + kGuid, false}),
+    [](const testing::TestParamInfo<FilterCase>& info) {
+        std::string name = info.param.name;
+        for (auto& ch : name) {
+            if (!std::isalnum(static_cast<unsigned char>(ch))) ch = '_';
+        }
+        return name;
+    });
+
+struct PathParts {
+    std::wstring path;
+    std::int32_t kind;
+    std::wstring parentId;
+};
+
+class PathPartsTest : public testing::TestWithParam<PathParts> {};
+
+TEST_P(PathPartsTest, KindAndParentIdFromTheInterfacePart) {
+    EXPECT_EQ(GetParam().kind, GetInterfaceKind(GetParam().path));
+    EXPECT_EQ(GetParam().parentId, GetParentId(GetParam().path));
+}
+
+const std::wstring kComposite = L"\\\\?\\usb#vid_3c5e&pid_0b64&mi_";
+
+INSTANTIATE_TEST_SUITE_P(
+    Paths, PathPartsTest,
+    testing::Values(
+        // Not composite: no interface part.
+        PathParts{kDfuPath, 4, L""},
+        PathParts{kComposite + L"00#7&aa&0&0000" + kGuid, 0, L"7&aa&0"},
+        PathParts{kComposite + L"02#6&1a2b3c4d&0&0002" + kGuid, 1, L"6&1a2b3c4d&0"},
+        PathParts{kComposite + L"04#6&1a2b3c4d&0&0004" + kGuid, 2, L"6&1a2b3c4d&0"},
+        PathParts{kComposite + L"01#6&1a2b3c4d&0&0001" + kGuid, 4, L"6&1a2b3c4d&0"},
+        PathParts{kComposite + L"03#6&1a2b3c4d&0&0003" + kGuid, 4, L"6&1a2b3c4d&0"},
+        // The two characters read as decimal up to the first non-digit.
+        PathParts{kComposite + L"0a#6&1a2b3c4d&0&000a" + kGuid, 0, L"6&1a2b3c4d&0"},
+        PathParts{kComposite + L"10#6&1a2b3c4d&0&0010" + kGuid, 4, L"6&1a2b3c4d&0"},
+        PathParts{kComposite + L" 4#6&1a2b3c4d&0&0004" + kGuid, 2, L"6&1a2b3c4d&0"},
+        PathParts{kComposite + L"-0#6&1a2b3c4d&0&0000" + kGuid, 0, L"6&1a2b3c4d&0"},
+        // A capture device's link: the parent id stops before the last "&nnnn#".
+        PathParts{L"\\\\?\\usb#vid_3c5e&pid_0b64&mi_00#6&2c1a3b4d&0&0000#{e5323777-f976-4f5b-"
+                  L"9b55-b94699c46e44}\\global",
+                  0, L"6&2c1a3b4d&0"},
+        // Greedy: a later "&nnnn#" moves the end of the parent id.
+        PathParts{kComposite + L"02#6&1a&0&0002#x&abcd#", 1, L"6&1a&0&0002#x"},
+        // No "&nnnn#" after the interface part.
+        PathParts{kComposite + L"02#6-1a2b3c4d" + kGuid, 1, L""},
+        // Interface part without the "#" after the two characters.
+        PathParts{kComposite + L"02&6&1a2b3c4d&0&0002" + kGuid, 4, L""},
+        // Upper case is never matched.
+        PathParts{L"\\\\?\\USB#VID_3C5E&PID_0B64&MI_00#6&1A2B3C4D&0&0000" + kGuid, 4, L""},
+        PathParts{L"", 4, L""}));
+
+}  // namespace
