@@ -8,6 +8,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   nlohmann-json3-dev libusb-1.0-0-dev zlib1g-dev
   mingw-w64 wine wine64
+  qemu-system-x86 busybox-static dfu-util
 )
 
 missing=()

@@ -12,6 +12,9 @@ cmake --preset default
 cmake --build --preset default -j "$jobs"
 ctest --preset default
 
+step "Hardware lab: lynx-dfu against an emulated camera through the Linux kernel (qemu)"
+./tests/hwlab/run.sh --build build/default
+
 step "AddressSanitizer + UndefinedBehaviorSanitizer"
 cmake --preset asan
 cmake --build --preset asan -j "$jobs"
