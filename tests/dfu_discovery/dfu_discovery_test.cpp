@@ -91,13 +91,6 @@ std::vector<std::uint8_t> ReadBytes(const std::string& path) {
     return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
 }
 
-TEST(LynxDfuDevice, NamesAndReservedSlot) {
-    LynxDfuDevice device(Lower(kFirst), nullptr);
-    EXPECT_EQ(L"Lynx DFU " + Lower(kFirst), device.GetName());
-    EXPECT_EQ(Lower(kFirst), device.GetSymbolicLink());
-    EXPECT_EQ(0, device.Reserved());
-}
-
 TEST(LynxDfuDevice, BurnWritesTheWholeImageAndManifests) {
     LabBus bus({kFirst}, 20);
     std::ostringstream log;
@@ -169,27 +162,5 @@ INSTANTIATE_TEST_SUITE_P(Streams, BurnFailures,
                          testing::Values(BurnFailureCase{"with_log", true},
                                          BurnFailureCase{"without_log", false}),
                          [](const auto& info) { return std::string(info.param.label); });
-
-TEST(LynxDfuDevice, AFailedStepGivesItsStatus) {
-    sim::WorldSpec spec;
-    sim::DfuDeviceSpec device;
-    device.link = kFirst;
-    device.fault = sim::DfuFault{3, sim::FaultKind::kStall};
-    spec.dfuDevices = {device};
-    spec.speedup = 20;
-    auto world = std::make_shared<sim::SimWorld>(spec);
-    platform::InstallBackend(world);
-    std::ostringstream log;
-    LynxDfuDevice lynx(Lower(kFirst), &log);
-    const std::string image = kImageDir + "sample-firmware.bin";
-    const HRESULT status = lynx.Burn(image.c_str());
-    EXPECT_NE(S_OK, status);
-    EXPECT_NE(std::string::npos, log.str().find(" Failed with status" + std::to_string(status)));
-    const auto downloads = world->DumpState()["downloads"];
-    platform::InstallBackend(nullptr);
-    ASSERT_EQ(1u, downloads.size());
-    EXPECT_EQ(3u * 1024u, downloads[0]["bytes"].get<std::uint64_t>());
-    EXPECT_FALSE(downloads[0]["manifested"].get<bool>());
-}
 
 }  // namespace
