@@ -35,7 +35,7 @@ cmake --build --preset mingw -j "$jobs"
 step "Windows program: manifest and imports"
 # The embedded manifest must ask for administrator rights, and the program must need no
 # mingw runtime DLLs (only the system's own).
-strings build/mingw/app/lynx-dfu.exe | grep -q 'requestedExecutionLevel level="requireAdministrator"'
+strings build/mingw/app/lynx-dfu.exe | grep 'requestedExecutionLevel level="requireAdministrator"' >/dev/null
 if x86_64-w64-mingw32-objdump -p build/mingw/app/lynx-dfu.exe | grep 'DLL Name' | grep -Eiv 'KERNEL32|msvcrt|ole32|USER32|ADVAPI32|mfplat|mf\.dll|MFReadWrite|ksuser|winusb|cfgmgr32|SETUPAPI|OLEAUT32|api-ms-win'; then
   echo "lynx-dfu.exe needs a DLL that Windows does not ship"
   exit 1

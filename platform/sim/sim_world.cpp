@@ -84,16 +84,26 @@ void SimWorld::Schedule(std::uint32_t delayMs, std::function<void()> action) {
 }
 
 void SimWorld::PostUsbEvent(platform::UsbEvent event, std::wstring interfacePath) {
+    // An event reaches those registered when it happened, as on a real bus: a registration made
+    // after a device arrived learns of it by listing, not by a late notification.
+    std::vector<std::uint64_t> recipients;
+    {
+        std::lock_guard subscribersLock(subscribersMutex_);
+        for (const auto& [id, callback] : subscribers_) recipients.push_back(id);
+    }
     {
         std::lock_guard lock(eventMutex_);
         tasks_.push(Task{std::chrono::steady_clock::time_point::min(), nextSequence_++,
-                         [this, event, path = std::move(interfacePath)] {
+                         [this, event, path = std::move(interfacePath), recipients] {
                              std::lock_guard callbackLock(callbackMutex_);
                              std::vector<platform::UsbEventCallback> callbacks;
                              {
                                  std::lock_guard subscribersLock(subscribersMutex_);
-                                 for (const auto& [id, callback] : subscribers_) {
-                                     callbacks.push_back(callback);
+                                 for (std::uint64_t id : recipients) {
+                                     if (auto it = subscribers_.find(id);
+                                         it != subscribers_.end()) {
+                                         callbacks.push_back(it->second);
+                                     }
                                  }
                              }
                              for (const auto& callback : callbacks) callback(event, path);
