@@ -1,5 +1,7 @@
 #include "platform/linux/uvc_descriptors.h"
 
+#include "platform/ks.h"
+
 namespace platform::linux_hw {
 namespace {
 
@@ -18,21 +20,6 @@ constexpr std::uint8_t kVcEncodingUnit = 0x07;
 
 constexpr std::uint16_t kCameraTerminal = 0x0201;
 constexpr std::uint16_t kStreamingTerminal = 0x0101;
-
-constexpr GUID kNodeCameraTerminal = {
-    0xDFF229E6, 0xF70F, 0x11D0, {0xB9, 0x17, 0x00, 0xA0, 0xC9, 0x22, 0x31, 0x96}};
-constexpr GUID kNodeProcessing = {
-    0xDFF229E5, 0xF70F, 0x11D0, {0xB9, 0x17, 0x00, 0xA0, 0xC9, 0x22, 0x31, 0x96}};
-constexpr GUID kNodeStreamingOutput = {
-    0xDFF229E1, 0xF70F, 0x11D0, {0xB9, 0x17, 0x00, 0xA0, 0xC9, 0x22, 0x31, 0x96}};
-constexpr GUID kNodeInputTerminal = {
-    0xDFF229E2, 0xF70F, 0x11D0, {0xB9, 0x17, 0x00, 0xA0, 0xC9, 0x22, 0x31, 0x96}};
-constexpr GUID kNodeOutputTerminal = {
-    0xDFF229E3, 0xF70F, 0x11D0, {0xB9, 0x17, 0x00, 0xA0, 0xC9, 0x22, 0x31, 0x96}};
-constexpr GUID kNodeSelector = {
-    0xDFF229E4, 0xF70F, 0x11D0, {0xB9, 0x17, 0x00, 0xA0, 0xC9, 0x22, 0x31, 0x96}};
-constexpr GUID kNodeDevSpecific = {
-    0x941C7AC0, 0xC559, 0x11D0, {0x8A, 0x2B, 0x00, 0xA0, 0xC9, 0x25, 0x5A, 0xC1}};
 
 std::uint16_t Le16(const std::uint8_t* p) {
     return static_cast<std::uint16_t>(p[0] | (p[1] << 8));
@@ -151,17 +138,17 @@ std::optional<UvcControlInterface> ParseUvcControlInterface(const std::uint8_t* 
 GUID NodeTypeOf(const UvcEntity& entity) {
     switch (entity.kind) {
         case UvcEntityKind::kInputTerminal:
-            return entity.terminalType == kCameraTerminal ? kNodeCameraTerminal
-                                                          : kNodeInputTerminal;
+            return entity.terminalType == kCameraTerminal ? KSNODETYPE_VIDEO_CAMERA_TERMINAL
+                                                          : KSNODETYPE_VIDEO_INPUT_TERMINAL;
         case UvcEntityKind::kOutputTerminal:
-            return entity.terminalType == kStreamingTerminal ? kNodeStreamingOutput
-                                                             : kNodeOutputTerminal;
+            return entity.terminalType == kStreamingTerminal ? KSNODETYPE_VIDEO_STREAMING
+                                                             : KSNODETYPE_VIDEO_OUTPUT_TERMINAL;
         case UvcEntityKind::kSelectorUnit:
-            return kNodeSelector;
+            return KSNODETYPE_VIDEO_SELECTOR;
         case UvcEntityKind::kProcessingUnit:
-            return kNodeProcessing;
+            return KSNODETYPE_VIDEO_PROCESSING;
         case UvcEntityKind::kExtensionUnit:
-            return kNodeDevSpecific;
+            return KSNODETYPE_DEV_SPECIFIC;
         case UvcEntityKind::kEncodingUnit:
             break;
     }

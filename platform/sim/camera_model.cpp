@@ -7,6 +7,7 @@
 #include <array>
 #include <cwctype>
 
+#include "platform/ks.h"
 #include "platform/sim/sim_world.h"
 
 namespace sim {
@@ -20,15 +21,6 @@ constexpr std::uint32_t kSet = 0x2;
 constexpr std::uint32_t kSetSupport = 0x100;
 constexpr std::uint32_t kTopology = 0x10000000;
 
-constexpr GUID kCameraTerminal = {
-    0xDFF229E6, 0xF70F, 0x11D0, {0xB9, 0x17, 0x00, 0xA0, 0xC9, 0x22, 0x31, 0x96}};
-constexpr GUID kProcessingUnit = {
-    0xDFF229E5, 0xF70F, 0x11D0, {0xB9, 0x17, 0x00, 0xA0, 0xC9, 0x22, 0x31, 0x96}};
-constexpr GUID kStreamingOutput = {
-    0xDFF229E1, 0xF70F, 0x11D0, {0xB9, 0x17, 0x00, 0xA0, 0xC9, 0x22, 0x31, 0x96}};
-constexpr GUID kDevSpecific = {
-    0x941C7AC0, 0xC559, 0x11D0, {0x8A, 0x2B, 0x00, 0xA0, 0xC9, 0x25, 0x5A, 0xC1}};
-
 // The family's extension unit, and another vendor's unit that many webcams carry: the search
 // for the family's unit has to pass over it.
 constexpr GUID kFamilyUnitSet = {
@@ -41,15 +33,15 @@ struct Node {
     const GUID* propertySet;  // extension units only
 };
 
-constexpr std::array<Node, 4> kPlainTopology = {{{kCameraTerminal, nullptr},
-                                                 {kProcessingUnit, nullptr},
-                                                 {kDevSpecific, &kForeignUnitSet},
-                                                 {kStreamingOutput, nullptr}}};
-constexpr std::array<Node, 5> kFamilyTopology = {{{kCameraTerminal, nullptr},
-                                                  {kProcessingUnit, nullptr},
-                                                  {kDevSpecific, &kForeignUnitSet},
-                                                  {kDevSpecific, &kFamilyUnitSet},
-                                                  {kStreamingOutput, nullptr}}};
+constexpr std::array<Node, 4> kPlainTopology = {{{KSNODETYPE_VIDEO_CAMERA_TERMINAL, nullptr},
+                                                 {KSNODETYPE_VIDEO_PROCESSING, nullptr},
+                                                 {KSNODETYPE_DEV_SPECIFIC, &kForeignUnitSet},
+                                                 {KSNODETYPE_VIDEO_STREAMING, nullptr}}};
+constexpr std::array<Node, 5> kFamilyTopology = {{{KSNODETYPE_VIDEO_CAMERA_TERMINAL, nullptr},
+                                                  {KSNODETYPE_VIDEO_PROCESSING, nullptr},
+                                                  {KSNODETYPE_DEV_SPECIFIC, &kForeignUnitSet},
+                                                  {KSNODETYPE_DEV_SPECIFIC, &kFamilyUnitSet},
+                                                  {KSNODETYPE_VIDEO_STREAMING, nullptr}}};
 
 constexpr std::uint32_t kFrameSize = 1024;
 constexpr std::uint32_t kHeaderLength = 20;  // opcode and four parameters
