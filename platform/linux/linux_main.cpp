@@ -1,8 +1,13 @@
 // lynx-dfu on Linux: the tool over the machine's real devices.
+#include <csignal>
+
 #include "app/main_loop.h"
 #include "platform/linux/linux_backend.h"
 
 int main() {
+    // A reader that goes away (a pager, `head`) must not kill the program in the middle of a
+    // firmware download: failed writes are simply lost, as on a closed console.
+    std::signal(SIGPIPE, SIG_IGN);
     platform::InstallBackend(platform::linux_hw::CreateLinuxBackend());
     const int status = RunLynxDfu();
     platform::InstallBackend(nullptr);

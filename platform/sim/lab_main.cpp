@@ -1,9 +1,13 @@
 // lynx-dfu-lab: the tool's own console program over a simulated world.
+#include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <fstream>
 #include <iostream>
 #include <memory>
+#include <optional>
 #include <string>
+#include <string_view>
 
 #include "app/main_loop.h"
 #include "platform/posix/device_backend.h"
@@ -11,30 +15,104 @@
 
 namespace {
 
-constexpr const char* kUsage = "usage: lynx-dfu-lab [--world FILE] [--dump-state FILE]";
+constexpr const char* kUsage = "usage: lynx-dfu-lab [--help] [--world FILE] [--dump-state FILE]";
+
+constexpr const char* kHelp =
+    "\n"
+    "Runs lynx-dfu over a simulated world of cameras and DFU devices: the same menus,\n"
+    "answers on standard input, one line per prompt and one (empty) line per pause.\n"
+    "\n"
+    "  -h, --help               print this help and exit\n"
+    "  --world FILE             the world to simulate (JSON); without it, the built-in\n"
+    "                           default world: one camera of the family and one webcam\n"
+    "  --dump-state FILE        on exit, write the world's final state to FILE as JSON\n"
+    "\n"
+    "Both options also take the form --world=FILE. Sample worlds are in lab/; the\n"
+    "world file and the state dump are described in docs/lab.md and docs/world-file.md.\n";
+
+struct Options {
+    std::string worldPath;
+    std::string dumpPath;
+    bool help = false;
+};
+
+int Refuse(const std::string& problem) {
+    std::cerr << "lynx-dfu-lab: " << problem << "\n" << kUsage << "\n";
+    return 2;
+}
+
+// Parses the command line; a refusal has already been reported and carries the exit status.
+std::optional<int> Parse(int argc, char** argv, Options& options) {
+    for (int i = 1; i < argc; ++i) {
+        const std::string_view argument = argv[i];
+        if (argument == "-h" || argument == "--help") {
+            options.help = true;
+            continue;
+        }
+        bool known = false;
+        for (auto [name, target] :
+             {std::pair{std::string_view("--world"), &options.worldPath},
+              std::pair{std::string_view("--dump-state"), &options.dumpPath}}) {
+            if (argument == name) {
+                // The next word is taken as the value unless it is missing, empty or
+                // itself an option, which is far likelier a forgotten value than a file.
+                if (i + 1 >= argc || argv[i + 1][0] == '\0' ||
+                    std::string_view(argv[i + 1]).starts_with("--")) {
+                    return Refuse("option '" + std::string(name) + "' needs a file name");
+                }
+                *target = argv[++i];
+            } else if (argument.starts_with(name) && argument.size() > name.size() &&
+                       argument[name.size()] == '=') {
+                if (argument.size() == name.size() + 1) {
+                    return Refuse("option '" + std::string(name) + "' needs a file name");
+                }
+                *target = std::string(argument.substr(name.size() + 1));
+            } else {
+                continue;
+            }
+            known = true;
+            break;
+        }
+        if (!known) return Refuse("unexpected argument '" + std::string(argument) + "'");
+    }
+    return std::nullopt;
+}
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    std::string worldPath;
-    std::string dumpPath;
-    for (int i = 1; i < argc; ++i) {
-        const std::string argument = argv[i];
-        if ((argument == "--world" || argument == "--dump-state") && i + 1 < argc) {
-            (argument == "--world" ? worldPath : dumpPath) = argv[++i];
-        } else {
-            std::cerr << "lynx-dfu-lab: unexpected argument '" << argument << "'\n"
-                      << kUsage << "\n";
-            return 2;
-        }
+    // A reader that goes away (a pager, `head`) must not end the session before the state
+    // dump is written: failed writes are simply lost, as on a closed console.
+    std::signal(SIGPIPE, SIG_IGN);
+
+    Options options;
+    if (const auto refused = Parse(argc, argv, options)) return *refused;
+    if (options.help) {
+        std::cout << kUsage << "\n" << kHelp;
+        std::cout.flush();
+        return 0;
     }
 
     sim::WorldSpec spec;
     try {
-        spec = worldPath.empty() ? sim::DefaultWorld() : sim::LoadWorldFile(worldPath);
+        spec =
+            options.worldPath.empty() ? sim::DefaultWorld() : sim::LoadWorldFile(options.worldPath);
     } catch (const sim::WorldError& error) {
         std::cerr << "lynx-dfu-lab: world " << error.what() << "\n";
         return 2;
+    }
+
+    // Opened before the first menu, so that a path that cannot be written is refused before
+    // the operator has given a single answer.
+    std::ofstream dump;
+    if (!options.dumpPath.empty()) {
+        dump.open(options.dumpPath, std::ios::binary | std::ios::trunc);
+        if (!dump) {
+            const int error = errno;
+            std::cerr << "lynx-dfu-lab: cannot write the state dump " << options.dumpPath << ": "
+                      << std::strerror(error) << "\n";
+            return 2;
+        }
     }
 
     auto world = std::make_shared<sim::SimWorld>(std::move(spec));
@@ -43,12 +121,11 @@ int main(int argc, char** argv) {
     std::cout.flush();
     platform::InstallBackend(nullptr);
 
-    if (!dumpPath.empty()) {
-        std::ofstream dump(dumpPath, std::ios::binary | std::ios::trunc);
+    if (dump.is_open()) {
         dump << world->DumpState().dump(2) << "\n";
         dump.close();
         if (!dump) {
-            std::cerr << "lynx-dfu-lab: cannot write the state dump " << dumpPath << "\n";
+            std::cerr << "lynx-dfu-lab: cannot write the state dump " << options.dumpPath << "\n";
             return 1;
         }
     }

@@ -1,0 +1,46 @@
+#!/bin/sh
+# Every sample world under lab/ loads and shows what its name promises, with the command
+# line the lab's documentation gives for it (the world's clock sped up, so that the waits
+# of a camera that never comes back take a tenth of a second).
+#   sample_worlds.sh LAB_BINARY SOURCE_DIR
+set -eu
+lab="$1"
+src="$2"
+scratch="$(mktemp -d /tmp/lynx-sample-worlds.XXXXXX)"
+trap 'rm -rf "$scratch"' EXIT
+failed=0
+
+# world | answers | a line the session must print | a line the state dump must hold
+rows='default-world|1\n1\nlab/sample-firmware.bin\n\nq\n|Downloaded 880, bytes remaining 0|"firmware": "5.16.0.1"
+camera-stuck-in-dfu-mode|3\n1\nlab/sample-firmware.bin\n\nq\n|Vantrel (TM) Recovering devices from DFU|"manifested": true
+download-fails-at-block-3|1\n1\nlab/sample-firmware.bin\n\nq\n|Downloaded 1024, bytes remaining 2928|"blocks": 3
+registry-refuses|1\n1\nlab/sample-firmware.bin\n\nq\n|Failed open registry key with status ACCESS_DENIED|"downloads": []
+two-family-cameras|1\n2\nlab/sample-firmware.bin\n\n2\n\nq\n|[2]Lynx LX30 Depth Camera (FW Version: 5.16.0.1)|"bytes": 6000
+camera-never-comes-back|1\n1\nlab/sample-firmware.bin\n\n2\n\nq\n|No DFU device was connected |"present": false'
+
+for world in "$src"/lab/*.json; do
+    name="$(basename "$world" .json)"
+    row="$(printf '%s\n' "$rows" | grep "^$name|" || true)"
+    if [ -z "$row" ]; then
+        echo "FAIL $name: a sample world without a row here"
+        failed=1
+        continue
+    fi
+    answers="$(printf '%s' "$row" | cut -d'|' -f2)"
+    line="$(printf '%s' "$row" | cut -d'|' -f3)"
+    state="$(printf '%s' "$row" | cut -d'|' -f4)"
+    sed '0,/{/s//{ "speedup": 100,/' "$world" >"$scratch/$name.json"
+    status=0
+    (cd "$src" && printf "$answers" | timeout 60 "$lab" --world="$scratch/$name.json" \
+        --dump-state="$scratch/$name.state.json") >"$scratch/$name.out" 2>&1 || status=$?
+    if [ "$status" != 0 ]; then
+        echo "FAIL $name: exit status $status"; cat "$scratch/$name.out"; failed=1
+    elif ! grep -Fx -- "$line" "$scratch/$name.out" >/dev/null; then
+        echo "FAIL $name: no line '$line' in:"; cat "$scratch/$name.out"; failed=1
+    elif ! grep -F -- "$state" "$scratch/$name.state.json" >/dev/null; then
+        echo "FAIL $name: no '$state' in the state dump:"; cat "$scratch/$name.state.json"; failed=1
+    else
+        echo "ok   $name"
+    fi
+done
+exit "$failed"
