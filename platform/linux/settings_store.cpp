@@ -57,9 +57,22 @@ std::string Utf8FromUtf16(const std::uint8_t* data, std::uint32_t size) {
     return out;
 }
 
-ErrorCode MakeDirectory(const std::string& path) {
-    if (::mkdir(path.c_str(), kDirectoryMode) == 0 || errno == EEXIST) return ERROR_SUCCESS;
+// Directories above the store (/var/lib on a system that lacks it) are ordinary system
+// folders that others must be able to pass through.
+constexpr mode_t kParentMode = 0755;
+
+ErrorCode MakeDirectory(const std::string& path, mode_t mode) {
+    if (path.empty() || ::mkdir(path.c_str(), mode) == 0 || errno == EEXIST) return ERROR_SUCCESS;
     return ErrorFromErrno(errno);
+}
+
+// A rename is durable only once the directory that holds the name is on disk.
+int SyncDirectory(const std::string& path) {
+    const int fd = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) return errno;
+    const int error = ::fsync(fd) == 0 ? 0 : errno;
+    ::close(fd);
+    return error;
 }
 
 }  // namespace
@@ -81,13 +94,15 @@ std::optional<std::string> SettingsStore::KeyDirectory(const std::wstring& keyPa
 ErrorCode SettingsStore::CreateKey(const std::wstring& keyPath) {
     const auto directory = KeyDirectory(keyPath);
     if (!directory) return ERROR_INVALID_PARAMETER;
-    // Every level, as RegCreateKeyEx creates missing parents.
-    for (std::size_t at = root_.size(); at != std::string::npos;
+    // Every missing level, from the file system's root down, as RegCreateKeyEx creates
+    // every missing key of a path.
+    for (std::size_t at = directory->find('/', 1); at != std::string::npos;
          at = directory->find('/', at + 1)) {
-        const ErrorCode error = MakeDirectory(directory->substr(0, at));
+        const ErrorCode error = MakeDirectory(directory->substr(0, at),
+                                              at < root_.size() ? kParentMode : kDirectoryMode);
         if (error != ERROR_SUCCESS) return error;
     }
-    const ErrorCode error = MakeDirectory(*directory);
+    const ErrorCode error = MakeDirectory(*directory, kDirectoryMode);
     if (error != ERROR_SUCCESS) return error;
     // An existing key that this user may not write is refused at open, as KEY_WRITE is.
     if (::access(directory->c_str(), W_OK | X_OK) != 0) return ErrorFromErrno(errno);
@@ -132,7 +147,8 @@ ErrorCode SettingsStore::SetValue(const std::wstring& keyPath, const std::wstrin
         ::unlink(temporary.c_str());
         return ErrorFromErrno(error);
     }
-    return ERROR_SUCCESS;
+    error = SyncDirectory(*directory);
+    return error == 0 ? ERROR_SUCCESS : ErrorFromErrno(error);
 }
 
 }  // namespace platform::linux_hw

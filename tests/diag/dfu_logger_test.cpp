@@ -85,6 +85,8 @@ TEST(NarrowLow8, KeepsTheLowByteOfEachUnit) {
     EXPECT_EQ(std::string("Lynx DFU \\\\?\\usb#vid_3c5e"),
               NarrowLow8(L"Lynx DFU \\\\?\\usb#vid_3c5e"));
     EXPECT_EQ(std::string("\xE9\x41", 2), NarrowLow8(std::wstring{L'\u00E9', L'\u0141'}));
+    // U+1F4F7 is D83D DCF7 in UTF-16: one byte per unit, as on Windows.
+    EXPECT_EQ(std::string("a\x3D\xF7z"), NarrowLow8(std::wstring(L"a\U0001F4F7z")));
 }
 
 }  // namespace

@@ -63,6 +63,24 @@ TEST_F(SettingsStoreTest, ModeIsStoredAsTextInARootOnlyFile) {
     EXPECT_FALSE(std::filesystem::exists(file + ".new"));
 }
 
+TEST_F(SettingsStoreTest, MissingParentsOfTheStoreAreCreatedOpenToAll) {
+    // A system without /var/lib: the store's own parents appear, passable by everyone,
+    // while the store itself stays root-only.
+    const std::string root = base_ + "/var/lib/lynx-dfu";
+    SettingsStore store(root);
+    ASSERT_EQ(store.CreateKey(kKey), ERROR_SUCCESS);
+    const std::uint8_t data[2] = {'A', 0};
+    ASSERT_EQ(store.SetValue(kKey, L"DFUAutoMode", 1, data, 2), ERROR_SUCCESS);
+    EXPECT_EQ(Read(root + "/SYSTEM/CurrentControlSet/Services/OptyraCameraDFU/DFUAutoMode"), "A");
+    struct stat info {};
+    for (const auto& [path, mode] :
+         {std::pair{base_ + "/var", 0755u}, std::pair{base_ + "/var/lib", 0755u},
+          std::pair{root, 0700u}, std::pair{root + "/SYSTEM", 0700u}}) {
+        ASSERT_EQ(stat(path.c_str(), &info), 0) << path;
+        EXPECT_EQ(info.st_mode & 0777, mode) << path;
+    }
+}
+
 TEST_F(SettingsStoreTest, NamesThatWouldLeaveTheStoreAreRefused) {
     SettingsStore store(root_);
     for (const std::wstring& key :
