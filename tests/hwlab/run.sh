@@ -11,9 +11,12 @@
 #              taking any of it as an expectation)
 #
 # Installs nothing. Needs these Debian packages (CI installs them):
-#   qemu-system-x86 busybox-static dfu-util g++ (and apt/dpkg to fetch the kernel package)
-# The distribution's kernel package is fetched with apt-get download, unpacked with dpkg -x
-# and cached under the build directory. Exits non-zero on any failure.
+#   qemu-system-x86 busybox-static dfu-util g++ (and apt/dpkg to fetch two packages)
+# The distribution's kernel package and its udev package (for the udev daemon that runs in
+# the VM) are fetched with apt-get download, unpacked with dpkg -x and kept in a cache
+# outside the build tree, so that a new build or a clean checkout does not fetch them again:
+#   $LYNX_HWLAB_CACHE, default ${XDG_CACHE_HOME:-$HOME/.cache}/lynx-dfu/hwlab
+# Exits non-zero on any failure.
 set -euo pipefail
 
 here="$(cd "$(dirname "$0")" && pwd)"
@@ -45,17 +48,31 @@ for lib in platform/liblynx_backend_linux.a platform/liblynx_platform_posix.a; d
     [ -f "$build/$lib" ] || fail "no $build/$lib"
 done
 
-# --- the kernel --------------------------------------------------------------------------
-cache="$build/hwlab-cache"
+# --- the kernel and the udev daemon -------------------------------------------------------
+cache="${LYNX_HWLAB_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/lynx-dfu/hwlab}"
 mkdir -p "$cache"
+
+# fetch PACKAGE DIR: the package unpacked into DIR, once; said aloud, with where it went and
+# how much room it takes, because the kernel is some 400 MB.
+fetch() {
+    [ -d "$2" ] && return 0
+    echo "hwlab: fetching the Debian package $1 into the cache $cache (once; kept for later runs)"
+    (cd "$cache" && rm -f "$1"_*.deb && apt-get download "$1" >/dev/null 2>&1) || fail "apt-get download $1 failed"
+    rm -rf "$2.tmp" && dpkg -x "$cache/$1"_*.deb "$2.tmp" && mv "$2.tmp" "$2"
+    rm -f "$cache/$1"_*.deb
+    echo "hwlab: $1 unpacked in $2 ($(du -sh "$2" | cut -f1)); remove $cache to free it"
+}
+
 kpkg="$(apt-cache depends linux-image-amd64 2>/dev/null | awk '/Depends: linux-image-[0-9]/ {print $2; exit}')"
 [ -n "$kpkg" ] || fail "apt knows no linux-image-amd64 (run apt-get update)"
 kroot="$cache/$kpkg"
-if [ ! -d "$kroot/boot" ]; then
-    (cd "$cache" && rm -f "$kpkg"_*.deb && apt-get download "$kpkg" >/dev/null 2>&1) || fail "apt-get download $kpkg failed"
-    rm -rf "$kroot.tmp" && dpkg -x "$cache/$kpkg"_*.deb "$kroot.tmp" && mv "$kroot.tmp" "$kroot"
-    rm -f "$cache/$kpkg"_*.deb
-fi
+[ -d "$kroot/boot" ] || rm -rf "$kroot"
+fetch "$kpkg" "$kroot"
+uver="$(apt-cache policy udev 2>/dev/null | awk '/Candidate:/ {print $2; exit}')"
+[ -n "$uver" ] && [ "$uver" != "(none)" ] || fail "apt knows no udev (run apt-get update)"
+uroot="$cache/udev_$uver"
+fetch udev "$uroot"
+[ -x "$uroot/bin/udevadm" ] || fail "no udevadm in the udev package"
 kver="$(ls "$kroot/lib/modules" | head -n1)"
 vmlinuz="$kroot/boot/vmlinuz-$kver"
 [ -f "$vmlinuz" ] || fail "no kernel image in $kpkg"
@@ -66,7 +83,8 @@ work="$(mktemp -d /tmp/hwlab.XXXXXX)"
 cleanup() { if [ "$keep" = 1 ]; then echo "hwlab: work directory $work"; else rm -rf "$work"; fi; }
 trap cleanup EXIT
 root="$work/root"
-mkdir -p "$root"/{bin,hwlab,proc,sys,dev,tmp,etc,var/lib,lib/modules/"$kver"}
+# No /var/lib: the settings store must make the folders above it, as on a minimal system.
+mkdir -p "$root"/{bin,hwlab,proc,sys,dev,tmp,run,etc/udev/rules.d,lib/udev/rules.d,lib/systemd,lib/modules/"$kver"}
 
 g++ -std=c++20 -O2 -Wall -Wextra -Wpedantic -Werror -static \
     -o "$root/hwlab/usbip-emulator" "$here/usbip_emulator.cpp"
@@ -85,11 +103,18 @@ cp "$lynx" "$root/hwlab/lynx-dfu"
 cp "$(command -v dfu-util)" "$root/hwlab/dfu-util"
 cp "$repo/lab/sample-firmware.bin" "$root/hwlab/fw-small.bin"
 (yes "Lynx LX20 firmware image, 2 MiB, for the hardware lab" || true) | head -c 2097152 > "$root/hwlab/fw-2m.bin"
-printf 'root:x:0:0:root:/:/bin/sh\noperator:x:1000:1000:operator:/tmp:/bin/sh\n' > "$root/etc/passwd"
-printf 'root:x:0:\noperator:x:1000:\nplugdev:x:46:operator\n' > "$root/etc/group"
+printf 'root:x:0:0:root:/:/bin/sh\noperator:x:1000:1000:operator:/tmp:/bin/sh\nvisitor:x:1001:1001:visitor:/tmp:/bin/sh\n' > "$root/etc/passwd"
+printf 'root:x:0:\noperator:x:1000:\nvisitor:x:1001:\nplugdev:x:46:operator\nvideo:x:44:\n' > "$root/etc/group"
+
+# Debian's udev daemon with Debian's default rules and ours, which alone decide who may open
+# the family's device nodes in the VM.
+cp "$uroot/bin/udevadm" "$root/bin/udevadm"
+ln -s /bin/udevadm "$root/lib/systemd/systemd-udevd"
+cp "$uroot/lib/udev/rules.d/50-udev-default.rules" "$root/lib/udev/rules.d/"
+cp "$repo/platform/linux/70-lynx-dfu.rules" "$root/lib/udev/rules.d/"
 
 # The programs' shared libraries, as the dynamic loader finds them.
-for program in "$root/hwlab/lynx-dfu" "$root/hwlab/dfu-util" "$root/hwlab/arrival-probe"; do
+for program in "$root/hwlab/lynx-dfu" "$root/hwlab/dfu-util" "$root/hwlab/arrival-probe" "$root/bin/udevadm"; do
     for lib in $(ldd "$program" | grep -o '/[^ )]*'); do
         [ -e "$root$lib" ] && continue
         mkdir -p "$root$(dirname "$lib")"

@@ -7,7 +7,8 @@
 #   device.txt      what the emulated device received, as its log tells (clock and timing
 #                   lines left out)
 #   user            optional: run lynx-dfu as this user instead of root
-#   setup.sh        optional: run as root once the device is on the bus, before the sessions
+#   setup.sh        optional: run as root once the device is on the bus and udev has handled
+#                   it, before the sessions
 #   program         optional: a command run instead of the sessions (output not compared)
 #   check.sh        optional: further checks, run last; non-zero fails the case
 # Device numbers are the kernel's running count, so "&NNN#" stands for them in expectations.
@@ -66,6 +67,7 @@ run_case() {
     fi
     case " $args " in *" --mode dfu "*) ;; *) wait_for has_camera_node 100 || ok=0 ;; esac
     sleep 0.5  # let the drivers finish binding before anyone lists devices
+    udevadm settle --timeout=10  # and udev apply the rules to their nodes
     user=""
     [ -f "$dir/user" ] && user="$(cat "$dir/user")"
     if [ "$ok" = 1 ] && [ -f "$dir/setup.sh" ]; then
@@ -82,7 +84,7 @@ run_case() {
             ok=0
             continue
         fi
-        [ "$step" = 2 ] && sleep 0.5
+        [ "$step" = 2 ] && sleep 0.5 && udevadm settle --timeout=10
         run_lynx "$dir/input$step.txt" "$out/output$step.txt" "$user"
         echo "exit $?" >>"$out/output$step.txt"
         normalize "$out/output$step.txt" >"$out/actual$step.txt"
