@@ -1,15 +1,25 @@
 #!/usr/bin/env bash
-# Installs what building, running and testing lynx-dfu needs on Debian 12.
+# Installs what lynx-dfu needs on Debian 12, with apt-get (through sudo when not root).
+#
+#   scripts/setup.sh          what building and running the programs and the lab needs
+#   scripts/setup.sh --test   that, and the test tools: GoogleTest, clang for the fuzzer,
+#                             mingw-w64 and Wine for the Windows program, qemu, busybox
+#                             and dfu-util for the hardware lab (about 2 GB)
 set -euo pipefail
 
-packages=(
-  build-essential cmake ninja-build pkg-config git
-  clang clang-format libclang-rt-14-dev
-  libgtest-dev libgmock-dev libbenchmark-dev
-  nlohmann-json3-dev libusb-1.0-0-dev zlib1g-dev
-  mingw-w64 wine wine64
-  qemu-system-x86 busybox-static dfu-util
-)
+packages=(build-essential cmake ninja-build git nlohmann-json3-dev)
+case "${1:-}" in
+  "") ;;
+  --test)
+    packages+=(
+      python3 clang clang-format libclang-rt-14-dev
+      libgtest-dev libgmock-dev libbenchmark-dev
+      dpkg-dev mingw-w64 wine wine64
+      qemu-system-x86 busybox-static dfu-util
+    )
+    ;;
+  *) echo "usage: $0 [--test]" >&2; exit 2 ;;
+esac
 
 missing=()
 for p in "${packages[@]}"; do

@@ -6,11 +6,53 @@ cd "$(dirname "$0")/.."
 jobs="${LYNX_JOBS:-2}"
 
 step() { printf '\n=== %s ===\n' "$*"; }
+sudo=""
+if [ "$(id -u)" -ne 0 ]; then sudo="sudo"; fi
+
+step "First run: the README's run command builds the lab alone and reaches its menu"
+first="build/first-run"
+rm -rf "$first"
+cmake --preset default -B "$first" >/dev/null
+cmake --build "$first" --target lynx-dfu-lab -j "$jobs"
+built_tests="$(find "$first" -type f -perm -u+x \( -name '*_tests' -o -name '*_bench' -o -name '*_fuzz' \))"
+if [ -n "$built_tests" ]; then
+  echo "the run command built test programs: $built_tests"
+  exit 1
+fi
+printf 'q\n' | "$first/app/lynx-dfu-lab" >"$first/menu.txt"
+grep -x 'Q: Quit' "$first/menu.txt" >/dev/null || { echo "the lab showed no menu"; cat "$first/menu.txt"; exit 1; }
+rm -rf "$first"
+echo "lab built alone and reached its menu"
 
 step "native build and tests"
 cmake --preset default
 cmake --build --preset default -j "$jobs"
-ctest --preset default
+ctest --preset default --no-tests=error
+
+step "Debian package: build, install, run, remove"
+(cd build/default && rm -f lynx-dfu_*.deb && cpack -G DEB >/dev/null)
+deb="$(ls build/default/lynx-dfu_*.deb)"
+packaged=(/usr/bin/lynx-dfu /usr/bin/lynx-dfu-lab /usr/lib/udev/rules.d/70-lynx-dfu.rules
+          /usr/share/man/man1/lynx-dfu.1.gz)
+for file in "${packaged[@]}"; do
+  dpkg-deb -c "$deb" | grep -E " \.$file\$" >/dev/null || { echo "$deb lacks $file"; exit 1; }
+done
+if dpkg-query -W -f='${Status}' lynx-dfu 2>/dev/null | grep "install ok installed" >/dev/null; then
+  echo "lynx-dfu is installed on this machine already: install test left out"
+else
+  $sudo dpkg -i "$deb" >/dev/null
+  printf '2\n\nq\n' | /usr/bin/lynx-dfu >build/default/deb-run.txt
+  grep -x 'Vantrel (TM) Updatable Devices List' build/default/deb-run.txt >/dev/null ||
+    { echo "the installed lynx-dfu did not list"; cat build/default/deb-run.txt; exit 1; }
+  $sudo dpkg --purge lynx-dfu >/dev/null
+  for file in "${packaged[@]}"; do
+    [ ! -e "$file" ] || { echo "$file left behind after dpkg --purge"; exit 1; }
+  done
+  if dpkg-query -W -f='${Status}' lynx-dfu 2>/dev/null | grep -v "not-installed" | grep . >/dev/null; then
+    echo "dpkg still knows lynx-dfu after the purge"; exit 1
+  fi
+  echo "installed, ran and purged $deb"
+fi
 
 step "Hardware lab: lynx-dfu against an emulated camera through the Linux kernel (qemu)"
 ./tests/hwlab/run.sh --build build/default
@@ -18,12 +60,12 @@ step "Hardware lab: lynx-dfu against an emulated camera through the Linux kernel
 step "AddressSanitizer + UndefinedBehaviorSanitizer"
 cmake --preset asan
 cmake --build --preset asan -j "$jobs"
-ctest --preset asan
+ctest --preset asan --no-tests=error
 
 step "ThreadSanitizer"
 cmake --preset tsan
 cmake --build --preset tsan -j "$jobs"
-ctest --preset tsan
+ctest --preset tsan --no-tests=error
 
 step "Fuzzing the configuration-descriptor walk (bounded)"
 ./fuzz/run_descriptor_walk_fuzz.sh "${LYNX_FUZZ_SECONDS:-60}" build/fuzz
@@ -41,6 +83,15 @@ if x86_64-w64-mingw32-objdump -p build/mingw/app/lynx-dfu.exe | grep 'DLL Name' 
   exit 1
 fi
 echo "manifest and imports ok"
+
+step "Windows program: the operators' zip"
+(cd build/mingw && rm -f lynx-dfu-*-win64.zip && cpack -G ZIP >/dev/null)
+zip="$(ls build/mingw/lynx-dfu-*-win64.zip)"
+python3 -m zipfile -l "$zip" >build/mingw/zip-list.txt
+for file in lynx-dfu.exe README.txt; do
+  grep -E "/$file " build/mingw/zip-list.txt >/dev/null || { echo "$zip lacks $file"; cat build/mingw/zip-list.txt; exit 1; }
+done
+echo "$zip holds lynx-dfu.exe and README.txt"
 
 step "Windows smoke test under Wine"
 ./scripts/wine-smoke.sh build/mingw/app/lynx-dfu.exe
