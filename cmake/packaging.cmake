@@ -13,7 +13,10 @@ if(LYNX_TARGET_WINDOWS)
   # One folder with the program and what an operator reads first; the exe is static, so
   # nothing else is needed beside it.
   install(TARGETS lynx-dfu RUNTIME DESTINATION .)
-  install(FILES ${PROJECT_SOURCE_DIR}/docs/windows-operator-readme.txt DESTINATION . RENAME README.txt)
+  # With CR LF, so that every Windows editor shows its lines.
+  configure_file(${PROJECT_SOURCE_DIR}/docs/windows-operator-readme.txt
+                 ${CMAKE_CURRENT_BINARY_DIR}/README.txt @ONLY NEWLINE_STYLE WIN32)
+  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/README.txt DESTINATION .)
   set(CPACK_GENERATOR ZIP)
   set(CPACK_SYSTEM_NAME win64)
   set(CPACK_INCLUDE_TOPLEVEL_DIRECTORY ON)
