@@ -67,6 +67,11 @@ kpkg="$(apt-cache depends linux-image-amd64 2>/dev/null | awk '/Depends: linux-i
 [ -n "$kpkg" ] || fail "apt knows no linux-image-amd64 (run apt-get update)"
 kroot="$cache/$kpkg"
 [ -d "$kroot/boot" ] || rm -rf "$kroot"
+# Earlier runs kept the kernel inside the build folder: take it from there once.
+if [ ! -d "$kroot" ] && [ -d "$build/hwlab-cache/$kpkg/boot" ]; then
+    mv "$build/hwlab-cache/$kpkg" "$kroot" && rm -rf "$build/hwlab-cache"
+    echo "hwlab: moved $kpkg from $build/hwlab-cache to the cache $cache"
+fi
 fetch "$kpkg" "$kroot"
 uver="$(apt-cache policy udev 2>/dev/null | awk '/Candidate:/ {print $2; exit}')"
 [ -n "$uver" ] && [ "$uver" != "(none)" ] || fail "apt knows no udev (run apt-get update)"
