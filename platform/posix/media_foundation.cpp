@@ -156,6 +156,14 @@ HRESULT AttributeStore::ActivateObject(REFIID iid, void** object) {
 
 using platform::posix::AttributeStore;
 
+HRESULT MFStartup(ULONG, DWORD) {
+    return S_OK;
+}
+
+HRESULT MFShutdown() {
+    return S_OK;
+}
+
 HRESULT MFCreateAttributes(IMFAttributes** attributes, UINT32) {
     if (attributes == nullptr) return E_POINTER;
     auto* store = new (std::nothrow) AttributeStore(false);

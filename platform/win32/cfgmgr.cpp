@@ -13,7 +13,8 @@ using UnregisterFunction = CONFIGRET(WINAPI*)(HCMNOTIFICATION);
 
 FARPROC Lookup(const char* name) {
     HMODULE module = GetModuleHandleW(L"cfgmgr32.dll");
-    if (module == nullptr) module = LoadLibraryW(L"cfgmgr32.dll");
+    if (module == nullptr)
+        module = LoadLibraryExW(L"cfgmgr32.dll", nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32);
     return module != nullptr ? GetProcAddress(module, name) : nullptr;
 }
 
