@@ -79,6 +79,17 @@ unset WINEDLLOVERRIDES
 echo "-- with Media Foundation"
 run "key 2 lists no camera" '2\n\nq\n' "Vantrel (TM) Updatable Devices List" "Q: Quit"
 
+# Loaded at run time, from the system folder, once a command lists cameras.
+loaded=$(printf '2\n\nq\n' | WINEDEBUG=+loaddll timeout 300 "$wine" "$exe" 2>&1 >/dev/null | tr -d '\r' || true)
+if grep -Fi 'Loaded L"C:\\windows\\system32\\mfplat.dll"' <<<"$loaded" >/dev/null &&
+  grep -Fi 'Loaded L"C:\\windows\\system32\\mf.dll"' <<<"$loaded" >/dev/null; then
+  echo "ok   mfplat.dll and mf.dll loaded from system32"
+else
+  echo "FAIL Media Foundation not loaded from system32:"
+  grep -i 'loaddll' <<<"$loaded" | sed 's/^/    | /' | head -20
+  failures=$((failures + 1))
+fi
+
 if [ "$failures" -ne 0 ]; then
   echo "wine smoke test: $failures failure(s)"
   exit 1
