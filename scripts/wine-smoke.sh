@@ -74,6 +74,21 @@ else
   failures=$((failures + 1))
 fi
 
+# Typed on a console rather than piped: with a terminal as standard input Wine gives the
+# program a console, and answers are read with ReadConsoleW. The terminal's cursor moves
+# are dropped from the output, with the blanks they stand for.
+typed=$( (sleep 6; printf '3\r'; sleep 3; printf '\r'; sleep 3; printf 'q\r'; sleep 3) |
+  timeout 120 script -qfec "$wine $exe; echo exitstatus=\$?" /dev/null 2>/dev/null | tr -d '\033 ' |
+  sed 's/\[[0-9;?]*[a-zA-Z]//g') || true
+if grep -aF 'NodevicesarestuckinDFUmode' <<<"$typed" >/dev/null &&
+  [ "$(grep -acF 'Q:Quit' <<<"$typed")" -ge 2 ] && grep -aF 'exitstatus=0' <<<"$typed" >/dev/null; then
+  echo "ok   answers typed on a console"
+else
+  echo "FAIL answers typed on a console:"
+  printf '%s\n' "$typed" | sed 's/^/    | /' | tail -20
+  failures=$((failures + 1))
+fi
+
 # With Media Foundation (Wine's enumerates no device).
 unset WINEDLLOVERRIDES
 echo "-- with Media Foundation"
