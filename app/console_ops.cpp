@@ -11,12 +11,12 @@ const char* const kSeparatorLine =
 
 std::string ReadLine() {
     std::string line;
-    if (!std::getline(std::cin, line)) line.clear();
+    platform::ReadConsoleLine(line);
     return line;
 }
 
 bool InputEnded() {
-    return std::cin.fail();
+    return platform::ConsoleInputEnded();
 }
 
 void ClearScreen() {

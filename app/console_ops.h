@@ -8,8 +8,8 @@ extern const std::string g_vendorPrefix;
 // Every menu and command screen begins with it.
 extern const char* const kSeparatorLine;
 
-// One answer line from standard input, without its newline. At the end of the input (or
-// once the input has failed) it yields an empty line at once.
+// One answer line from standard input as UTF-8, without its line end (LF or CR LF). At the
+// end of the input (or once the input has failed) it yields an empty line at once.
 std::string ReadLine();
 // Whether standard input has ended or failed, so that empty answers will keep coming.
 bool InputEnded();

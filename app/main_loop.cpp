@@ -7,6 +7,7 @@
 #include "app/console_ops.h"
 #include "platform/com.h"
 #include "platform/console.h"
+#include "platform/mf.h"
 
 void ShowMainMenu() {
     PlaceConsoleWindow();
@@ -28,6 +29,10 @@ void ShowMainMenu() {
 int RunLynxDfu() {
     platform::InitConsole();
     CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+    // "An application must call this function before using Media Foundation. Before your
+    // application quits, call MFShutdown once for every previous call to MFStartup." Where
+    // Media Foundation is missing it fails, no camera is found, and nothing else changes.
+    const HRESULT mediaFoundation = MFStartup(MF_VERSION, MFSTARTUP_LITE);
     ClearScreen();
 
     bool running = true;
@@ -69,5 +74,7 @@ int RunLynxDfu() {
         }
     }
     std::cout.flush();
+    if (SUCCEEDED(mediaFoundation)) MFShutdown();
+    platform::RestoreConsole();
     return 0;
 }

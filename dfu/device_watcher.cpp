@@ -7,6 +7,7 @@ namespace {
 constexpr DWORD kDeviceFound = 0;
 constexpr DWORD kDeviceNotFound = 2;
 constexpr int kWaitAttempts = 10;
+constexpr int kListAttempts = 5;
 }  // namespace
 
 DeviceWatcher::DeviceWatcher(std::wstring watcherName, DeviceFilter deviceFilter)
@@ -24,13 +25,13 @@ DeviceWatcher::DeviceWatcher(std::wstring watcherName, DeviceFilter deviceFilter
     if (filter.interfaceClass != nullptr)
         notifyFilter.u.DeviceInterface.ClassGuid = *filter.interfaceClass;
     // Without notifications the watcher still sees what its rescans find.
-    platform::RegisterDeviceNotification(&notifyFilter, this, &DeviceWatcher::OnNotification,
-                                         &notification);
+    platform::RegisterInterfaceNotification(&notifyFilter, this, &DeviceWatcher::OnNotification,
+                                            &notification);
 }
 
 DeviceWatcher::~DeviceWatcher() {
     // No callback runs once this returns, so the rest needs no lock.
-    if (notification != nullptr) platform::UnregisterDeviceNotification(notification);
+    if (notification != nullptr) platform::UnregisterInterfaceNotification(notification);
     if (arrivalEvent != nullptr) {
         ResetEvent(arrivalEvent);
         CloseHandle(arrivalEvent);
@@ -51,14 +52,24 @@ void DeviceWatcher::Refresh() {
     ResetEvent(arrivalEvent);
 
     GUID interfaceClass = filter.interfaceClass != nullptr ? *filter.interfaceClass : GUID{};
-    ULONG size = 0;
-    CM_Get_Device_Interface_List_SizeW(&size, &interfaceClass, nullptr,
-                                       CM_GET_DEVICE_INTERFACE_LIST_PRESENT);
-    if (size < 2) return;
-    std::wstring buffer(size, L'\0');
-    // A list that grew since its size was asked for fails; this rescan then finds nothing.
-    CM_Get_Device_Interface_ListW(&interfaceClass, nullptr, buffer.data(), size,
-                                  CM_GET_DEVICE_INTERFACE_LIST_PRESENT);
+    // CM_Get_Device_Interface_ListW: "a new device interface can be added to the system
+    // causing the size returned to no longer be valid. Callers should be robust to that
+    // condition and retry getting the size and the list if CM_Get_Device_Interface_List
+    // returns CR_BUFFER_SMALL." A camera re-enumerating in DFU mode does exactly that; the
+    // bound keeps a bus that never settles from holding the rescan forever.
+    std::wstring buffer;
+    for (int attempt = 0; attempt < kListAttempts; ++attempt) {
+        ULONG size = 0;
+        CM_Get_Device_Interface_List_SizeW(&size, &interfaceClass, nullptr,
+                                           CM_GET_DEVICE_INTERFACE_LIST_PRESENT);
+        if (size < 2) return;
+        buffer.assign(size, L'\0');
+        const CONFIGRET listed = CM_Get_Device_Interface_ListW(
+            &interfaceClass, nullptr, buffer.data(), size, CM_GET_DEVICE_INTERFACE_LIST_PRESENT);
+        if (listed == CR_SUCCESS) break;
+        buffer.clear();
+        if (listed != CR_BUFFER_SMALL) break;
+    }
     buffer = ToLower(buffer);
 
     std::vector<std::wstring> paths;

@@ -4,9 +4,9 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
-#include <system_error>
 #include <vector>
 
+#include "dfu/image_path.h"
 #include "platform/sync.h"
 
 namespace dfu {
@@ -49,12 +49,10 @@ HRESULT DfuCommand::ExecuteFile(const char* path) {
         filePath.clear();
     }
 
-    // A directory opens as a stream without error but has no meaningful size.
-    std::error_code error;
-    const bool isDirectory = std::filesystem::is_directory(filePath, error);
+    const std::filesystem::path imagePath = ImageFilePath(filePath);
     std::ifstream file;
-    if (!isDirectory) file.open(filePath, std::ios::in | std::ios::binary);
-    if (isDirectory || !file.is_open()) {
+    if (IsReadableImage(imagePath)) file.open(imagePath, std::ios::in | std::ios::binary);
+    if (!file.is_open()) {
         LogLine("Failed to open file ", filePath);
         return E_FAIL;
     }

@@ -15,6 +15,10 @@ constexpr UCHAR kApplicationSpecificClass = 0xFE;
 constexpr std::size_t kDfuFunctionalDescriptorLength = 9;
 constexpr ULONG kConfigurationBufferLength = 1024;
 constexpr HRESULT kBadLength = static_cast<HRESULT>(0x80070018u);
+// WinUsb_ControlTransfer: "The length of this buffer must not exceed 4KB." DFU 1.1 lets a
+// host send blocks shorter than wTransferSize, so a larger transfer size is simply not used
+// whole. usbfs on older kernels has the same page-sized limit.
+constexpr std::uint16_t kLargestControlDataStage = 4096;
 
 // A failed call that leaves no error behind, or a read that came back short, must still
 // fail: otherwise the device would count as open with no DFU interface chosen.
@@ -58,8 +62,12 @@ HRESULT WinUsbControlEndpoint::Transfer(WINUSB_SETUP_PACKET& packet, PUCHAR buff
     if (length > transferSize) return kBadLength;
     packet.Index = interfaceNumber;
     ULONG transferred = 0;
-    if (WinUsb_ControlTransfer(device->winUsbHandle, packet, buffer, static_cast<ULONG>(length),
-                               &transferred, nullptr)) {
+    // WinUsb_ControlTransfer: "To specify the recipient of a control request as the entire
+    // device or the first interface, use the handle returned by WinUsb_Initialize. For all
+    // other interfaces, obtain the handle to the target interface by calling
+    // WinUsb_GetAssociatedInterface". Every DFU request is addressed to the DFU interface.
+    if (WinUsb_ControlTransfer(device->dfuInterfaceHandle, packet, buffer,
+                               static_cast<ULONG>(length), &transferred, nullptr)) {
         return S_OK;
     }
     return LastErrorStatus();
@@ -168,16 +176,19 @@ HRESULT WinUsbDevice::SelectDfuInterface() {
     std::memcpy(dfuFunctionalDescriptor, configuration.data() + *found,
                 sizeof dfuFunctionalDescriptor);
 
-    const bool selected =
-        WinUsb_SetCurrentAlternateSetting(dfuInterfaceHandle, dfuAlternateSetting) != FALSE;
-    const HRESULT status = selected ? S_OK : LastErrorStatus();
-    ReleaseDfuInterfaceHandle();
-    return status;
+    if (!WinUsb_SetCurrentAlternateSetting(dfuInterfaceHandle, dfuAlternateSetting)) {
+        const HRESULT status = LastErrorStatus();
+        ReleaseDfuInterfaceHandle();
+        return status;
+    }
+    // The handle stays for the endpoints: it is the one their requests must go through.
+    return S_OK;
 }
 
 std::shared_ptr<usb_core::IUsbControlEndpoint> WinUsbDevice::AcquireControlEndpoint() {
-    const auto transferSize = static_cast<std::uint16_t>(
-        dfuFunctionalDescriptor[5] | (dfuFunctionalDescriptor[6] << 8));  // wTransferSize
+    const auto wTransferSize =
+        static_cast<std::uint16_t>(dfuFunctionalDescriptor[5] | (dfuFunctionalDescriptor[6] << 8));
+    const std::uint16_t transferSize = std::min(wTransferSize, kLargestControlDataStage);
     auto endpoint = std::make_shared<WinUsbControlEndpoint>(dfuInterfaceNumber, transferSize, this);
     endpoints.push_back(endpoint);
     return endpoint;
@@ -185,6 +196,8 @@ std::shared_ptr<usb_core::IUsbControlEndpoint> WinUsbDevice::AcquireControlEndpo
 
 void WinUsbDevice::Close() {
     open = false;
+    // An associated interface's handle came from the first interface's: it goes first.
+    ReleaseDfuInterfaceHandle();
     if (IsHandle(winUsbHandle)) WinUsb_Free(winUsbHandle);
     winUsbHandle = nullptr;
     if (IsHandle(fileHandle)) CloseHandle(fileHandle);

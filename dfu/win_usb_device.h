@@ -56,6 +56,8 @@ class WinUsbDevice {
 
     bool open = false;
     std::vector<std::shared_ptr<WinUsbControlEndpoint>> endpoints;
+    // The DFU interface's own handle (the WinUSB handle itself when it is the first
+    // interface), held from its selection until Close; every DFU request goes through it.
     WINUSB_INTERFACE_HANDLE dfuInterfaceHandle = nullptr;
     std::uint8_t dfuInterfaceNumber = 0;
     std::uint8_t dfuAlternateSetting = 0;

@@ -74,15 +74,33 @@ step "Windows cross build (mingw-w64)"
 cmake --preset mingw
 cmake --build --preset mingw -j "$jobs"
 
-step "Windows program: manifest and imports"
-# The embedded manifest must ask for administrator rights, and the program must need no
-# mingw runtime DLLs (only the system's own).
-strings build/mingw/app/lynx-dfu.exe | grep 'requestedExecutionLevel level="requireAdministrator"' >/dev/null
-if x86_64-w64-mingw32-objdump -p build/mingw/app/lynx-dfu.exe | grep 'DLL Name' | grep -Eiv 'KERNEL32|msvcrt|ole32|USER32|ADVAPI32|mfplat|mf\.dll|MFReadWrite|ksuser|winusb|cfgmgr32|SETUPAPI|OLEAUT32|api-ms-win'; then
+step "Windows program: manifest, imports, symbols, version"
+exe=build/mingw/app/lynx-dfu.exe
+# The embedded manifest must ask for administrator rights.
+strings "$exe" | grep 'requestedExecutionLevel level="requireAdministrator"' >/dev/null
+imports=$(x86_64-w64-mingw32-objdump -p "$exe" | sed -n 's/^[[:space:]]*DLL Name: //p')
+# Media Foundation is loaded at run time: without it (Windows N, Server) the loader must
+# still start the program.
+if grep -Eix 'mfplat\.dll|mf\.dll|mfreadwrite\.dll|mfcore\.dll' <<<"$imports"; then
+  echo "lynx-dfu.exe imports Media Foundation statically"
+  exit 1
+fi
+# Only DLLs that every Windows ships; no mingw runtime.
+if grep -Eivx 'kernel32\.dll|msvcrt\.dll|ole32\.dll|user32\.dll|advapi32\.dll|winusb\.dll|cfgmgr32\.dll|api-ms-win-[a-z0-9-]+\.dll' <<<"$imports"; then
   echo "lynx-dfu.exe needs a DLL that Windows does not ship"
   exit 1
 fi
-echo "manifest and imports ok"
+# Shipped stripped.
+x86_64-w64-mingw32-nm "$exe" 2>&1 | grep 'no symbols' >/dev/null
+# The version resource carries the project's version.
+version=$(sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//p' build/mingw/CMakeCache.txt)
+resources=$(x86_64-w64-mingw32-windres -i "$exe" -O rc)
+grep -F "VALUE \"ProductVersion\", \"$version\"" <<<"$resources" >/dev/null
+grep -F 'VALUE "ProductName", "Lynx Device Firmware Update Tool"' <<<"$resources" >/dev/null
+echo "manifest, imports ($(tr '\n' ' ' <<<"$imports")), symbols and version $version ok"
+
+step "Windows unit tests under Wine"
+./scripts/wine-run.sh build/mingw/tests/windows/lynx_windows_tests.exe
 
 step "Windows program: the operators' zip"
 (cd build/mingw && rm -f lynx-dfu-*-win64.zip && cpack -G ZIP >/dev/null)

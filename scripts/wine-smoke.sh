@@ -1,11 +1,21 @@
 #!/usr/bin/env bash
-# Runs lynx-dfu.exe under Wine with scripts of answers and checks what it prints.
+# Runs lynx-dfu.exe under Wine with scripts of answers and checks what it prints: first on a
+# system without Media Foundation (as Windows N editions and Server without the media
+# feature are), where the program must start and every command that needs no camera must
+# work; then once with Media Foundation present. The Wine prefix is a fresh temporary folder,
+# removed when the test ends.
 set -euo pipefail
 
 exe="${1:?usage: wine-smoke.sh path/to/lynx-dfu.exe}"
 wine="${WINE64:-/usr/lib/wine/wine64}"
-export WINEPREFIX="${WINEPREFIX:-$(mktemp -d /tmp/lynx-wine.XXXXXX)}"
-export WINEDEBUG=-all
+WINEPREFIX="$(mktemp -d /tmp/lynx-wine.XXXXXX)"
+export WINEPREFIX WINEDEBUG=-all
+cleanup() {
+  # The Wine server of this prefix goes first, so that nothing writes into it afterwards.
+  timeout 30 wineserver -k >/dev/null 2>&1 || true
+  rm -rf "$WINEPREFIX"
+}
+trap cleanup EXIT
 
 failures=0
 
@@ -34,17 +44,22 @@ run() {
 # The first run creates the Wine prefix.
 "$wine" cmd /c exit >/dev/null 2>&1 || true
 
+# Without Media Foundation: the loader must not refuse the program.
+export WINEDLLOVERRIDES="mfplat,mf=d"
+echo "-- without Media Foundation ($WINEDLLOVERRIDES)"
 run "main menu, then Q" 'q\n' \
   "Vantrel (TM) Lynx Windows Device Firmware Update Tool for Vantrel Optyra Technology Main Menu" \
   "5: Configure Lynx Series Windows Device Firmware Update Tool Settings (Can run with or without camera device connected)." \
   "Q: Quit"
 run "end of input quits" '' "Q: Quit"
-
+run "answers ending in CR LF" '3\r\nq\r\n' "No devices are stuck in DFU mode" "Q: Quit"
 run "key 2 lists no camera" '2\n\nq\n' "Vantrel (TM) Updatable Devices List"
 run "key 1 finds no camera to update" '1\n\nq\n' "Vantrel (TM) Firmware Update:" "There are no updatable devices"
 run "key 3 finds no DFU device and goes on" '3\n\nq\n' "Vantrel (TM) Recovering devices from DFU" \
   "No devices are stuck in DFU mode" "Q: Quit"
-run "key 4 settings lists, then back" '4\n1\n\n2\n\nb\nq\n' "Vantrel (TM) All Cameras List (including non Vantrel)" \
+run "key 4 settings lists, then back" '4\n1\n\n2\n\nb\nq\n' \
+  "Vantrel (TM) Configure Lynx Series Windows Device Firmware Update Tool Settings (Can run with or without camera device connected)." \
+  "Vantrel (TM) All Cameras List (including non Vantrel)" \
   "Vantrel (TM) Detailed All Cameras List (including non Vantrel)"
 run "key 5 without a camera sets service control" '5\n1\n1\n\nq\n' \
   "Vantrel (TM) Configure DFU mode:" "[1] Lynx"
@@ -56,6 +71,37 @@ if grep -Eq '^ +DFUAutoMode +REG_SZ +Service Controlled$' <<<"$stored"; then
 else
   echo "FAIL registry value after key 5:"
   printf '%s\n' "$stored" | sed 's/^/    | /'
+  failures=$((failures + 1))
+fi
+
+# Typed on a console rather than piped: with a terminal as standard input Wine gives the
+# program a console, and answers are read with ReadConsoleW. The terminal's cursor moves
+# are dropped from the output, with the blanks they stand for.
+typed=$( (sleep 6; printf '3\r'; sleep 3; printf '\r'; sleep 3; printf 'q\r'; sleep 3) |
+  timeout 120 script -qfec "$wine $exe; echo exitstatus=\$?" /dev/null 2>/dev/null | tr -d '\033 ' |
+  sed 's/\[[0-9;?]*[a-zA-Z]//g') || true
+if grep -aF 'NodevicesarestuckinDFUmode' <<<"$typed" >/dev/null &&
+  [ "$(grep -acF 'Q:Quit' <<<"$typed")" -ge 2 ] && grep -aF 'exitstatus=0' <<<"$typed" >/dev/null; then
+  echo "ok   answers typed on a console"
+else
+  echo "FAIL answers typed on a console:"
+  printf '%s\n' "$typed" | sed 's/^/    | /' | tail -20
+  failures=$((failures + 1))
+fi
+
+# With Media Foundation (Wine's enumerates no device).
+unset WINEDLLOVERRIDES
+echo "-- with Media Foundation"
+run "key 2 lists no camera" '2\n\nq\n' "Vantrel (TM) Updatable Devices List" "Q: Quit"
+
+# Loaded at run time, from the system folder, once a command lists cameras.
+loaded=$(printf '2\n\nq\n' | WINEDEBUG=+loaddll timeout 300 "$wine" "$exe" 2>&1 >/dev/null | tr -d '\r' || true)
+if grep -Fi 'Loaded L"C:\\windows\\system32\\mfplat.dll"' <<<"$loaded" >/dev/null &&
+  grep -Fi 'Loaded L"C:\\windows\\system32\\mf.dll"' <<<"$loaded" >/dev/null; then
+  echo "ok   mfplat.dll and mf.dll loaded from system32"
+else
+  echo "FAIL Media Foundation not loaded from system32:"
+  grep -i 'loaddll' <<<"$loaded" | sed 's/^/    | /' | head -20
   failures=$((failures + 1))
 fi
 

@@ -1,10 +1,9 @@
 // Updating a camera in normal operation: file check, DFU auto mode off, restart in DFU mode,
 // wait for the DFU-mode device, burn every one found.
-#include <filesystem>
-#include <fstream>
 #include <string>
 
 #include "dfu/dfu_devices_factory.h"
+#include "dfu/image_path.h"
 #include "updatable/lynx_updatable_device.h"
 
 namespace {
@@ -27,15 +26,10 @@ HRESULT LynxUpdatableDevice::UpdateFirmware(const char* imagePath) {
     LogLine("Updating firmware to ", typedPath);
 
     const std::string path = WithoutEnclosingQuotes(typedPath);
-    {
-        // Only a check: the DFU device reads the file itself when it burns it.
-        // A directory opens as a stream on some systems; it is never an image.
-        std::error_code error;
-        std::ifstream image(path, std::ios::binary);
-        if (path.empty() || !image.is_open() || std::filesystem::is_directory(path, error)) {
-            LogLine("Failed to open file ", path);
-            return E_FAIL;
-        }
+    // Only a check: the DFU device reads the file itself when it burns it.
+    if (!dfu::IsReadableImage(dfu::ImageFilePath(path))) {
+        LogLine("Failed to open file ", path);
+        return E_FAIL;
     }
 
     // A camera already on its way into DFU mode must not be switched again by the family's

@@ -94,12 +94,13 @@ CONFIGRET CM_Unregister_Notification(HCMNOTIFICATION notification) {
 namespace platform {
 
 // Every POSIX target has the functions; only Windows must look them up.
-CONFIGRET RegisterDeviceNotification(PCM_NOTIFY_FILTER filter, PVOID context,
-                                     PCM_NOTIFY_CALLBACK callback, PHCMNOTIFICATION notification) {
+CONFIGRET RegisterInterfaceNotification(PCM_NOTIFY_FILTER filter, PVOID context,
+                                        PCM_NOTIFY_CALLBACK callback,
+                                        PHCMNOTIFICATION notification) {
     return CM_Register_Notification(filter, context, callback, notification);
 }
 
-CONFIGRET UnregisterDeviceNotification(HCMNOTIFICATION notification) {
+CONFIGRET UnregisterInterfaceNotification(HCMNOTIFICATION notification) {
     return CM_Unregister_Notification(notification);
 }
 

@@ -6,6 +6,7 @@
 #include <iostream>
 #include <string>
 
+#include "platform/common/answer_line.h"
 #include "platform/common/wide_stream.h"
 #include "platform/console.h"
 
@@ -19,6 +20,16 @@ BOOL SetWindowPos(HWND, HWND, int, int, int, int, UINT) {
 namespace platform {
 
 void InitConsole() {}
+
+void RestoreConsole() {}
+
+bool ReadConsoleLine(std::string& line) {
+    return ReadAnswerLine(std::cin, line);
+}
+
+bool ConsoleInputEnded() {
+    return std::cin.fail();
+}
 
 void ClearConsole() {
     if (isatty(STDOUT_FILENO)) {

@@ -1,5 +1,6 @@
 // Media Foundation's attribute stores, capture-device enumeration, activation and media
 // sources, over the backend's video-capture devices.
+#include <atomic>
 #include <cstring>
 #include <new>
 #include <string>
@@ -13,6 +14,12 @@ namespace platform::posix {
 namespace {
 
 constexpr HRESULT MF_E_INVALIDTYPE = static_cast<HRESULT>(0xC00D36B4u);
+constexpr HRESULT MF_E_PLATFORM_NOT_INITIALIZED = static_cast<HRESULT>(0xC00D36B0u);
+
+// "Before using any Microsoft Media Foundation objects or interfaces, you must call the
+// MFStartup function." Calls made outside a start-up fail here, so that the lab and the tests
+// catch a program that forgets it.
+std::atomic<int> startups{0};
 
 // An attribute store; the activation objects of capture devices are stores that can also
 // make the device's media source.
@@ -156,8 +163,22 @@ HRESULT AttributeStore::ActivateObject(REFIID iid, void** object) {
 
 using platform::posix::AttributeStore;
 
+HRESULT MFStartup(ULONG, DWORD) {
+    ++platform::posix::startups;
+    return S_OK;
+}
+
+HRESULT MFShutdown() {
+    int count = platform::posix::startups.load();
+    while (count > 0 && !platform::posix::startups.compare_exchange_weak(count, count - 1)) {
+    }
+    return S_OK;
+}
+
 HRESULT MFCreateAttributes(IMFAttributes** attributes, UINT32) {
     if (attributes == nullptr) return E_POINTER;
+    *attributes = nullptr;
+    if (platform::posix::startups == 0) return platform::posix::MF_E_PLATFORM_NOT_INITIALIZED;
     auto* store = new (std::nothrow) AttributeStore(false);
     *attributes = store;
     return store ? S_OK : E_OUTOFMEMORY;
@@ -167,6 +188,7 @@ HRESULT MFEnumDeviceSources(IMFAttributes* attributes, IMFActivate*** sources, U
     if (attributes == nullptr || sources == nullptr || count == nullptr) return E_POINTER;
     *sources = nullptr;
     *count = 0;
+    if (platform::posix::startups == 0) return platform::posix::MF_E_PLATFORM_NOT_INITIALIZED;
     GUID sourceType{};
     if (const HRESULT status = attributes->GetGUID(MF_DEVSOURCE_ATTRIBUTE_SOURCE_TYPE, &sourceType);
         status != S_OK) {
@@ -219,6 +241,7 @@ HRESULT MFEnumDeviceSources(IMFAttributes* attributes, IMFActivate*** sources, U
 HRESULT MFCreateDeviceSourceActivate(IMFAttributes* attributes, IMFActivate** activate) {
     if (attributes == nullptr || activate == nullptr) return E_POINTER;
     *activate = nullptr;
+    if (platform::posix::startups == 0) return platform::posix::MF_E_PLATFORM_NOT_INITIALIZED;
     GUID sourceType{};
     if (const HRESULT status = attributes->GetGUID(MF_DEVSOURCE_ATTRIBUTE_SOURCE_TYPE, &sourceType);
         status != S_OK) {

@@ -4,6 +4,7 @@
 // the device stays open until the file handle and every interface handle are released.
 #include <algorithm>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -16,12 +17,18 @@ namespace {
 constexpr std::uint8_t kConfigurationDescriptorType = 2;
 constexpr std::uint8_t kInterfaceDescriptorType = 4;
 constexpr std::uint32_t kConfigurationReadLength = 4096;
+// WinUsb_ControlTransfer: "The length of this buffer must not exceed 4KB."
+constexpr ULONG kLargestControlBuffer = 4096;
+constexpr UCHAR kRecipientMask = 0x1F;
+constexpr UCHAR kRecipientInterface = 1;
 
 class UsbFileObject final : public platform::posix::KernelObject {
   public:
     explicit UsbFileObject(std::unique_ptr<platform::UsbDeviceConnection> connection)
         : connection(std::move(connection)) {}
     std::unique_ptr<platform::UsbDeviceConnection> connection;
+    // Interfaces with a handle out; WinUSB hands out one handle per interface.
+    std::set<std::uint8_t> handedOut;
 };
 
 // What a WINUSB_INTERFACE_HANDLE points at. The tag lets a stray pointer be refused
@@ -85,8 +92,12 @@ std::vector<std::uint8_t> InterfaceNumbers(const std::vector<USB_INTERFACE_DESCR
 
 BOOL NewInterface(UsbFileObject* file, std::uint8_t interfaceNumber, bool first,
                   PWINUSB_INTERFACE_HANDLE result) {
+    // WinUsb_GetAssociatedInterface: "If the caller attempts to retrieve more than one handle
+    // for the same interface, the routine will fail with an error of ERROR_ALREADY_EXISTS."
+    if (file->handedOut.count(interfaceNumber) != 0) return Fail(ERROR_ALREADY_EXISTS);
     const platform::ErrorCode error = file->connection->ClaimInterface(interfaceNumber);
     if (error != ERROR_SUCCESS) return Fail(error);
+    file->handedOut.insert(interfaceNumber);
     file->Ref();
     auto* object = new UsbInterfaceObject;
     object->file = file;
@@ -129,6 +140,7 @@ BOOL WinUsb_Free(WINUSB_INTERFACE_HANDLE interfaceHandle) {
     auto* object = FromInterfaceHandle(interfaceHandle);
     if (object == nullptr) return Fail(ERROR_INVALID_HANDLE);
     object->file->connection->ReleaseInterface(object->interfaceNumber);
+    object->file->handedOut.erase(object->interfaceNumber);
     object->file->Unref();
     object->tag = 0;
     delete object;
@@ -206,6 +218,16 @@ BOOL WinUsb_ControlTransfer(WINUSB_INTERFACE_HANDLE interfaceHandle,
     // Completion of overlapped transfers is not offered; every caller here waits.
     if (overlapped != nullptr) return Fail(ERROR_NOT_SUPPORTED);
     if (bufferLength < setupPacket.Length || (buffer == nullptr && setupPacket.Length > 0)) {
+        return Fail(ERROR_INVALID_PARAMETER);
+    }
+    if (bufferLength > kLargestControlBuffer || setupPacket.Length > kLargestControlBuffer) {
+        return Fail(ERROR_INVALID_PARAMETER);
+    }
+    // "To specify the recipient of a control request as the entire device or the first
+    // interface, use the handle returned by WinUsb_Initialize. For all other interfaces,
+    // obtain the handle to the target interface by calling WinUsb_GetAssociatedInterface".
+    if ((setupPacket.RequestType & kRecipientMask) == kRecipientInterface &&
+        (setupPacket.Index & 0xFF) != object->interfaceNumber) {
         return Fail(ERROR_INVALID_PARAMETER);
     }
     platform::UsbSetupPacket setup;

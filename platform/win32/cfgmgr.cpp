@@ -13,7 +13,8 @@ using UnregisterFunction = CONFIGRET(WINAPI*)(HCMNOTIFICATION);
 
 FARPROC Lookup(const char* name) {
     HMODULE module = GetModuleHandleW(L"cfgmgr32.dll");
-    if (module == nullptr) module = LoadLibraryW(L"cfgmgr32.dll");
+    if (module == nullptr)
+        module = LoadLibraryExW(L"cfgmgr32.dll", nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32);
     return module != nullptr ? GetProcAddress(module, name) : nullptr;
 }
 
@@ -21,8 +22,9 @@ FARPROC Lookup(const char* name) {
 
 namespace platform {
 
-CONFIGRET RegisterDeviceNotification(PCM_NOTIFY_FILTER filter, PVOID context,
-                                     PCM_NOTIFY_CALLBACK callback, PHCMNOTIFICATION notification) {
+CONFIGRET RegisterInterfaceNotification(PCM_NOTIFY_FILTER filter, PVOID context,
+                                        PCM_NOTIFY_CALLBACK callback,
+                                        PHCMNOTIFICATION notification) {
     static const auto function = reinterpret_cast<RegisterFunction>(
         reinterpret_cast<void*>(Lookup("CM_Register_Notification")));
     if (notification != nullptr) *notification = nullptr;
@@ -30,7 +32,7 @@ CONFIGRET RegisterDeviceNotification(PCM_NOTIFY_FILTER filter, PVOID context,
     return function(filter, context, callback, notification);
 }
 
-CONFIGRET UnregisterDeviceNotification(HCMNOTIFICATION notification) {
+CONFIGRET UnregisterInterfaceNotification(HCMNOTIFICATION notification) {
     static const auto function = reinterpret_cast<UnregisterFunction>(
         reinterpret_cast<void*>(Lookup("CM_Unregister_Notification")));
     if (function == nullptr || notification == nullptr) return CR_CALL_NOT_IMPLEMENTED;

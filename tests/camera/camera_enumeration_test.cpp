@@ -17,7 +17,11 @@ class LabCameras : public testing::Test {
         world = std::make_shared<sim::SimWorld>(sim::ParseWorld(json));
         platform::InstallBackend(world);
     }
-    void TearDown() override { platform::InstallBackend(nullptr); }
+    void SetUp() override { MFStartup(MF_VERSION, MFSTARTUP_LITE); }
+    void TearDown() override {
+        MFShutdown();
+        platform::InstallBackend(nullptr);
+    }
     std::shared_ptr<sim::SimWorld> world;
 };
 

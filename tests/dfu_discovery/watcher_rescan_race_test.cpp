@@ -196,4 +196,43 @@ TEST(RefusedRegistration, RescansStillFindWhatIsPresent) {
     EXPECT_EQ(0, lab.backend->unsubscriptions);
 }
 
+// A bus on which a family device arrives between the size call and the list call of the
+// first `growths` rescans: the stand-in answers CR_BUFFER_SMALL, as Windows does, and the
+// watcher must ask again, but not forever.
+struct GrowingBus final : platform::EmptyDeviceBackend {
+    std::vector<std::wstring> present;
+    int growths = 0;
+    int lists = 0;
+    std::vector<std::wstring> ListUsbDeviceInterfaces() override {
+        if (lists++ % 2 == 1 && growths > 0) {
+            --growths;
+            present.push_back(L"\\\\?\\USB#VID_3C5E&PID_0F1C#5&1F2E3D4C&0&" +
+                              std::to_wstring(10 + present.size()) + kClass);
+        }
+        return present;
+    }
+};
+
+TEST(GrowingList, IsAskedForAgainABoundedNumberOfTimes) {
+    const struct {
+        int growths;
+        std::size_t listed;  // 0: the rescan gave up
+    } rows[] = {{0, 1}, {1, 2}, {3, 4}, {1000, 0}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.growths);
+        auto bus = std::make_shared<GrowingBus>();
+        bus->present = {kFirst};
+        bus->growths = row.growths;
+        platform::InstallBackend(bus);
+        {
+            std::optional<DeviceWatcher> watcher;
+            CreateUsbDeviceWatcher(watcher, L"", L"vid_3c5e", L"pid_0f1c", L"");
+            bus->lists = 0;
+            EXPECT_EQ(row.listed, watcher->GetDevices().size());
+            EXPECT_LE(bus->lists, 20);
+        }
+        platform::InstallBackend(nullptr);
+    }
+}
+
 }  // namespace

@@ -26,7 +26,11 @@ class LynxCamera : public testing::Test {
             R"({"speedup": )" + std::to_string(kSpeedup) + R"(, "cameras": [)" + cameras + "]}"));
         platform::InstallBackend(world);
     }
-    void TearDown() override { platform::InstallBackend(nullptr); }
+    void SetUp() override { MFStartup(MF_VERSION, MFSTARTUP_LITE); }
+    void TearDown() override {
+        MFShutdown();
+        platform::InstallBackend(nullptr);
+    }
 
     // The one camera, made from its enumerated activation object.
     std::shared_ptr<OpenLynx> Initialize() {

@@ -17,8 +17,10 @@ namespace platform {
 
 // CM_Register_Notification and CM_Unregister_Notification. Windows: looked up at run time,
 // since older systems (and Wine) lack them; a missing function is a failed registration.
-CONFIGRET RegisterDeviceNotification(PCM_NOTIFY_FILTER filter, PVOID context,
-                                     PCM_NOTIFY_CALLBACK callback, PHCMNOTIFICATION notification);
-CONFIGRET UnregisterDeviceNotification(HCMNOTIFICATION notification);
+// (Not named after RegisterDeviceNotification: winuser.h defines that name as a macro.)
+CONFIGRET RegisterInterfaceNotification(PCM_NOTIFY_FILTER filter, PVOID context,
+                                        PCM_NOTIFY_CALLBACK callback,
+                                        PHCMNOTIFICATION notification);
+CONFIGRET UnregisterInterfaceNotification(HCMNOTIFICATION notification);
 
 }  // namespace platform

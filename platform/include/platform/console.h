@@ -2,6 +2,7 @@
 #pragma once
 
 #include <ostream>
+#include <string>
 
 #include "platform/types.h"
 
@@ -17,6 +18,15 @@ namespace platform {
 
 // Prepares the console for narrow and wide output in one stream (called once by main).
 void InitConsole();
+// Leaves the console as InitConsole found it (called once, before main returns).
+void RestoreConsole();
+
+// One answer line from standard input, as UTF-8 without its line end (LF or CR LF).
+// Windows: typed text is read as Unicode from a console, bytes as UTF-8 from a pipe or a
+// file. Returns false, with an empty line, once the input has ended or failed.
+bool ReadConsoleLine(std::string& line);
+// Whether standard input has ended or failed, so that only empty answers would follow.
+bool ConsoleInputEnded();
 
 // Windows: the command interpreter's "cls". POSIX: ANSI clear when stdout is a terminal.
 void ClearConsole();

@@ -55,6 +55,14 @@ struct IMFMediaSource : public IUnknown {
     ~IMFMediaSource() = default;
 };
 
+// Media Foundation's start-up and shut-down. Nothing behind the seam needs starting; the
+// calls are here so that the program makes them on every target.
+constexpr ULONG MF_VERSION = 0x00020070;
+constexpr DWORD MFSTARTUP_NOSOCKET = 0x1;
+constexpr DWORD MFSTARTUP_LITE = MFSTARTUP_NOSOCKET;
+HRESULT MFStartup(ULONG version, DWORD flags);
+HRESULT MFShutdown();
+
 HRESULT MFCreateAttributes(IMFAttributes** attributes, UINT32 initialSize);
 HRESULT MFEnumDeviceSources(IMFAttributes* attributes, IMFActivate*** sources, UINT32* count);
 HRESULT MFCreateDeviceSourceActivate(IMFAttributes* attributes, IMFActivate** activate);

@@ -1,0 +1,47 @@
+// The DFU auto-mode value written through the real registry API and read back with it: the
+// type and the UTF-16 bytes that the family's service reads.
+#include <windows.h>
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "updatable/lynx_updatable_device.h"
+
+namespace {
+
+TEST(RegistryOnWindows, EachModeIsStoredAsItsUtf16TextWithoutNull) {
+    const auto device = CreateLynxUpdatableDevice();
+    const struct {
+        HRESULT (ICameraDevice::*set)();
+        std::wstring text;
+    } rows[] = {{&ICameraDevice::SetDfuAutoModeServiceControlled, L"Service Controlled"},
+                {&ICameraDevice::SetDfuAutoModeAuto, L"Auto"},
+                {&ICameraDevice::SetDfuAutoModeDisabled, L"Disabled"}};
+    for (const auto& row : rows) {
+        ASSERT_EQ(S_OK, ((*device).*row.set)());
+        HKEY key = nullptr;
+        ASSERT_EQ(ERROR_SUCCESS,
+                  RegOpenKeyExW(HKEY_LOCAL_MACHINE,
+                                L"SYSTEM\\CurrentControlSet\\Services\\OptyraCameraDFU", 0,
+                                KEY_QUERY_VALUE, &key));
+        DWORD type = 0;
+        std::vector<BYTE> bytes(256);
+        DWORD size = static_cast<DWORD>(bytes.size());
+        EXPECT_EQ(ERROR_SUCCESS,
+                  RegQueryValueExW(key, L"DFUAutoMode", nullptr, &type, bytes.data(), &size));
+        RegCloseKey(key);
+        EXPECT_EQ(static_cast<DWORD>(REG_SZ), type);
+        // The text's UTF-16 units. The system also counts a null that follows the data it is
+        // given (Wine does, and its sources say Windows does too); nothing else may follow.
+        const std::size_t textBytes = row.text.size() * sizeof(wchar_t);
+        ASSERT_TRUE(size == textBytes || size == textBytes + sizeof(wchar_t)) << size;
+        std::vector<BYTE> expected(reinterpret_cast<const BYTE*>(row.text.c_str()),
+                                   reinterpret_cast<const BYTE*>(row.text.c_str()) + size);
+        bytes.resize(size);
+        EXPECT_EQ(expected, bytes);
+    }
+}
+
+}  // namespace
