@@ -135,7 +135,7 @@ def crlf_answers(lab, src):
         answers = b'1\r\n1\r\n"lab/sample-firmware.bin"\r\n\r\nq\r\n'
         result, state = run_lab(lab, src, answers, scratch, subprocess.PIPE)
         expect_burned("crlf", result, state)
-        if b"Updating firmware to lab/sample-firmware.bin\n" not in result.stdout:
+        if b'Updating firmware to "lab/sample-firmware.bin"\n' not in result.stdout:
             fail("crlf", "the path was not taken without its CR")
 
 
