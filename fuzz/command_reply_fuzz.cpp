@@ -1,7 +1,7 @@
 // The camera's firmware answers a command frame with whatever it likes. Input: the byte count
 // the driver reports (2 bytes), the reply length asked for (2 bytes), then the reply itself.
-// A reply is accepted only with the opcode echoed and enough bytes behind it, and then the
-// caller gets exactly the bytes that follow the echo.
+// A reply counts only with the opcode echoed and enough bytes behind it, and then the caller
+// gets exactly the bytes that follow the echo.
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
@@ -10,63 +10,35 @@
 
 #include "camera/firmware_command_pipe.h"
 #include "platform/posix/device_backend.h"
+#include "tests/camera/com_fakes.h"
 
 namespace {
-
 // The firmware's reply delay is real time; here it need not be.
 class InstantClock final : public platform::EmptyDeviceBackend {
-  public:
     unsigned TimeScale() const override { return 1000000000u; }
 };
-
-class ReplyingControl final : public IKsControl {
-  public:
-    const std::uint8_t* reply = nullptr;
-    std::size_t replySize = 0;
-    ULONG reported = 0;
-
-    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID, void**) override { return E_NOINTERFACE; }
-    ULONG STDMETHODCALLTYPE AddRef() override { return 1; }
-    ULONG STDMETHODCALLTYPE Release() override { return 1; }
-    HRESULT STDMETHODCALLTYPE KsProperty(PKSPROPERTY property, ULONG, LPVOID frame,
-                                         ULONG frameLength, ULONG* returned) override {
-        *returned = 0;
-        if (!(property->Flags & KSPROPERTY_TYPE_GET)) return S_OK;
-        if (replySize != 0)
-            std::memcpy(frame, reply, std::min<std::size_t>(replySize, frameLength));
-        *returned = reported;
-        return S_OK;
-    }
-    HRESULT STDMETHODCALLTYPE KsMethod(PKSMETHOD, ULONG, LPVOID, ULONG, ULONG*) override {
-        return E_NOTIMPL;
-    }
-    HRESULT STDMETHODCALLTYPE KsEvent(PKSEVENT, ULONG, LPVOID, ULONG, ULONG*) override {
-        return E_NOTIMPL;
-    }
-};
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    static const bool installed =
-        (platform::InstallBackend(std::make_shared<InstantClock>()), true);
-    (void)installed;
-    if (size < 4) return 0;
-    ReplyingControl control;
-    control.reported = data[0] | (data[1] << 8);
+    static const bool installed = (platform::InstallBackend(std::make_shared<InstantClock>()), 1);
+    if (!installed || size < 4) return 0;
+    const ULONG reported = data[0] | (data[1] << 8);
     const std::size_t length = (data[2] | (data[3] << 8)) % (kMaxResponseDataSize + 1);
-    // An exact-size copy, so that AddressSanitizer flags a read past the reply.
-    const std::vector<std::uint8_t> reply(data + 4, data + size);
-    control.reply = reply.data();
-    control.replySize = reply.size();
+    std::vector<std::uint8_t> frame(data + 4, data + std::min(size, kCommandFrameSize + 4));
+    frame.resize(kCommandFrameSize);
+    fakes::KsControl control;
+    control.answer = [&](const fakes::KsCall& call, std::uint8_t* buffer, ULONG* returned) {
+        *returned = 0;
+        if (!(call.Id().Flags & KSPROPERTY_TYPE_GET)) return S_OK;
+        std::copy_n(frame.begin(), std::min<std::size_t>(frame.size(), call.dataLength), buffer);
+        *returned = reported;
+        return S_OK;
+    };
     FirmwareCommandPipe pipe(Microsoft::WRL::ComPtr<IKsControl>(&control), GUID{}, 1);
-
     std::vector<std::uint8_t> out(length);
     if (pipe.ReadResponse(out.data(), kDeviceInfoCommand, length, 0, 0, 0, 0) == S_OK) {
-        std::vector<std::uint8_t> frame(kCommandFrameSize, 0);
-        std::copy_n(reply.begin(), std::min(reply.size(), frame.size()), frame.begin());
         const std::uint8_t echo[4] = {kDeviceInfoCommand, 0, 0, 0};
-        if (control.reported < length + 4 || std::memcmp(frame.data(), echo, 4) != 0 ||
+        if (reported < length + 4 || std::memcmp(frame.data(), echo, 4) != 0 ||
             !std::equal(out.begin(), out.end(), frame.begin() + 4)) {
             std::abort();
         }
