@@ -17,7 +17,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     static char folder[] = "/tmp/lynx-answer-fuzz-XXXXXX";
     static const bool entered = mkdtemp(folder) != nullptr && chdir(folder) == 0 &&
                                 std::filesystem::create_directory("dir") &&
-                                (std::ofstream("fw.bin") << "image").good();
+                                (std::ofstream("fw.bin") << "image").good() &&
+                                std::atexit([] { std::filesystem::remove_all(folder); }) == 0;
     if (!entered) std::abort();
     const std::string answer(data, data + size);
     if (ParseAnswerNumber(answer) != std::strtoll(answer.c_str(), nullptr, 10)) std::abort();
