@@ -67,8 +67,8 @@ cmake --preset tsan
 cmake --build --preset tsan -j "$jobs"
 ctest --preset tsan --no-tests=error
 
-step "Fuzzing the configuration-descriptor walk (bounded)"
-./fuzz/run_descriptor_walk_fuzz.sh "${LYNX_FUZZ_SECONDS:-60}" build/fuzz
+step "Fuzzing every parser of outside input (bounded, each target)"
+./fuzz/run_fuzz.sh "${LYNX_FUZZ_SECONDS:-20}" build/fuzz
 
 step "Windows cross build (mingw-w64)"
 cmake --preset mingw

@@ -45,7 +45,8 @@ bool ValidSysName(std::string_view name) {
         const char c = name[i];
         if (i == dash) continue;
         if (c == '.') {
-            if (i == dash + 1 || i + 1 == name.size() || name[i - 1] == '.') return false;
+            // Dots only part the ports, which all come after the dash.
+            if (i <= dash + 1 || i + 1 == name.size() || name[i - 1] == '.') return false;
         } else if (c < '0' || c > '9') {
             return false;
         }

@@ -212,7 +212,9 @@ WorldSpec ParseWorld(const std::string& jsonText) {
     json root;
     try {
         root = json::parse(jsonText);
-    } catch (const json::parse_error& error) {
+    } catch (const json::exception& error) {
+        // A number beyond a double's range is an out_of_range error, not a parse_error, but
+        // the file is no more usable for that.
         throw WorldError(std::string("not valid JSON (") + error.what() + ")");
     }
     const std::string top = "$";

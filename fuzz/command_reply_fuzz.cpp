@@ -1,0 +1,48 @@
+// The camera's firmware answers a command frame with whatever it likes. Input: the byte count
+// the driver reports (2 bytes), the reply length asked for (2 bytes), then the reply itself.
+// A reply counts only with the opcode echoed and enough bytes behind it, and then the caller
+// gets exactly the bytes that follow the echo.
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include "camera/firmware_command_pipe.h"
+#include "platform/posix/device_backend.h"
+#include "tests/camera/com_fakes.h"
+
+namespace {
+// The firmware's reply delay is real time; here it need not be.
+class InstantClock final : public platform::EmptyDeviceBackend {
+    unsigned TimeScale() const override { return 1000000000u; }
+};
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    static const bool installed = (platform::InstallBackend(std::make_shared<InstantClock>()), 1);
+    if (!installed || size < 4) return 0;
+    const ULONG reported = data[0] | (data[1] << 8);
+    const std::size_t length = (data[2] | (data[3] << 8)) % (kMaxResponseDataSize + 1);
+    std::vector<std::uint8_t> frame(data + 4, data + std::min(size, kCommandFrameSize + 4));
+    frame.resize(kCommandFrameSize);
+    fakes::KsControl control;
+    control.answer = [&](const fakes::KsCall& call, std::uint8_t* buffer, ULONG* returned) {
+        *returned = 0;
+        if (!(call.Id().Flags & KSPROPERTY_TYPE_GET)) return S_OK;
+        std::copy_n(frame.begin(), std::min<std::size_t>(frame.size(), call.dataLength), buffer);
+        *returned = reported;
+        return S_OK;
+    };
+    FirmwareCommandPipe pipe(Microsoft::WRL::ComPtr<IKsControl>(&control), GUID{}, 1);
+    std::vector<std::uint8_t> out(length);
+    if (pipe.ReadResponse(out.data(), kDeviceInfoCommand, length, 0, 0, 0, 0) == S_OK) {
+        const std::uint8_t echo[4] = {kDeviceInfoCommand, 0, 0, 0};
+        if (reported < length + 4 || std::memcmp(frame.data(), echo, 4) != 0 ||
+            !std::equal(out.begin(), out.end(), frame.begin() + 4)) {
+            std::abort();
+        }
+    }
+    pipe.SendCommand(kSwitchToDfuCommand, nullptr, 0, 1, 0, 0, 0);
+    return 0;
+}
