@@ -211,8 +211,7 @@ void SimCamera::RunCommand(const std::uint8_t* frame) {
         ++generation_;
         failedInfoExchanges_ = 0;
         auto device = std::make_shared<SimDfuDevice>(world_, *spec_.dfu, index_);
-        SimWorld& world = world_;
-        world_.Schedule(spec_.dfuDelayMs, [&world, device] { world.Plug(device); });
+        world_.PlugAt(spec_.dfuDelayMs, device);
     }
 }
 

@@ -102,9 +102,7 @@ TEST_F(LynxCamera, SwitchToDfuTakesTheCameraOffAndItsDfuDeviceArrivesLater) {
     EXPECT_EQ(S_OK, device->SwitchToDfu());
     EXPECT_TRUE(CameraDevicesFactory(nullptr).GetDevices().empty());
     EXPECT_FALSE(DfuDevicePresent());
-    while (!DfuDevicePresent() && GetTickCount64() - start < 10000) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
+    while (!DfuDevicePresent() && GetTickCount64() - start < 10000) Sleep(10);
     EXPECT_TRUE(DfuDevicePresent());
     EXPECT_GE(GetTickCount64() - start, 2000u);
 }
