@@ -105,12 +105,19 @@ class SimCamera {
     std::uint32_t Generation() const { return generation_; }
 
   private:
-    void RunCommand(const std::uint8_t* frame);
+    // Returns false when the command never reaches the firmware (its SET fails).
+    bool RunCommand(const std::uint8_t* frame);
+    HRESULT ReadReply(std::uint8_t* data, std::uint32_t* returned);
+    void LeaveForDfu();
 
     SimWorld& world_;
     CameraSpec spec_;
     int index_;
     std::vector<std::uint8_t> reply_;  // what the next GET reads; empty: nothing to read
+    std::uint64_t replyReadyMs_ = 0;   // the firmware's pause before its answer is ready
+    std::optional<CommandFaultKind> replyFault_;
+    bool leaveAfterReply_ = false;  // the answer to 0x1E goes out, then the camera restarts
+    std::map<std::uint32_t, std::uint32_t> exchanges_;  // by opcode
     std::uint32_t failedInfoExchanges_ = 0;
     std::uint32_t generation_ = 0;
 };

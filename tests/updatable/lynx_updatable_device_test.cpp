@@ -98,7 +98,7 @@ TEST_F(LynxCamera, SwitchToDfuTakesTheCameraOffAndItsDfuDeviceArrivesLater) {
     auto device = Initialize();
     const ULONGLONG start = GetTickCount64();
 
-    // The camera is gone before its answer can be read; that is no failure.
+    // The camera answers, then leaves the bus at once.
     EXPECT_EQ(S_OK, device->SwitchToDfu());
     EXPECT_TRUE(CameraDevicesFactory(nullptr).GetDevices().empty());
     EXPECT_FALSE(DfuDevicePresent());
