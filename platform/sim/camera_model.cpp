@@ -21,6 +21,12 @@ constexpr std::uint32_t kSet = 0x2;
 constexpr std::uint32_t kSetSupport = 0x100;
 constexpr std::uint32_t kTopology = 0x10000000;
 
+// UVC class requests (UVC 1.5, table A-8).
+constexpr std::uint8_t kSetCur = 0x01;
+constexpr std::uint8_t kGetCur = 0x81;
+constexpr std::uint8_t kGetLen = 0x85;
+constexpr std::uint8_t kGetInfo = 0x86;
+
 // The family's extension unit, and another vendor's unit that many webcams carry: the search
 // for the family's unit has to pass over it.
 constexpr GUID kFamilyUnitSet = {
@@ -158,31 +164,67 @@ HRESULT SimCamera::NodeProperty(std::uint32_t node, const GUID& propertySet, std
     }
     // Another vendor's unit: its control exists, but its protocol is not this lab's business.
     if (entry.propertySet != &kFamilyUnitSet) return Error(ERROR_GEN_FAILURE);
+    // The driver turns a property request into the unit's UVC requests: it asks the
+    // control's length and sends or reads exactly that many bytes.
+    std::uint8_t lengthBytes[2] = {};
+    std::uint32_t got = 0;
+    UnitRequest(kGetLen, static_cast<std::uint8_t>(id), lengthBytes, 2, &got);
+    const std::uint32_t controlLength = lengthBytes[0] | (lengthBytes[1] << 8);
     if (request == kSet) {
-        // The control is exactly one frame long; the device stalls anything else.
-        if (data == nullptr || length != kFrameSize) return Error(ERROR_INVALID_PARAMETER);
-        if (!RunCommand(data)) return Error(ERROR_GEN_FAILURE);
-        *returned = kFrameSize;
+        if (data == nullptr || length != controlLength) return Error(ERROR_INVALID_PARAMETER);
+        if (!UnitRequest(kSetCur, static_cast<std::uint8_t>(id), data, length, returned)) {
+            return Error(ERROR_GEN_FAILURE);
+        }
         return S_OK;
     }
     if (request == kGet) {
-        if (data == nullptr || length < kFrameSize) {
-            *returned = kFrameSize;
+        if (data == nullptr || length < controlLength) {
+            *returned = controlLength;
             return Error(ERROR_INSUFFICIENT_BUFFER);
         }
-        return ReadReply(data, returned);
+        return UnitRequest(kGetCur, static_cast<std::uint8_t>(id), data, controlLength, returned)
+                   ? S_OK
+                   : Error(ERROR_GEN_FAILURE);
     }
     return Error(ERROR_NOT_SUPPORTED);
 }
 
-HRESULT SimCamera::ReadReply(std::uint8_t* data, std::uint32_t* returned) {
+bool SimCamera::UnitRequest(std::uint8_t request, std::uint8_t selector, std::uint8_t* data,
+                            std::uint32_t length, std::uint32_t* returned) {
+    *returned = 0;
+    if (!spec_.lynx || selector != 1) return false;
+    switch (request) {
+        case kGetInfo:  // supports GET and SET
+            if (length != 1) return false;
+            data[0] = 0x03;
+            *returned = 1;
+            return true;
+        case kGetLen:
+            if (length != 2) return false;
+            data[0] = kFrameSize & 0xFF;
+            data[1] = kFrameSize >> 8;
+            *returned = 2;
+            return true;
+        case kSetCur:
+            // The control is exactly one frame long; the device stalls anything else.
+            if (length != kFrameSize || !RunCommand(data)) return false;
+            *returned = kFrameSize;
+            return true;
+        case kGetCur:
+            return length == kFrameSize && ReadReply(data, returned);
+        default:
+            return false;
+    }
+}
+
+bool SimCamera::ReadReply(std::uint8_t* data, std::uint32_t* returned) {
     // Nothing to answer, or the answer is not ready yet: the device stalls the request.
-    if (reply_.empty() || world_.NowMs() < replyReadyMs_) return Error(ERROR_GEN_FAILURE);
+    if (reply_.empty() || world_.NowMs() < replyReadyMs_) return false;
     const auto fault = replyFault_;
     if (fault == CommandFaultKind::kGetFails) {
         reply_.clear();
         if (leaveAfterReply_) LeaveForDfu();
-        return Error(ERROR_GEN_FAILURE);
+        return false;
     }
     if (fault == CommandFaultKind::kWrongEcho) reply_[0] ^= 0xFF;
     std::fill(data, data + kFrameSize, 0);
@@ -193,7 +235,7 @@ HRESULT SimCamera::ReadReply(std::uint8_t* data, std::uint32_t* returned) {
                     : kFrameSize;
     reply_.clear();
     if (leaveAfterReply_) LeaveForDfu();
-    return S_OK;
+    return true;
 }
 
 void SimCamera::LeaveForDfu() {

@@ -38,6 +38,7 @@ constexpr std::uint8_t kDfuClass = 254;
 constexpr std::uint16_t kVendorId = 0x3C5E;
 constexpr std::uint16_t kDfuProductId = 0x0F1C;
 constexpr std::uint16_t kDetachTimeoutMs = 1000;
+constexpr std::uint32_t kResetUnaskedMs = 1000;
 
 void PutWord(std::vector<std::uint8_t>& bytes, std::uint16_t value) {
     bytes.push_back(static_cast<std::uint8_t>(value & 0xFF));
@@ -292,6 +293,11 @@ void SimDfuDevice::AnswerStatus(std::uint8_t* buffer, std::uint32_t* transferred
             } else {
                 state_ = kManifestWaitReset;
                 world_.Downloads()[static_cast<std::size_t>(download_)].manifested = true;
+                // A host that does not ask again (dfu-util resets the port, which never
+                // reaches a device behind vhci-hcd) still sees the device reset.
+                world_.Schedule(kResetUnaskedMs, [this] {
+                    if (!resetting_ && state_ == kManifestWaitReset) ResetAfterManifest();
+                });
             }
             break;
         case kManifestWaitReset:

@@ -62,6 +62,13 @@ SimWorld::SimWorld(WorldSpec spec) : spec_(std::move(spec)) {
     }
     eventThread_ = std::thread([this] { RunEvents(); });
     std::lock_guard lock(mutex_);
+    for (const auto& camera : cameras_) {
+        if (!camera->Spec().inDfuMode) continue;
+        camera->present = false;
+        dfuDevices_.push_back(
+            std::make_shared<SimDfuDevice>(*this, *camera->Spec().dfu, camera->Index()));
+        OnBus(dfuDevices_.back());
+    }
     for (const auto& dfu : spec_.dfuDevices) {
         dfuDevices_.push_back(std::make_shared<SimDfuDevice>(*this, dfu, -1));
         OnBus(dfuDevices_.back());

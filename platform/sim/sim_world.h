@@ -101,13 +101,18 @@ class SimCamera {
     HRESULT NodeProperty(std::uint32_t node, const GUID& propertySet, std::uint32_t id,
                          std::uint32_t flags, std::uint8_t* data, std::uint32_t length,
                          std::uint32_t* returned);
+    // The family's extension unit as UVC addresses it: control 1 takes SET_CUR (0x01),
+    // GET_CUR (0x81), GET_LEN (0x85) and GET_INFO (0x86). Returns false where the device
+    // stalls; *returned is how much a GET delivers. Called with the world's lock held.
+    bool UnitRequest(std::uint8_t request, std::uint8_t selector, std::uint8_t* data,
+                     std::uint32_t length, std::uint32_t* returned);
     // Changes each time the camera leaves the bus; handles opened before then are dead.
     std::uint32_t Generation() const { return generation_; }
 
   private:
     // Returns false when the command never reaches the firmware (its SET fails).
     bool RunCommand(const std::uint8_t* frame);
-    HRESULT ReadReply(std::uint8_t* data, std::uint32_t* returned);
+    bool ReadReply(std::uint8_t* data, std::uint32_t* returned);
     void LeaveForDfu();
 
     SimWorld& world_;

@@ -241,7 +241,7 @@ DfuDeviceSpec ParseDfuDevice(const json& object, const std::string& where) {
 CameraSpec ParseCamera(const json& object, const std::string& where, std::size_t index) {
     CheckKeys(object, where,
               {"name", "link", "enumerations", "lynx", "firmware", "infoFailures", "dfu",
-               "dfuDelayMs", "firmwareAfterUpdate", "commandFaults"});
+               "dfuDelayMs", "firmwareAfterUpdate", "commandFaults", "inDfuMode"});
     CameraSpec spec;
     if (!object.contains("name")) Fail(where + ".name", "required field is missing");
     spec.name = Text(object["name"], where + ".name", true);
@@ -281,6 +281,10 @@ CameraSpec ParseCamera(const json& object, const std::string& where, std::size_t
     if (object.contains("firmwareAfterUpdate")) {
         spec.firmwareAfterUpdate =
             Version(object["firmwareAfterUpdate"], where + ".firmwareAfterUpdate");
+    }
+    if (object.contains("inDfuMode")) {
+        spec.inDfuMode = Bool(object["inDfuMode"], where + ".inDfuMode");
+        if (spec.inDfuMode && !spec.dfu) Fail(where + ".inDfuMode", "needs a dfu device");
     }
     if (object.contains("commandFaults")) {
         const auto& list = object["commandFaults"];

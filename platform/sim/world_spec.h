@@ -97,6 +97,8 @@ struct CameraSpec {
     std::uint32_t dfuDelayMs = 300;
     FirmwareVersion firmwareAfterUpdate{0, 0, 0, 0};
     std::vector<CommandFault> commandFaults;
+    // It starts off the bus, as its DFU device (which is on the bus from the start).
+    bool inDfuMode = false;
 };
 
 struct RegistrySpec {
