@@ -21,16 +21,6 @@ enum : std::uint8_t {
     kDfuError = 10,
 };
 
-enum : std::uint8_t {
-    kDetach = 0,
-    kDnload = 1,
-    kUpload = 2,
-    kGetStatus = 3,
-    kClrStatus = 4,
-    kGetState = 5,
-    kAbort = 6,
-};
-
 constexpr std::uint8_t kStatusOk = 0x00;
 constexpr std::uint8_t kErrWrite = 0x03;
 constexpr std::uint8_t kErrStalledPacket = 0x0F;
@@ -130,7 +120,7 @@ platform::ErrorCode SimDfuDevice::ControlTransfer(const platform::UsbSetupPacket
                              static_cast<std::uint8_t>(setup.value & 0xFF), buffer, setup.length,
                              transferred);
     }
-    if (setup.request <= kAbort) {
+    if (setup.request <= static_cast<std::uint8_t>(DfuRequest::kAbort)) {
         const std::uint32_t seen = ++requestsSeen_[setup.request];
         const auto kind = static_cast<DfuRequest>(setup.request);
         for (const RequestFailure& failure : spec_.requestFailures) {
@@ -160,8 +150,8 @@ platform::ErrorCode SimDfuDevice::Request(const platform::UsbSetupPacket& setup,
     const bool in = setup.requestType == 0xA1;
     if ((!out && !in) || dfuInterface_ < 0 || setup.index != dfuInterface_) return Stall();
 
-    switch (setup.request) {
-        case kDetach:
+    switch (static_cast<DfuRequest>(setup.request)) {
+        case DfuRequest::kDetach:
             // wValue is the time the host will take to reset; more than the descriptor's
             // wDetachTimeOut is more than the device waits.
             if (!out || setup.length != 0 || setup.value > kDetachTimeoutMs) return Stall();
@@ -175,10 +165,10 @@ platform::ErrorCode SimDfuDevice::Request(const platform::UsbSetupPacket& setup,
             }
             detachTimeout_ = setup.value;
             return ERROR_SUCCESS;
-        case kDnload:
+        case DfuRequest::kDnload:
             if (!out) return Stall();
             return Download(setup, buffer);
-        case kUpload:
+        case DfuRequest::kUpload:
             if (!in || !spec_.canUpload || setup.length > spec_.transferSize ||
                 (state_ != kDfuIdle && state_ != kUploadIdle)) {
                 return Stall();
@@ -186,20 +176,20 @@ platform::ErrorCode SimDfuDevice::Request(const platform::UsbSetupPacket& setup,
             // Nothing to read back: a short (empty) frame ends the upload at once.
             state_ = kDfuIdle;
             return ERROR_SUCCESS;
-        case kGetStatus:
+        case DfuRequest::kGetStatus:
             if (!in || setup.value != 0 || setup.length != 6 ||
                 (state_ == kManifestWaitReset && resetting_)) {
                 return Stall();
             }
             AnswerStatus(buffer, transferred);
             return ERROR_SUCCESS;
-        case kClrStatus:
+        case DfuRequest::kClrStatus:
             if (!out || setup.value != 0 || setup.length != 0 || state_ != kDfuError)
                 return Stall();
             state_ = kDfuIdle;
             status_ = kStatusOk;
             return ERROR_SUCCESS;
-        case kGetState:
+        case DfuRequest::kGetState:
             if (!in || setup.value != 0 || setup.length != 1 || state_ == kDnBusy ||
                 state_ == kManifest || state_ == kManifestWaitReset) {
                 return Stall();
@@ -207,7 +197,7 @@ platform::ErrorCode SimDfuDevice::Request(const platform::UsbSetupPacket& setup,
             buffer[0] = state_;
             *transferred = 1;
             return ERROR_SUCCESS;
-        case kAbort:
+        case DfuRequest::kAbort:
             if (!out || setup.value != 0 || setup.length != 0 ||
                 !(state_ == kDfuIdle || state_ == kDnloadSync || state_ == kDnloadIdle ||
                   state_ == kManifestSync || state_ == kUploadIdle)) {

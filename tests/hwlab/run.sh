@@ -68,8 +68,9 @@ trap cleanup EXIT
 root="$work/root"
 mkdir -p "$root"/{bin,hwlab,proc,sys,dev,tmp,etc,var/lib,lib/modules/"$kver"}
 
-g++ -std=c++20 -O2 -Wall -Wextra -Wpedantic -Werror -static \
-    -o "$root/hwlab/usbip-emulator" "$here/usbip_emulator.cpp"
+# The device: the product's virtual camera, built with the tool.
+[ -x "$build/platform/lynx-virtual-camera" ] || fail "no $build/platform/lynx-virtual-camera"
+cp "$build/platform/lynx-virtual-camera" "$root/hwlab/lynx-virtual-camera"
 # The probe links the build's own backend, so it takes that build's sanitizers.
 sanitize="$(sed -n 's/^LYNX_SANITIZE:[A-Z]*=//p' "$build/CMakeCache.txt" 2>/dev/null | tr ';' ',')"
 g++ -std=c++20 -O2 -Wall -Wextra -Werror -I"$repo/platform/include" -I"$repo" \
@@ -89,7 +90,8 @@ printf 'root:x:0:0:root:/:/bin/sh\noperator:x:1000:1000:operator:/tmp:/bin/sh\n'
 printf 'root:x:0:\noperator:x:1000:\nplugdev:x:46:operator\n' > "$root/etc/group"
 
 # The programs' shared libraries, as the dynamic loader finds them.
-for program in "$root/hwlab/lynx-dfu" "$root/hwlab/dfu-util" "$root/hwlab/arrival-probe"; do
+for program in "$root/hwlab/lynx-dfu" "$root/hwlab/dfu-util" "$root/hwlab/arrival-probe" \
+               "$root/hwlab/lynx-virtual-camera"; do
     for lib in $(ldd "$program" | grep -o '/[^ )]*'); do
         [ -e "$root$lib" ] && continue
         mkdir -p "$root$(dirname "$lib")"
