@@ -97,17 +97,26 @@ std::uint64_t SimWorld::NowMs() {
     return static_cast<std::uint64_t>(NowLocked());
 }
 
-bool SimWorld::DueLocked(std::uint64_t limit) const {
-    const std::int64_t now = NowLocked();
-    return std::any_of(tasks_.begin(), tasks_.end(),
-                       [&](const Task& task) { return task.sequence < limit && task.due <= now; });
+bool SimWorld::DueLocked(std::thread::id thread) const {
+    return atOnce_.count(std::thread::id()) > 0 || atOnce_.count(thread) > 0 ||
+           (!timedDue_.empty() && *timedDue_.begin() <= NowLocked());
 }
 
 void SimWorld::Push(std::int64_t due, std::function<void()> action) {
-    // What a task causes takes that task's place in the order, so that a Drain waiting for
-    // the task also waits for its consequences (an arrival's notification).
+    // What a task causes takes that task's place in the order and its cause, so that a
+    // Drain waiting for the task also waits for its consequences (an arrival's
+    // notification).
     const bool caused = std::this_thread::get_id() == eventThread_.get_id();
-    tasks_.push_back(Task{due, caused ? runningSequence_ : nextSequence_++, std::move(action)});
+    const std::thread::id cause = caused           ? runningCause_
+                                  : due == kAtOnce ? std::this_thread::get_id()
+                                                   : std::thread::id();
+    if (due == kAtOnce) {
+        ++atOnce_[cause];
+    } else {
+        timedDue_.insert(due);
+    }
+    tasks_.push_back(
+        Task{due, caused ? runningSequence_ : nextSequence_++, std::move(action), cause});
     std::push_heap(tasks_.begin(), tasks_.end(), std::greater<>());
 }
 
@@ -121,9 +130,13 @@ void SimWorld::Schedule(std::uint32_t delayMs, std::function<void()> action) {
 
 void SimWorld::Drain() {
     std::unique_lock lock(eventMutex_);
-    const std::uint64_t limit = nextSequence_;
+    // Another thread's notifications are not waited for: the caller cannot make the world
+    // wait on them, and a thread that keeps plugging would keep this one waiting.
+    const std::thread::id self = std::this_thread::get_id();
     idleCv_.wait(lock, [&] {
-        return stopping_ || (!(running_ && runningSequence_ < limit) && !DueLocked(limit));
+        const bool runningOurs =
+            running_ && (runningCause_ == std::thread::id() || runningCause_ == self);
+        return stopping_ || (!runningOurs && !DueLocked(self));
     });
 }
 
@@ -142,7 +155,7 @@ bool SimWorld::Pass(std::uint32_t ms, const std::function<bool()>& done) {
         {
             std::lock_guard lock(eventMutex_);
             from = worldMs_;
-            if (!tasks_.empty()) to = std::min(to, std::max(from, tasks_.front().due));
+            if (!timedDue_.empty()) to = std::min(to, std::max(from, *timedDue_.begin()));
         }
         // The span is paced in real time, but what the machine oversleeps is not world time.
         const auto realStart = RealClock::now();
@@ -221,6 +234,12 @@ void SimWorld::RunEvents() {
         tasks_.pop_back();
         running_ = true;
         runningSequence_ = task.sequence;
+        runningCause_ = task.cause;
+        if (task.due == kAtOnce) {
+            if (--atOnce_[task.cause] == 0) atOnce_.erase(task.cause);
+        } else {
+            timedDue_.erase(timedDue_.find(task.due));
+        }
         lock.unlock();
         // Notifications run outside the world's lock, as a platform thread would deliver
         // them; world changes take it.

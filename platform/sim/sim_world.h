@@ -11,6 +11,7 @@
 #include <mutex>
 #include <optional>
 #include <queue>
+#include <set>
 #include <thread>
 #include <vector>
 
@@ -185,6 +186,9 @@ class SimWorld final : public platform::DeviceBackend, public platform::WorldClo
         std::int64_t due;  // world milliseconds
         std::uint64_t sequence;
         std::function<void()> action;
+        // Who made it happen: a thread of the program, or the world itself (an empty id:
+        // timed events and what they cause).
+        std::thread::id cause;
         bool operator>(const Task& other) const {
             return due != other.due ? due > other.due : sequence > other.sequence;
         }
@@ -193,10 +197,12 @@ class SimWorld final : public platform::DeviceBackend, public platform::WorldClo
     void RunEvents();
     void Push(std::int64_t due, std::function<void()> action);
     std::int64_t NowLocked() const;
-    // Whether a task sequenced before `limit` is due by the world's present time.
-    bool DueLocked(std::uint64_t limit) const;
+    // Whether a task of the world's, or one caused by `thread`, is due by the world's present
+    // time.
+    bool DueLocked(std::thread::id thread) const;
     // Returns once nothing that was due when it was called is waiting or running, nor
-    // anything those tasks caused in turn.
+    // anything those tasks caused in turn: the world's own events, and what the calling
+    // thread made happen. What other threads do meanwhile is not waited for.
     void Drain();
     void OnBus(const std::shared_ptr<SimDfuDevice>& device);
 
@@ -220,6 +226,9 @@ class SimWorld final : public platform::DeviceBackend, public platform::WorldClo
     bool stopping_ = false;
     bool running_ = false;  // a task is running on the event thread
     std::uint64_t runningSequence_ = 0;
+    std::thread::id runningCause_;
+    std::map<std::thread::id, std::size_t> atOnce_;  // notifications waiting, by cause
+    std::multiset<std::int64_t> timedDue_;           // when the timed events waiting are due
     const std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
     std::int64_t worldMs_ = 0;  // the world's own time, above speedup 1
     std::thread eventThread_;
