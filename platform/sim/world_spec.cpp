@@ -65,7 +65,12 @@ bool Bool(const json& value, const std::string& where) {
 
 FirmwareVersion Version(const json& value, const std::string& where) {
     if (!value.is_string()) Fail(where, "must be a version \"a.b.c.d\"");
-    const auto text = value.get<std::string>();
+    return ParseVersion(value.get<std::string>(), where);
+}
+
+}  // namespace
+
+FirmwareVersion ParseVersion(const std::string& text, const std::string& where) {
     FirmwareVersion version{};
     std::size_t part = 0;
     std::size_t i = 0;
@@ -88,6 +93,8 @@ FirmwareVersion Version(const json& value, const std::string& where) {
     if (i != text.size()) Fail(where, "must be a version \"a.b.c.d\" with parts 0 to 255");
     return version;
 }
+
+namespace {
 
 std::uint8_t StateByName(const json& value, const std::string& at) {
     if (value.is_string()) {

@@ -129,6 +129,8 @@ WorldSpec LoadWorldFile(const std::string& path);
 WorldSpec DefaultWorld();
 
 std::string FormatVersion(const FirmwareVersion& version);
+// "a.b.c.d" with parts 0 to 255; throws WorldError naming `where` otherwise.
+FirmwareVersion ParseVersion(const std::string& text, const std::string& where);
 std::wstring Widen(const std::string& utf8);
 std::string Narrow(const std::wstring& wide);
 

@@ -79,17 +79,9 @@ bool ParseOptions(int argc, char** argv, Options* options) {
             } else if (name == "--mode" && (value == "camera" || value == "dfu")) {
                 options->dfuMode = value == "dfu";
             } else if (name == "--version") {
-                camera.firmware =
-                    sim::ParseWorld("{\"cameras\": [{\"name\": \"c\", \"firmware\": \"" + value +
-                                    "\"}]}")
-                        .cameras[0]
-                        .firmware;
+                camera.firmware = sim::ParseVersion(value, name);
             } else if (name == "--new-version") {
-                camera.firmwareAfterUpdate =
-                    sim::ParseWorld("{\"cameras\": [{\"name\": \"c\", \"firmware\": \"" + value +
-                                    "\"}]}")
-                        .cameras[0]
-                        .firmware;
+                camera.firmwareAfterUpdate = sim::ParseVersion(value, name);
             } else if (name == "--transfer-size" && isNumber && number >= 1 && number <= 4096) {
                 dfu.transferSize = static_cast<std::uint16_t>(number);
             } else if (name == "--unplug-at-block" && isNumber) {
