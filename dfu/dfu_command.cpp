@@ -106,8 +106,7 @@ HRESULT DfuCommand::Detach() {
 
 HRESULT DfuCommand::AssertState(DFU_STATE expected) {
     UCHAR state = 0;
-    const HRESULT status = GetDfuState(state);
-    if (status != S_OK) return status;
+    LYNX_CHECK_STEP("GetDfuState(state)", GetDfuState(state));
     return state == static_cast<UCHAR>(expected) ? S_OK : E_FAIL;
 }
 

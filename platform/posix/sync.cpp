@@ -48,6 +48,19 @@ class Event final : public KernelObject {
         signalled_ = false;
     }
 
+    bool Signalled() {
+        std::lock_guard lock(mutex_);
+        return signalled_;
+    }
+
+    // Takes the signal, as a wait that it ends would.
+    bool Consume() {
+        std::lock_guard lock(mutex_);
+        if (!signalled_) return false;
+        if (!manualReset_) signalled_ = false;
+        return true;
+    }
+
     DWORD Wait(std::chrono::nanoseconds limit, bool infinite) override {
         std::unique_lock lock(mutex_);
         if (infinite) {
@@ -137,6 +150,14 @@ DWORD WaitForSingleObject(HANDLE handle, DWORD milliseconds) {
         SetLastError(ERROR_INVALID_HANDLE);
         return WAIT_FAILED;
     }
+    Event* event = EventFromHandle(handle);
+    if (platform::WorldClock* clock = platform::Backend().Clock(); clock && event) {
+        const auto signalled = [event] { return event->Signalled(); };
+        do {
+            clock->Pass(milliseconds == INFINITE ? 3600000 : milliseconds, signalled);
+        } while (milliseconds == INFINITE && !event->Signalled());
+        return event->Consume() ? WAIT_OBJECT_0 : WAIT_TIMEOUT;
+    }
     return object->Wait(platform::posix::WorldToReal(milliseconds), milliseconds == INFINITE);
 }
 
@@ -151,10 +172,15 @@ BOOL CloseHandle(HANDLE handle) {
 }
 
 void Sleep(DWORD milliseconds) {
+    if (platform::WorldClock* clock = platform::Backend().Clock()) {
+        clock->Pass(milliseconds, nullptr);
+        return;
+    }
     std::this_thread::sleep_for(platform::posix::WorldToReal(milliseconds));
 }
 
 ULONGLONG GetTickCount64() {
+    if (platform::WorldClock* clock = platform::Backend().Clock()) return clock->NowMs();
     const auto real = std::chrono::steady_clock::now() - platform::posix::ClockStart();
     const auto us = std::chrono::duration_cast<std::chrono::microseconds>(real).count();
     const unsigned scale = std::max(1u, platform::Backend().TimeScale());

@@ -21,6 +21,12 @@ constexpr std::uint32_t kSet = 0x2;
 constexpr std::uint32_t kSetSupport = 0x100;
 constexpr std::uint32_t kTopology = 0x10000000;
 
+// UVC class requests (UVC 1.5, table A-8).
+constexpr std::uint8_t kSetCur = 0x01;
+constexpr std::uint8_t kGetCur = 0x81;
+constexpr std::uint8_t kGetLen = 0x85;
+constexpr std::uint8_t kGetInfo = 0x86;
+
 // The family's extension unit, and another vendor's unit that many webcams carry: the search
 // for the family's unit has to pass over it.
 constexpr GUID kFamilyUnitSet = {
@@ -45,10 +51,11 @@ constexpr std::array<Node, 5> kFamilyTopology = {{{KSNODETYPE_VIDEO_CAMERA_TERMI
 
 constexpr std::uint32_t kFrameSize = 1024;
 constexpr std::uint32_t kHeaderLength = 20;  // opcode and four parameters
-constexpr std::uint32_t kMaxFrameLength = kFrameSize - 4;
 constexpr std::uint32_t kDeviceInfoCommand = 0x10;
 constexpr std::uint32_t kSwitchToDfuCommand = 0x1E;
 constexpr std::size_t kDeviceInfoSize = 230;
+constexpr std::uint64_t kInfoPauseMs = 100;
+constexpr std::uint32_t kRestartUnreadMs = 1000;
 
 std::uint32_t Le32(const std::uint8_t* bytes) {
     return bytes[0] | (bytes[1] << 8) | (bytes[2] << 16) |
@@ -151,46 +158,127 @@ HRESULT SimCamera::NodeProperty(std::uint32_t node, const GUID& propertySet, std
     if (id != 1) return Error(ERROR_NOT_FOUND);
 
     const std::uint32_t request = flags & ~kTopology;
-    if (request == kSetSupport) return S_OK;
+    // A support query carries no data: the driver refuses one with a buffer.
+    if (request == kSetSupport) {
+        return data == nullptr && length == 0 ? S_OK : Error(ERROR_INVALID_PARAMETER);
+    }
     // Another vendor's unit: its control exists, but its protocol is not this lab's business.
     if (entry.propertySet != &kFamilyUnitSet) return Error(ERROR_GEN_FAILURE);
+    // The driver turns a property request into the unit's UVC requests: it asks the
+    // control's length and sends or reads exactly that many bytes.
+    std::uint8_t lengthBytes[2] = {};
+    std::uint32_t got = 0;
+    UnitRequest(kGetLen, static_cast<std::uint8_t>(id), lengthBytes, 2, &got);
+    const std::uint32_t controlLength = lengthBytes[0] | (lengthBytes[1] << 8);
     if (request == kSet) {
-        // The control is exactly one frame long; the device stalls anything else.
-        if (data == nullptr || length != kFrameSize) return Error(ERROR_INVALID_PARAMETER);
-        RunCommand(data);
+        if (data == nullptr || length != controlLength) return Error(ERROR_INVALID_PARAMETER);
+        if (!UnitRequest(kSetCur, static_cast<std::uint8_t>(id), data, length, returned)) {
+            return Error(ERROR_GEN_FAILURE);
+        }
         return S_OK;
     }
     if (request == kGet) {
-        if (data == nullptr || length < kFrameSize) {
-            *returned = kFrameSize;
+        if (data == nullptr || length < controlLength) {
+            *returned = controlLength;
             return Error(ERROR_INSUFFICIENT_BUFFER);
         }
-        // Nothing to answer: the device stalls the request.
-        if (reply_.empty()) return Error(ERROR_GEN_FAILURE);
-        std::fill(data, data + kFrameSize, 0);
-        std::copy(reply_.begin(), reply_.end(), data);
-        reply_.clear();
-        *returned = kFrameSize;
-        return S_OK;
+        return UnitRequest(kGetCur, static_cast<std::uint8_t>(id), data, controlLength, returned)
+                   ? S_OK
+                   : Error(ERROR_GEN_FAILURE);
     }
     return Error(ERROR_NOT_SUPPORTED);
 }
 
-void SimCamera::RunCommand(const std::uint8_t* frame) {
+bool SimCamera::UnitRequest(std::uint8_t request, std::uint8_t selector, std::uint8_t* data,
+                            std::uint32_t length, std::uint32_t* returned) {
+    *returned = 0;
+    if (!spec_.lynx || selector != 1) return false;
+    switch (request) {
+        case kGetInfo:  // supports GET and SET
+            if (length != 1) return false;
+            data[0] = 0x03;
+            *returned = 1;
+            return true;
+        case kGetLen:
+            if (length != 2) return false;
+            data[0] = kFrameSize & 0xFF;
+            data[1] = kFrameSize >> 8;
+            *returned = 2;
+            return true;
+        case kSetCur:
+            // The control is exactly one frame long; the device stalls anything else.
+            if (length != kFrameSize || !RunCommand(data)) return false;
+            *returned = kFrameSize;
+            return true;
+        case kGetCur:
+            return length == kFrameSize && ReadReply(data, returned);
+        default:
+            return false;
+    }
+}
+
+bool SimCamera::ReadReply(std::uint8_t* data, std::uint32_t* returned) {
+    // Nothing to answer, or the answer is not ready yet: the device stalls the request.
+    if (reply_.empty() || world_.NowMs() < replyReadyMs_) return false;
+    const auto fault = replyFault_;
+    if (fault == CommandFaultKind::kGetFails) {
+        reply_.clear();
+        if (leaveAfterReply_) LeaveForDfu();
+        return false;
+    }
+    if (fault == CommandFaultKind::kWrongEcho) reply_[0] ^= 0xFF;
+    std::fill(data, data + kFrameSize, 0);
+    std::copy(reply_.begin(), reply_.end(), data);
+    // A whole answer fills the control; a short one stops a byte before its end.
+    *returned = fault == CommandFaultKind::kShortReply
+                    ? static_cast<std::uint32_t>(reply_.size() - 1)
+                    : kFrameSize;
+    reply_.clear();
+    if (leaveAfterReply_) LeaveForDfu();
+    return true;
+}
+
+void SimCamera::LeaveForDfu() {
+    if (!leaveAfterReply_) return;
+    leaveAfterReply_ = false;
+    // The camera drops off the bus; its boot loader enumerates a little later.
+    present = false;
+    ++generation_;
+    failedInfoExchanges_ = 0;
+    world_.PlugAt(spec_.dfuDelayMs, std::make_shared<SimDfuDevice>(world_, *spec_.dfu, index_));
+}
+
+bool SimCamera::RunCommand(const std::uint8_t* frame) {
+    const std::uint32_t opcode = Le32(frame + 4);
+    const std::uint32_t exchange = ++exchanges_[opcode];
+    std::optional<CommandFaultKind> fault;
+    for (const CommandFault& candidate : spec_.commandFaults) {
+        if (candidate.opcode == opcode && (!candidate.times || exchange <= *candidate.times)) {
+            fault = candidate.kind;
+        }
+    }
+    if (fault == CommandFaultKind::kSetFails) return false;
+
     // A new command discards an answer nobody read.
     reply_.clear();
+    replyFault_ = fault;
+    // The commands it knows carry no data, so their length is the header's; their
+    // parameters are fixed and the rest of the frame is zero. Anything else is not a
+    // command of this firmware, and it answers nothing.
     const std::uint32_t length = frame[0] | (frame[1] << 8);
-    if (frame[2] != 0xAB || frame[3] != 0xCD || length < kHeaderLength ||
-        length > kMaxFrameLength) {
-        return;
+    const std::uint32_t parameters[4] = {Le32(frame + 8), Le32(frame + 12), Le32(frame + 16),
+                                         Le32(frame + 20)};
+    const bool zeroTail =
+        std::all_of(frame + 24, frame + kFrameSize, [](std::uint8_t byte) { return byte == 0; });
+    if (frame[2] != 0xAB || frame[3] != 0xCD || length != kHeaderLength || !zeroTail ||
+        parameters[1] != 0 || parameters[2] != 0 || parameters[3] != 0) {
+        return true;
     }
-    const std::uint32_t opcode = Le32(frame + 4);
-    const std::uint32_t parameter1 = Le32(frame + 8);
 
-    if (opcode == kDeviceInfoCommand) {
+    if (opcode == kDeviceInfoCommand && parameters[0] == 0) {
         if (spec_.infoFailures >= 5 || failedInfoExchanges_ < spec_.infoFailures) {
             ++failedInfoExchanges_;
-            return;
+            return true;
         }
         PutLe32(reply_, opcode);
         // The block's other fields carry non-zero values, so that a version read from the
@@ -202,18 +290,23 @@ void SimCamera::RunCommand(const std::uint8_t* frame) {
         info[14] = firmware[1];
         info[15] = firmware[0];
         reply_.insert(reply_.end(), info.begin(), info.end());
-        return;
+        // The firmware gathers the block before it can answer.
+        replyReadyMs_ = world_.NowMs() + kInfoPauseMs;
+        return true;
     }
 
-    if (opcode == kSwitchToDfuCommand && parameter1 == 1 && spec_.dfu) {
-        // The camera drops off the bus at once; its boot loader enumerates a little later.
-        present = false;
-        ++generation_;
-        failedInfoExchanges_ = 0;
-        auto device = std::make_shared<SimDfuDevice>(world_, *spec_.dfu, index_);
-        SimWorld& world = world_;
-        world_.Schedule(spec_.dfuDelayMs, [&world, device] { world.Plug(device); });
+    if (opcode == kSwitchToDfuCommand && parameters[0] == 1 && spec_.dfu) {
+        // It answers at once and restarts after its answer is read, or after a second
+        // when nobody reads it.
+        PutLe32(reply_, opcode);
+        replyReadyMs_ = 0;
+        leaveAfterReply_ = true;
+        const std::uint32_t generation = generation_;
+        world_.Schedule(kRestartUnreadMs, [this, generation] {
+            if (generation_ == generation) LeaveForDfu();
+        });
     }
+    return true;
 }
 
 }  // namespace sim

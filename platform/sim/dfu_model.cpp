@@ -21,16 +21,6 @@ enum : std::uint8_t {
     kDfuError = 10,
 };
 
-enum : std::uint8_t {
-    kDetach = 0,
-    kDnload = 1,
-    kUpload = 2,
-    kGetStatus = 3,
-    kClrStatus = 4,
-    kGetState = 5,
-    kAbort = 6,
-};
-
 constexpr std::uint8_t kStatusOk = 0x00;
 constexpr std::uint8_t kErrWrite = 0x03;
 constexpr std::uint8_t kErrStalledPacket = 0x0F;
@@ -38,7 +28,7 @@ constexpr std::uint8_t kDfuClass = 254;
 constexpr std::uint16_t kVendorId = 0x3C5E;
 constexpr std::uint16_t kDfuProductId = 0x0F1C;
 constexpr std::uint16_t kDetachTimeoutMs = 1000;
-constexpr std::uint32_t kPollTimeoutMs = 50;
+constexpr std::uint32_t kResetUnaskedMs = 1000;
 
 void PutWord(std::vector<std::uint8_t>& bytes, std::uint16_t value) {
     bytes.push_back(static_cast<std::uint8_t>(value & 0xFF));
@@ -48,7 +38,7 @@ void PutWord(std::vector<std::uint8_t>& bytes, std::uint16_t value) {
 }  // namespace
 
 SimDfuDevice::SimDfuDevice(SimWorld& world, DfuDeviceSpec spec, int cameraIndex)
-    : world_(world), spec_(std::move(spec)), cameraIndex_(cameraIndex) {
+    : world_(world), spec_(std::move(spec)), cameraIndex_(cameraIndex), state_(spec_.initialState) {
     deviceDescriptor_ = {18, 1};
     PutWord(deviceDescriptor_, 0x0200);  // bcdUSB
     deviceDescriptor_.insert(deviceDescriptor_.end(), {0, 0, 0, 64});
@@ -68,8 +58,10 @@ SimDfuDevice::SimDfuDevice(SimWorld& world, DfuDeviceSpec spec, int cameraIndex)
                                static_cast<std::uint8_t>(isDfu ? 2 : 0), 0});
         if (isDfu && dfuInterface_ < 0) {
             dfuInterface_ = static_cast<int>(i);
-            // bmAttributes: download capable, not manifestation tolerant (it resets after).
-            configuration_.insert(configuration_.end(), {9, 0x21, 0x01});
+            // bmAttributes: download capable, upload capable when the world says so, not
+            // manifestation tolerant (it resets after).
+            configuration_.insert(configuration_.end(),
+                                  {9, 0x21, static_cast<std::uint8_t>(spec_.canUpload ? 3 : 1)});
             PutWord(configuration_, kDetachTimeoutMs);
             PutWord(configuration_, spec_.transferSize);
             PutWord(configuration_, 0x0110);
@@ -111,6 +103,11 @@ platform::ErrorCode SimDfuDevice::Stall() {
     return ERROR_GEN_FAILURE;
 }
 
+bool SimDfuDevice::Listed() {
+    return spec_.unplug && spec_.unplug->afterListings &&
+           ++listings_ == *spec_.unplug->afterListings;
+}
+
 platform::ErrorCode SimDfuDevice::ControlTransfer(const platform::UsbSetupPacket& setup,
                                                   std::uint8_t* buffer, std::uint32_t length,
                                                   std::uint32_t* transferred) {
@@ -123,13 +120,41 @@ platform::ErrorCode SimDfuDevice::ControlTransfer(const platform::UsbSetupPacket
                              static_cast<std::uint8_t>(setup.value & 0xFF), buffer, setup.length,
                              transferred);
     }
+    if (setup.request <= static_cast<std::uint8_t>(DfuRequest::kAbort)) {
+        const std::uint32_t seen = ++requestsSeen_[setup.request];
+        const auto kind = static_cast<DfuRequest>(setup.request);
+        for (const RequestFailure& failure : spec_.requestFailures) {
+            // Lost on the wire: the device never sees it.
+            if (failure.request == kind && seen >= failure.occurrence &&
+                seen - failure.occurrence < failure.count) {
+                return failure.error;
+            }
+        }
+        if (spec_.unplug && spec_.unplug->atRequest == kind && seen == spec_.unplug->occurrence) {
+            world_.Unplug(*this);
+            return ERROR_DEVICE_NOT_CONNECTED;
+        }
+    }
+    if (busy_) {
+        // Busy writing: the device takes no request before the poll time-out it reported.
+        if (world_.NowMs() < busyUntilMs_) return Stall();
+        busy_ = false;
+        if (state_ == kDnBusy) state_ = kDnloadSync;
+    }
+    return Request(setup, buffer, transferred);
+}
+
+platform::ErrorCode SimDfuDevice::Request(const platform::UsbSetupPacket& setup,
+                                          std::uint8_t* buffer, std::uint32_t* transferred) {
     const bool out = setup.requestType == 0x21;
     const bool in = setup.requestType == 0xA1;
     if ((!out && !in) || dfuInterface_ < 0 || setup.index != dfuInterface_) return Stall();
 
-    switch (setup.request) {
-        case kDetach:
-            if (!out) return Stall();
+    switch (static_cast<DfuRequest>(setup.request)) {
+        case DfuRequest::kDetach:
+            // wValue is the time the host will take to reset; more than the descriptor's
+            // wDetachTimeOut is more than the device waits.
+            if (!out || setup.length != 0 || setup.value > kDetachTimeoutMs) return Stall();
             // The family's devices take DETACH in dfuIDLE without leaving DFU mode.
             if (state_ == kDfuIdle) {
                 state_ = spec_.stateAfterDetach;
@@ -138,37 +163,44 @@ platform::ErrorCode SimDfuDevice::ControlTransfer(const platform::UsbSetupPacket
             } else {
                 return Stall();
             }
+            detachTimeout_ = setup.value;
             return ERROR_SUCCESS;
-        case kDnload:
+        case DfuRequest::kDnload:
             if (!out) return Stall();
             return Download(setup, buffer);
-        case kUpload:
-            if (!in || (state_ != kDfuIdle && state_ != kUploadIdle)) return Stall();
+        case DfuRequest::kUpload:
+            if (!in || !spec_.canUpload || setup.length > spec_.transferSize ||
+                (state_ != kDfuIdle && state_ != kUploadIdle)) {
+                return Stall();
+            }
             // Nothing to read back: a short (empty) frame ends the upload at once.
             state_ = kDfuIdle;
             return ERROR_SUCCESS;
-        case kGetStatus:
-            if (!in || setup.length < 6 || (state_ == kManifestWaitReset && resetting_)) {
+        case DfuRequest::kGetStatus:
+            if (!in || setup.value != 0 || setup.length != 6 ||
+                (state_ == kManifestWaitReset && resetting_)) {
                 return Stall();
             }
-            AnswerStatus(buffer, setup.length, transferred);
+            AnswerStatus(buffer, transferred);
             return ERROR_SUCCESS;
-        case kClrStatus:
-            if (!out || state_ != kDfuError) return Stall();
+        case DfuRequest::kClrStatus:
+            if (!out || setup.value != 0 || setup.length != 0 || state_ != kDfuError)
+                return Stall();
             state_ = kDfuIdle;
             status_ = kStatusOk;
             return ERROR_SUCCESS;
-        case kGetState:
-            if (!in || setup.length < 1 || state_ == kDnBusy || state_ == kManifest ||
-                state_ == kManifestWaitReset) {
+        case DfuRequest::kGetState:
+            if (!in || setup.value != 0 || setup.length != 1 || state_ == kDnBusy ||
+                state_ == kManifest || state_ == kManifestWaitReset) {
                 return Stall();
             }
             buffer[0] = state_;
             *transferred = 1;
             return ERROR_SUCCESS;
-        case kAbort:
-            if (!out || !(state_ == kDfuIdle || state_ == kDnloadSync || state_ == kDnloadIdle ||
-                          state_ == kManifestSync || state_ == kUploadIdle)) {
+        case DfuRequest::kAbort:
+            if (!out || setup.value != 0 || setup.length != 0 ||
+                !(state_ == kDfuIdle || state_ == kDnloadSync || state_ == kDnloadIdle ||
+                  state_ == kManifestSync || state_ == kUploadIdle)) {
                 return Stall();
             }
             state_ = kDfuIdle;
@@ -213,6 +245,7 @@ platform::ErrorCode SimDfuDevice::Download(const platform::UsbSetupPacket& setup
         }
     }
 
+    statusAfterBlockDue_ = spec_.statusAfterBlock && spec_.statusAfterBlock->block == blocks_;
     DownloadRecord& record = world_.Downloads()[static_cast<std::size_t>(download_)];
     record.blocks += 1;
     record.bytes += setup.length;
@@ -223,21 +256,21 @@ platform::ErrorCode SimDfuDevice::Download(const platform::UsbSetupPacket& setup
     return ERROR_SUCCESS;
 }
 
-void SimDfuDevice::AnswerStatus(std::uint8_t* buffer, std::uint32_t length,
-                                std::uint32_t* transferred) {
-    std::uint32_t pollTimeout = 0;
+void SimDfuDevice::AnswerStatus(std::uint8_t* buffer, std::uint32_t* transferred) {
     bool resetAfterAnswer = false;
     switch (state_) {
         case kDnloadSync:
-        case kDnBusy:
             if (errorPending_) {
                 errorPending_ = false;
                 state_ = kDfuError;
                 status_ = kErrWrite;
+            } else if (statusAfterBlockDue_) {
+                statusAfterBlockDue_ = false;
+                state_ = spec_.statusAfterBlock->bState;
+                status_ = spec_.statusAfterBlock->bStatus;
             } else if (busyLeft_ > 0) {
                 --busyLeft_;
                 state_ = kDnBusy;
-                pollTimeout = kPollTimeoutMs;
             } else {
                 state_ = kDnloadIdle;
             }
@@ -247,10 +280,14 @@ void SimDfuDevice::AnswerStatus(std::uint8_t* buffer, std::uint32_t length,
             if (manifestLeft_ > 0) {
                 --manifestLeft_;
                 state_ = kManifest;
-                pollTimeout = kPollTimeoutMs;
             } else {
                 state_ = kManifestWaitReset;
                 world_.Downloads()[static_cast<std::size_t>(download_)].manifested = true;
+                // A host that does not ask again (dfu-util resets the port, which never
+                // reaches a device behind vhci-hcd) still sees the device reset.
+                world_.Schedule(kResetUnaskedMs, [this] {
+                    if (!resetting_ && state_ == kManifestWaitReset) ResetAfterManifest();
+                });
             }
             break;
         case kManifestWaitReset:
@@ -259,14 +296,20 @@ void SimDfuDevice::AnswerStatus(std::uint8_t* buffer, std::uint32_t length,
         default:
             break;
     }
+    std::uint32_t pollTimeout = 0;
+    if (state_ == kDnBusy || state_ == kManifest) {
+        pollTimeout = spec_.pollTimeoutMs;
+        busy_ = true;
+        busyUntilMs_ = world_.NowMs() + pollTimeout;
+    }
     const std::uint8_t reply[6] = {status_,
                                    static_cast<std::uint8_t>(pollTimeout & 0xFF),
                                    static_cast<std::uint8_t>((pollTimeout >> 8) & 0xFF),
                                    static_cast<std::uint8_t>((pollTimeout >> 16) & 0xFF),
                                    state_,
                                    0};
-    *transferred = std::min<std::uint32_t>(length, sizeof reply);
-    std::copy_n(reply, *transferred, buffer);
+    *transferred = sizeof reply;
+    std::copy_n(reply, sizeof reply, buffer);
     if (resetAfterAnswer) ResetAfterManifest();
 }
 

@@ -1,7 +1,9 @@
 #include "platform/sim/sim_world.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cwctype>
+#include <thread>
 
 namespace sim {
 namespace {
@@ -55,13 +57,22 @@ SimWorld::SimWorld(WorldSpec spec) : spec_(std::move(spec)) {
         cameras_.push_back(
             std::make_unique<SimCamera>(*this, spec_.cameras[i], static_cast<int>(i)));
     }
-    for (const auto& dfu : spec_.dfuDevices) {
-        dfuDevices_.push_back(std::make_shared<SimDfuDevice>(*this, dfu, -1));
-    }
     if (spec_.registry.dfuAutoMode) {
         registry_[kServiceKey][kAutoModeValue] = {kRegSz, Utf16Bytes(*spec_.registry.dfuAutoMode)};
     }
     eventThread_ = std::thread([this] { RunEvents(); });
+    std::lock_guard lock(mutex_);
+    for (const auto& camera : cameras_) {
+        if (!camera->Spec().inDfuMode) continue;
+        camera->present = false;
+        dfuDevices_.push_back(
+            std::make_shared<SimDfuDevice>(*this, *camera->Spec().dfu, camera->Index()));
+        OnBus(dfuDevices_.back());
+    }
+    for (const auto& dfu : spec_.dfuDevices) {
+        dfuDevices_.push_back(std::make_shared<SimDfuDevice>(*this, dfu, -1));
+        OnBus(dfuDevices_.back());
+    }
 }
 
 SimWorld::~SimWorld() {
@@ -70,17 +81,111 @@ SimWorld::~SimWorld() {
         stopping_ = true;
     }
     eventCv_.notify_all();
+    idleCv_.notify_all();
     eventThread_.join();
 }
 
+std::int64_t SimWorld::NowLocked() const {
+    if (spec_.speedup > 1) return worldMs_;
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() -
+                                                                 start_)
+        .count();
+}
+
+std::uint64_t SimWorld::NowMs() {
+    std::lock_guard lock(eventMutex_);
+    return static_cast<std::uint64_t>(NowLocked());
+}
+
+bool SimWorld::DueLocked(std::thread::id thread) const {
+    return atOnce_.count(std::thread::id()) > 0 || atOnce_.count(thread) > 0 ||
+           (!timedDue_.empty() && *timedDue_.begin() <= NowLocked());
+}
+
+void SimWorld::Push(std::int64_t due, std::function<void()> action) {
+    // What a task causes takes that task's place in the order and its cause, so that a
+    // Drain waiting for the task also waits for its consequences (an arrival's
+    // notification).
+    const bool caused = std::this_thread::get_id() == eventThread_.get_id();
+    const std::thread::id cause = caused           ? runningCause_
+                                  : due == kAtOnce ? std::this_thread::get_id()
+                                                   : std::thread::id();
+    if (due == kAtOnce) {
+        ++atOnce_[cause];
+    } else {
+        timedDue_.insert(due);
+    }
+    tasks_.push_back(
+        Task{due, caused ? runningSequence_ : nextSequence_++, std::move(action), cause});
+    std::push_heap(tasks_.begin(), tasks_.end(), std::greater<>());
+}
+
 void SimWorld::Schedule(std::uint32_t delayMs, std::function<void()> action) {
-    const auto due = std::chrono::steady_clock::now() +
-                     std::chrono::nanoseconds(std::chrono::milliseconds(delayMs)) / spec_.speedup;
     {
         std::lock_guard lock(eventMutex_);
-        tasks_.push(Task{due, nextSequence_++, std::move(action)});
+        Push(NowLocked() + delayMs, std::move(action));
     }
     eventCv_.notify_all();
+}
+
+void SimWorld::Drain() {
+    std::unique_lock lock(eventMutex_);
+    // Another thread's notifications are not waited for: the caller cannot make the world
+    // wait on them, and a thread that keeps plugging would keep this one waiting.
+    const std::thread::id self = std::this_thread::get_id();
+    idleCv_.wait(lock, [&] {
+        const bool runningOurs =
+            running_ && (runningCause_ == std::thread::id() || runningCause_ == self);
+        return stopping_ || (!runningOurs && !DueLocked(self));
+    });
+}
+
+bool SimWorld::Pass(std::uint32_t ms, const std::function<bool()>& done) {
+    using RealClock = std::chrono::steady_clock;
+    std::int64_t target = 0;
+    {
+        std::lock_guard lock(eventMutex_);
+        target = worldMs_ + ms;
+    }
+    Drain();
+    while (true) {
+        if (done && done()) return true;
+        std::int64_t from = 0;
+        std::int64_t to = target;
+        {
+            std::lock_guard lock(eventMutex_);
+            from = worldMs_;
+            if (!timedDue_.empty()) to = std::min(to, std::max(from, *timedDue_.begin()));
+        }
+        // The span is paced in real time, but what the machine oversleeps is not world time.
+        const auto realStart = RealClock::now();
+        const auto realSpan = std::chrono::nanoseconds(std::chrono::milliseconds(to - from)) /
+                              static_cast<long>(spec_.speedup);
+        bool early = false;
+        while (!early && RealClock::now() - realStart < realSpan) {
+            const auto left = realSpan - (RealClock::now() - realStart);
+            std::this_thread::sleep_for(
+                done ? std::min<std::chrono::nanoseconds>(left, std::chrono::milliseconds(1))
+                     : left);
+            early = done && done();
+        }
+        {
+            std::lock_guard lock(eventMutex_);
+            if (early) {
+                // Something outside the world (another thread) ended the wait: the world
+                // has moved on by the real time that took.
+                const auto real = std::chrono::duration_cast<std::chrono::milliseconds>(
+                    RealClock::now() - realStart);
+                to = std::min(to, from + static_cast<std::int64_t>(real.count()) *
+                                             static_cast<std::int64_t>(spec_.speedup));
+            }
+            worldMs_ = std::max(worldMs_, to);
+        }
+        if (early) return true;
+        eventCv_.notify_all();
+        Drain();
+        if (to >= target) return done && done();
+    }
 }
 
 void SimWorld::PostUsbEvent(platform::UsbEvent event, std::wstring interfacePath) {
@@ -93,21 +198,19 @@ void SimWorld::PostUsbEvent(platform::UsbEvent event, std::wstring interfacePath
     }
     {
         std::lock_guard lock(eventMutex_);
-        tasks_.push(Task{std::chrono::steady_clock::time_point::min(), nextSequence_++,
-                         [this, event, path = std::move(interfacePath), recipients] {
-                             std::lock_guard callbackLock(callbackMutex_);
-                             std::vector<platform::UsbEventCallback> callbacks;
-                             {
-                                 std::lock_guard subscribersLock(subscribersMutex_);
-                                 for (std::uint64_t id : recipients) {
-                                     if (auto it = subscribers_.find(id);
-                                         it != subscribers_.end()) {
-                                         callbacks.push_back(it->second);
-                                     }
-                                 }
-                             }
-                             for (const auto& callback : callbacks) callback(event, path);
-                         }});
+        Push(kAtOnce, [this, event, path = std::move(interfacePath), recipients] {
+            std::lock_guard callbackLock(callbackMutex_);
+            std::vector<platform::UsbEventCallback> callbacks;
+            {
+                std::lock_guard subscribersLock(subscribersMutex_);
+                for (std::uint64_t id : recipients) {
+                    if (auto it = subscribers_.find(id); it != subscribers_.end()) {
+                        callbacks.push_back(it->second);
+                    }
+                }
+            }
+            for (const auto& callback : callbacks) callback(event, path);
+        });
     }
     eventCv_.notify_all();
 }
@@ -116,27 +219,39 @@ void SimWorld::RunEvents() {
     std::unique_lock lock(eventMutex_);
     while (true) {
         if (stopping_) return;
-        if (tasks_.empty()) {
-            eventCv_.wait(lock);
+        if (tasks_.empty() || tasks_.front().due > NowLocked()) {
+            idleCv_.notify_all();
+            if (tasks_.empty() || spec_.speedup > 1) {
+                // The world's own time moves only in Pass, which wakes this thread.
+                eventCv_.wait(lock);
+            } else {
+                eventCv_.wait_until(lock, start_ + std::chrono::milliseconds(tasks_.front().due));
+            }
             continue;
         }
-        const auto due = tasks_.top().due;
-        if (due > std::chrono::steady_clock::now()) {
-            eventCv_.wait_until(lock, due);
-            continue;
+        std::pop_heap(tasks_.begin(), tasks_.end(), std::greater<>());
+        Task task = std::move(tasks_.back());
+        tasks_.pop_back();
+        running_ = true;
+        runningSequence_ = task.sequence;
+        runningCause_ = task.cause;
+        if (task.due == kAtOnce) {
+            if (--atOnce_[task.cause] == 0) atOnce_.erase(task.cause);
+        } else {
+            timedDue_.erase(timedDue_.find(task.due));
         }
-        Task task = tasks_.top();
-        tasks_.pop();
         lock.unlock();
         // Notifications run outside the world's lock, as a platform thread would deliver
         // them; world changes take it.
-        if (task.due == std::chrono::steady_clock::time_point::min()) {
+        if (task.due == kAtOnce) {
             task.action();
         } else {
             std::lock_guard worldLock(mutex_);
             task.action();
         }
         lock.lock();
+        running_ = false;
+        idleCv_.notify_all();
     }
 }
 
@@ -165,6 +280,16 @@ void SimWorld::Plug(const std::shared_ptr<SimDfuDevice>& device) {
         dfuDevices_.push_back(device);
     }
     PostUsbEvent(platform::UsbEvent::kArrival, device->Link());
+    OnBus(device);
+}
+
+void SimWorld::PlugAt(std::uint32_t delayMs, std::shared_ptr<SimDfuDevice> device) {
+    Schedule(delayMs, [this, device] { Plug(device); });
+}
+
+void SimWorld::OnBus(const std::shared_ptr<SimDfuDevice>& device) {
+    const auto& unplug = device->Spec().unplug;
+    if (unplug && unplug->atMs) Schedule(*unplug->atMs, [this, device] { Unplug(*device); });
 }
 
 void SimWorld::Unplug(SimDfuDevice& device) {
@@ -176,9 +301,13 @@ void SimWorld::Unplug(SimDfuDevice& device) {
 std::vector<std::wstring> SimWorld::ListUsbDeviceInterfaces() {
     std::lock_guard lock(mutex_);
     std::vector<std::wstring> paths;
+    std::vector<SimDfuDevice*> leaving;
     for (const auto& device : dfuDevices_) {
-        if (device->present) paths.push_back(device->Link());
+        if (!device->present) continue;
+        paths.push_back(device->Link());
+        if (device->Listed()) leaving.push_back(device.get());
     }
+    for (SimDfuDevice* device : leaving) Unplug(*device);
     return paths;
 }
 
@@ -199,6 +328,7 @@ std::vector<platform::VideoCaptureDeviceInfo> SimWorld::ListVideoCaptureDevices(
 platform::ErrorCode SimWorld::CreateSettingsKey(const std::wstring& keyPath) {
     std::lock_guard lock(mutex_);
     if (!spec_.registry.writable) return ERROR_ACCESS_DENIED;
+    if (spec_.registry.openError) return *spec_.registry.openError;
     registry_[Lower(keyPath)];
     return ERROR_SUCCESS;
 }
@@ -208,6 +338,7 @@ platform::ErrorCode SimWorld::SetSettingsValue(const std::wstring& keyPath,
                                                const std::uint8_t* data, std::uint32_t size) {
     std::lock_guard lock(mutex_);
     if (!spec_.registry.writable) return ERROR_ACCESS_DENIED;
+    if (spec_.registry.setError) return *spec_.registry.setError;
     auto key = registry_.find(Lower(keyPath));
     if (key == registry_.end()) return ERROR_FILE_NOT_FOUND;
     if (size > 0 && data == nullptr) return ERROR_INVALID_PARAMETER;
@@ -236,9 +367,11 @@ nlohmann::json SimWorld::DumpState() const {
     }
     state["dfuDevices"] = nlohmann::json::array();
     for (const auto& device : dfuDevices_) {
-        state["dfuDevices"].push_back({{"link", Narrow(device->Link())},
-                                       {"present", device->present},
-                                       {"state", DfuStateName(device->State())}});
+        nlohmann::json entry = {{"link", Narrow(device->Link())},
+                                {"present", device->present},
+                                {"state", DfuStateName(device->State())}};
+        if (device->DetachTimeout()) entry["detachTimeoutMs"] = *device->DetachTimeout();
+        state["dfuDevices"].push_back(entry);
     }
     state["downloads"] = nlohmann::json::array();
     for (const auto& download : downloads_) {

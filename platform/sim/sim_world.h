@@ -9,7 +9,9 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <queue>
+#include <set>
 #include <thread>
 #include <vector>
 
@@ -47,19 +49,31 @@ class SimDfuDevice {
                                         std::uint32_t length, std::uint32_t* transferred);
 
     std::uint8_t State() const { return state_; }
+    // The wValue of the last DETACH, the time the host said it would reset within.
+    std::optional<std::uint16_t> DetachTimeout() const { return detachTimeout_; }
     bool present = true;
+    // Counts a listing of the bus that showed the device; true when it is to leave now.
+    bool Listed();
 
   private:
     platform::ErrorCode Stall();
+    platform::ErrorCode Request(const platform::UsbSetupPacket& setup, std::uint8_t* buffer,
+                                std::uint32_t* transferred);
     platform::ErrorCode Download(const platform::UsbSetupPacket& setup, const std::uint8_t* data);
-    void AnswerStatus(std::uint8_t* buffer, std::uint32_t length, std::uint32_t* transferred);
+    void AnswerStatus(std::uint8_t* buffer, std::uint32_t* transferred);
     void ResetAfterManifest();
 
     SimWorld& world_;
     DfuDeviceSpec spec_;
     int cameraIndex_;
-    std::uint8_t state_ = 2;   // dfuIDLE
-    std::uint8_t status_ = 0;  // bStatus of the next GETSTATUS
+    std::uint8_t state_;
+    std::uint8_t status_ = 0;             // bStatus of the next GETSTATUS
+    std::uint32_t requestsSeen_[7] = {};  // by bRequest
+    std::uint32_t listings_ = 0;
+    std::uint64_t busyUntilMs_ = 0;  // no request before then: the poll time-out it reported
+    bool busy_ = false;
+    bool statusAfterBlockDue_ = false;
+    std::optional<std::uint16_t> detachTimeout_;
     std::vector<std::uint8_t> deviceDescriptor_;
     std::vector<std::uint8_t> configuration_;
     int dfuInterface_ = -1;     // number of the first class-254 interface
@@ -88,21 +102,37 @@ class SimCamera {
     HRESULT NodeProperty(std::uint32_t node, const GUID& propertySet, std::uint32_t id,
                          std::uint32_t flags, std::uint8_t* data, std::uint32_t length,
                          std::uint32_t* returned);
+    // The family's extension unit as UVC addresses it: control 1 takes SET_CUR (0x01),
+    // GET_CUR (0x81), GET_LEN (0x85) and GET_INFO (0x86). Returns false where the device
+    // stalls; *returned is how much a GET delivers. Called with the world's lock held.
+    bool UnitRequest(std::uint8_t request, std::uint8_t selector, std::uint8_t* data,
+                     std::uint32_t length, std::uint32_t* returned);
     // Changes each time the camera leaves the bus; handles opened before then are dead.
     std::uint32_t Generation() const { return generation_; }
 
   private:
-    void RunCommand(const std::uint8_t* frame);
+    // Returns false when the command never reaches the firmware (its SET fails).
+    bool RunCommand(const std::uint8_t* frame);
+    bool ReadReply(std::uint8_t* data, std::uint32_t* returned);
+    void LeaveForDfu();
 
     SimWorld& world_;
     CameraSpec spec_;
     int index_;
     std::vector<std::uint8_t> reply_;  // what the next GET reads; empty: nothing to read
+    std::uint64_t replyReadyMs_ = 0;   // the firmware's pause before its answer is ready
+    std::optional<CommandFaultKind> replyFault_;
+    bool leaveAfterReply_ = false;  // the answer to 0x1E goes out, then the camera restarts
+    std::map<std::uint32_t, std::uint32_t> exchanges_;  // by opcode
     std::uint32_t failedInfoExchanges_ = 0;
     std::uint32_t generation_ = 0;
 };
 
-class SimWorld final : public platform::DeviceBackend {
+// Above speedup 1 the world keeps its own time (WorldClock): it passes only in the program's
+// sleeps and waits, by exactly what they ask, and every timed event of the world happens at
+// its world time before time moves past it. So a run ends as it would at speedup 1, however
+// late the machine wakes the program. At speedup 1 the world runs on the machine's clock.
+class SimWorld final : public platform::DeviceBackend, public platform::WorldClock {
   public:
     explicit SimWorld(WorldSpec spec);
     ~SimWorld() override;
@@ -113,6 +143,9 @@ class SimWorld final : public platform::DeviceBackend {
     nlohmann::json DumpState() const;
 
     unsigned TimeScale() const override { return spec_.speedup; }
+    platform::WorldClock* Clock() override { return spec_.speedup > 1 ? this : nullptr; }
+    std::uint64_t NowMs() override;
+    bool Pass(std::uint32_t ms, const std::function<bool()>& done) override;
 
     std::vector<std::wstring> ListUsbDeviceInterfaces() override;
     platform::ErrorCode OpenUsbDevice(
@@ -140,22 +173,38 @@ class SimWorld final : public platform::DeviceBackend {
     void PostUsbEvent(platform::UsbEvent event, std::wstring interfacePath);
     // Puts a DFU device on the bus (announced) or takes it off.
     void Plug(const std::shared_ptr<SimDfuDevice>& device);
+    void PlugAt(std::uint32_t delayMs, std::shared_ptr<SimDfuDevice> device);
     void Unplug(SimDfuDevice& device);
     std::vector<DownloadRecord>& Downloads() { return downloads_; }
     std::vector<std::unique_ptr<SimCamera>>& Cameras() { return cameras_; }
     std::recursive_mutex& Lock() const { return mutex_; }
 
   private:
+    // A notification is due at once (-1) and runs outside the world's lock.
+    static constexpr std::int64_t kAtOnce = -1;
     struct Task {
-        std::chrono::steady_clock::time_point due;
+        std::int64_t due;  // world milliseconds
         std::uint64_t sequence;
         std::function<void()> action;
+        // Who made it happen: a thread of the program, or the world itself (an empty id:
+        // timed events and what they cause).
+        std::thread::id cause;
         bool operator>(const Task& other) const {
             return due != other.due ? due > other.due : sequence > other.sequence;
         }
     };
 
     void RunEvents();
+    void Push(std::int64_t due, std::function<void()> action);
+    std::int64_t NowLocked() const;
+    // Whether a task of the world's, or one caused by `thread`, is due by the world's present
+    // time.
+    bool DueLocked(std::thread::id thread) const;
+    // Returns once nothing that was due when it was called is waiting or running, nor
+    // anything those tasks caused in turn: the world's own events, and what the calling
+    // thread made happen. What other threads do meanwhile is not waited for.
+    void Drain();
+    void OnBus(const std::shared_ptr<SimDfuDevice>& device);
 
     WorldSpec spec_;
     mutable std::recursive_mutex mutex_;
@@ -171,9 +220,17 @@ class SimWorld final : public platform::DeviceBackend {
     // Event thread: timed actions and notifications.
     std::mutex eventMutex_;
     std::condition_variable eventCv_;
-    std::priority_queue<Task, std::vector<Task>, std::greater<>> tasks_;
+    std::condition_variable idleCv_;
+    std::vector<Task> tasks_;  // a heap, earliest first
     std::uint64_t nextSequence_ = 0;
     bool stopping_ = false;
+    bool running_ = false;  // a task is running on the event thread
+    std::uint64_t runningSequence_ = 0;
+    std::thread::id runningCause_;
+    std::map<std::thread::id, std::size_t> atOnce_;  // notifications waiting, by cause
+    std::multiset<std::int64_t> timedDue_;           // when the timed events waiting are due
+    const std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
+    std::int64_t worldMs_ = 0;  // the world's own time, above speedup 1
     std::thread eventThread_;
 
     std::mutex subscribersMutex_;

@@ -20,6 +20,9 @@ constexpr const char* kStateNames[] = {"appIDLE",          "appDETACH",   "dfuID
                                        "dfuMANIFEST_SYNC", "dfuMANIFEST", "dfuMANIFEST_WAIT_RESET",
                                        "dfuUPLOAD_IDLE",   "dfuERROR"};
 
+constexpr const char* kRequestNames[] = {"DETACH",    "DNLOAD",   "UPLOAD", "GETSTATUS",
+                                         "CLRSTATUS", "GETSTATE", "ABORT"};
+
 [[noreturn]] void Fail(const std::string& where, const std::string& problem) {
     throw WorldError(where + ": " + problem);
 }
@@ -62,7 +65,12 @@ bool Bool(const json& value, const std::string& where) {
 
 FirmwareVersion Version(const json& value, const std::string& where) {
     if (!value.is_string()) Fail(where, "must be a version \"a.b.c.d\"");
-    const auto text = value.get<std::string>();
+    return ParseVersion(value.get<std::string>(), where);
+}
+
+}  // namespace
+
+FirmwareVersion ParseVersion(const std::string& text, const std::string& where) {
     FirmwareVersion version{};
     std::size_t part = 0;
     std::size_t i = 0;
@@ -86,10 +94,100 @@ FirmwareVersion Version(const json& value, const std::string& where) {
     return version;
 }
 
+namespace {
+
+std::uint8_t StateByName(const json& value, const std::string& at) {
+    if (value.is_string()) {
+        for (std::uint8_t s = 0; s < 11; ++s) {
+            if (value.get<std::string>() == kStateNames[s]) return s;
+        }
+    }
+    Fail(at, "must be a DFU state name such as \"dfuIDLE\"");
+}
+
+DfuRequest RequestByName(const json& value, const std::string& at) {
+    if (value.is_string()) {
+        for (std::uint8_t r = 0; r < 7; ++r) {
+            if (value.get<std::string>() == kRequestNames[r]) return static_cast<DfuRequest>(r);
+        }
+    }
+    Fail(at, "must be a DFU request name such as \"GETSTATUS\"");
+}
+
+std::uint32_t Count(const json& object, const char* key, const std::string& where,
+                    std::uint64_t min, std::uint64_t max) {
+    return static_cast<std::uint32_t>(Unsigned(object[key], where + "." + key, min, max));
+}
+
+void ParseDfuFaults(const json& object, const std::string& where, DfuDeviceSpec& spec) {
+    if (object.contains("initialState")) {
+        spec.initialState = StateByName(object["initialState"], where + ".initialState");
+    }
+    if (object.contains("pollTimeoutMs")) {
+        spec.pollTimeoutMs = Count(object, "pollTimeoutMs", where, 0, 0xFFFFFF);
+    }
+    if (object.contains("canUpload"))
+        spec.canUpload = Bool(object["canUpload"], where + ".canUpload");
+    if (object.contains("requestFailures")) {
+        const auto& list = object["requestFailures"];
+        const std::string at = where + ".requestFailures";
+        if (!list.is_array()) Fail(at, "must be an array");
+        for (std::size_t i = 0; i < list.size(); ++i) {
+            const std::string item = at + "[" + std::to_string(i) + "]";
+            CheckKeys(list[i], item, {"request", "occurrence", "count", "error"});
+            if (!list[i].contains("request")) Fail(item + ".request", "required field is missing");
+            RequestFailure failure;
+            failure.request = RequestByName(list[i]["request"], item + ".request");
+            if (list[i].contains("occurrence")) {
+                failure.occurrence = Count(list[i], "occurrence", item, 1, 1000000);
+            }
+            if (list[i].contains("count"))
+                failure.count = Count(list[i], "count", item, 1, 1000000);
+            if (list[i].contains("error")) failure.error = Count(list[i], "error", item, 1, 65535);
+            spec.requestFailures.push_back(failure);
+        }
+    }
+    if (object.contains("statusAfterBlock")) {
+        const auto& answer = object["statusAfterBlock"];
+        const std::string at = where + ".statusAfterBlock";
+        CheckKeys(answer, at, {"block", "bStatus", "bState"});
+        for (const char* key : {"block", "bStatus", "bState"}) {
+            if (!answer.contains(key)) Fail(at + "." + key, "required field is missing");
+        }
+        StatusAfterBlock parsed;
+        parsed.block = Count(answer, "block", at, 0, std::numeric_limits<std::uint32_t>::max());
+        parsed.bStatus = static_cast<std::uint8_t>(Count(answer, "bStatus", at, 0, 255));
+        parsed.bState = StateByName(answer["bState"], at + ".bState");
+        spec.statusAfterBlock = parsed;
+    }
+    if (object.contains("unplug")) {
+        const auto& unplug = object["unplug"];
+        const std::string at = where + ".unplug";
+        CheckKeys(unplug, at, {"atMs", "afterListings", "atRequest", "occurrence"});
+        UnplugSpec parsed;
+        if (unplug.contains("atMs")) parsed.atMs = Count(unplug, "atMs", at, 0, 3600000);
+        if (unplug.contains("afterListings")) {
+            parsed.afterListings = Count(unplug, "afterListings", at, 1, 1000000);
+        }
+        if (unplug.contains("atRequest")) {
+            parsed.atRequest = RequestByName(unplug["atRequest"], at + ".atRequest");
+        }
+        if (unplug.contains("occurrence")) {
+            if (!parsed.atRequest) Fail(at + ".occurrence", "needs atRequest");
+            parsed.occurrence = Count(unplug, "occurrence", at, 1, 1000000);
+        }
+        const int moments = parsed.atMs.has_value() + parsed.afterListings.has_value() +
+                            parsed.atRequest.has_value();
+        if (moments != 1) Fail(at, "must name exactly one of atMs, afterListings and atRequest");
+        spec.unplug = parsed;
+    }
+}
+
 DfuDeviceSpec ParseDfuDevice(const json& object, const std::string& where) {
     CheckKeys(object, where,
               {"link", "transferSize", "interfaces", "busyPolls", "manifestPolls",
-               "stateAfterDetach", "fault"});
+               "stateAfterDetach", "fault", "initialState", "pollTimeoutMs", "canUpload",
+               "requestFailures", "statusAfterBlock", "unplug"});
     DfuDeviceSpec spec;
     if (!object.contains("link")) Fail(where + ".link", "required field is missing");
     spec.link = Text(object["link"], where + ".link", false);
@@ -118,18 +216,10 @@ DfuDeviceSpec ParseDfuDevice(const json& object, const std::string& where) {
             Unsigned(object["manifestPolls"], where + ".manifestPolls", 0, 1000000));
     }
     if (object.contains("stateAfterDetach")) {
-        const auto& value = object["stateAfterDetach"];
-        const std::string at = where + ".stateAfterDetach";
-        if (!value.is_string()) Fail(at, "must be a DFU state name such as \"dfuIDLE\"");
-        bool found = false;
-        for (std::uint8_t s = 0; s < 11; ++s) {
-            if (value.get<std::string>() == kStateNames[s]) {
-                spec.stateAfterDetach = s;
-                found = true;
-            }
-        }
-        if (!found) Fail(at, "must be a DFU state name such as \"dfuIDLE\"");
+        spec.stateAfterDetach =
+            StateByName(object["stateAfterDetach"], where + ".stateAfterDetach");
     }
+    ParseDfuFaults(object, where, spec);
     if (object.contains("fault")) {
         const auto& fault = object["fault"];
         const std::string at = where + ".fault";
@@ -158,7 +248,7 @@ DfuDeviceSpec ParseDfuDevice(const json& object, const std::string& where) {
 CameraSpec ParseCamera(const json& object, const std::string& where, std::size_t index) {
     CheckKeys(object, where,
               {"name", "link", "enumerations", "lynx", "firmware", "infoFailures", "dfu",
-               "dfuDelayMs", "firmwareAfterUpdate"});
+               "dfuDelayMs", "firmwareAfterUpdate", "commandFaults", "inDfuMode"});
     CameraSpec spec;
     if (!object.contains("name")) Fail(where + ".name", "required field is missing");
     spec.name = Text(object["name"], where + ".name", true);
@@ -199,6 +289,39 @@ CameraSpec ParseCamera(const json& object, const std::string& where, std::size_t
         spec.firmwareAfterUpdate =
             Version(object["firmwareAfterUpdate"], where + ".firmwareAfterUpdate");
     }
+    if (object.contains("inDfuMode")) {
+        spec.inDfuMode = Bool(object["inDfuMode"], where + ".inDfuMode");
+        if (spec.inDfuMode && !spec.dfu) Fail(where + ".inDfuMode", "needs a dfu device");
+    }
+    if (object.contains("commandFaults")) {
+        const auto& list = object["commandFaults"];
+        const std::string at = where + ".commandFaults";
+        if (!list.is_array()) Fail(at, "must be an array");
+        for (std::size_t i = 0; i < list.size(); ++i) {
+            const std::string item = at + "[" + std::to_string(i) + "]";
+            CheckKeys(list[i], item, {"opcode", "kind", "times"});
+            if (!list[i].contains("opcode")) Fail(item + ".opcode", "required field is missing");
+            if (!list[i].contains("kind")) Fail(item + ".kind", "required field is missing");
+            CommandFault fault;
+            fault.opcode = Count(list[i], "opcode", item, 0, 0xFFFFFFFFu);
+            const auto& kind = list[i]["kind"];
+            const std::string text = kind.is_string() ? kind.get<std::string>() : std::string();
+            if (text == "setFails") {
+                fault.kind = CommandFaultKind::kSetFails;
+            } else if (text == "getFails") {
+                fault.kind = CommandFaultKind::kGetFails;
+            } else if (text == "shortReply") {
+                fault.kind = CommandFaultKind::kShortReply;
+            } else if (text == "wrongEcho") {
+                fault.kind = CommandFaultKind::kWrongEcho;
+            } else {
+                Fail(item + ".kind",
+                     "must be \"setFails\", \"getFails\", \"shortReply\" or \"wrongEcho\"");
+            }
+            if (list[i].contains("times")) fault.times = Count(list[i], "times", item, 1, 1000000);
+            spec.commandFaults.push_back(fault);
+        }
+    }
     return spec;
 }
 
@@ -206,6 +329,11 @@ CameraSpec ParseCamera(const json& object, const std::string& where, std::size_t
 
 const char* DfuStateName(std::uint8_t state) {
     return state < 11 ? kStateNames[state] : "unknown";
+}
+
+const char* DfuRequestName(DfuRequest request) {
+    const auto value = static_cast<std::uint8_t>(request);
+    return value < 7 ? kRequestNames[value] : "unknown";
 }
 
 WorldSpec ParseWorld(const std::string& jsonText) {
@@ -238,7 +366,13 @@ WorldSpec ParseWorld(const std::string& jsonText) {
     }
     if (root.contains("registry")) {
         const auto& registry = root["registry"];
-        CheckKeys(registry, "$.registry", {"writable", "DFUAutoMode"});
+        CheckKeys(registry, "$.registry", {"writable", "DFUAutoMode", "openError", "setError"});
+        if (registry.contains("openError")) {
+            world.registry.openError = Count(registry, "openError", "$.registry", 1, 0xFFFFFFFFu);
+        }
+        if (registry.contains("setError")) {
+            world.registry.setError = Count(registry, "setError", "$.registry", 1, 0xFFFFFFFFu);
+        }
         if (registry.contains("writable")) {
             world.registry.writable = Bool(registry["writable"], "$.registry.writable");
         }

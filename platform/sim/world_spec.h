@@ -23,6 +23,42 @@ struct DfuFault {
     FaultKind kind = FaultKind::kStall;
 };
 
+// The DFU 1.1 requests by bRequest: DETACH 0 ... ABORT 6.
+enum class DfuRequest : std::uint8_t {
+    kDetach = 0,
+    kDnload = 1,
+    kUpload = 2,
+    kGetStatus = 3,
+    kClrStatus = 4,
+    kGetState = 5,
+    kAbort = 6,
+};
+
+// The n-th request of a kind (counting from 1) and the `count` after it fail on the wire with
+// `error` (a Windows error number) before the device sees them.
+struct RequestFailure {
+    DfuRequest request = DfuRequest::kGetStatus;
+    std::uint32_t occurrence = 1;
+    std::uint32_t count = 1;
+    std::uint32_t error = 31;  // ERROR_GEN_FAILURE: what WinUSB reports for a stall
+};
+
+// The first GETSTATUS after a data block answers with this status and state.
+struct StatusAfterBlock {
+    std::uint32_t block = 0;
+    std::uint8_t bStatus = 0;
+    std::uint8_t bState = 10;
+};
+
+// When the device leaves the bus on its own: a world time after it is on the bus, once a
+// listing of the bus has shown it a number of times, or when a request of a kind arrives.
+struct UnplugSpec {
+    std::optional<std::uint32_t> atMs;
+    std::optional<std::uint32_t> afterListings;
+    std::optional<DfuRequest> atRequest;
+    std::uint32_t occurrence = 1;
+};
+
 struct DfuDeviceSpec {
     std::wstring link;
     std::uint16_t transferSize = 1024;
@@ -31,9 +67,24 @@ struct DfuDeviceSpec {
     std::uint32_t manifestPolls = 1;
     std::uint8_t stateAfterDetach = 2;  // dfuIDLE
     std::optional<DfuFault> fault;
+    std::uint8_t initialState = 2;  // dfuIDLE
+    std::uint32_t pollTimeoutMs = 50;
+    bool canUpload = false;
+    std::vector<RequestFailure> requestFailures;
+    std::optional<StatusAfterBlock> statusAfterBlock;
+    std::optional<UnplugSpec> unplug;
 };
 
 using FirmwareVersion = std::array<std::uint8_t, 4>;  // as written: a.b.c.d
+
+enum class CommandFaultKind { kSetFails, kGetFails, kShortReply, kWrongEcho };
+
+// A firmware command the camera mishandles: the first `times` exchanges of it (absent: all).
+struct CommandFault {
+    std::uint32_t opcode = 0;
+    CommandFaultKind kind = CommandFaultKind::kGetFails;
+    std::optional<std::uint32_t> times;
+};
 
 struct CameraSpec {
     std::wstring name;
@@ -45,11 +96,17 @@ struct CameraSpec {
     std::optional<DfuDeviceSpec> dfu;
     std::uint32_t dfuDelayMs = 300;
     FirmwareVersion firmwareAfterUpdate{0, 0, 0, 0};
+    std::vector<CommandFault> commandFaults;
+    // It starts off the bus, as its DFU device (which is on the bus from the start).
+    bool inDfuMode = false;
 };
 
 struct RegistrySpec {
     bool writable = true;
     std::optional<std::wstring> dfuAutoMode;
+    // Windows error numbers that opening the key, or setting the value, fails with.
+    std::optional<std::uint32_t> openError;
+    std::optional<std::uint32_t> setError;
 };
 
 struct WorldSpec {
@@ -61,6 +118,8 @@ struct WorldSpec {
 
 // The eleven DFU 1.1 state names, by value.
 const char* DfuStateName(std::uint8_t state);
+// "DETACH", "DNLOAD", ... as DFU 1.1 names the requests.
+const char* DfuRequestName(DfuRequest request);
 
 // Parses and validates a world given as JSON text. Throws WorldError.
 WorldSpec ParseWorld(const std::string& jsonText);
@@ -70,6 +129,8 @@ WorldSpec LoadWorldFile(const std::string& path);
 WorldSpec DefaultWorld();
 
 std::string FormatVersion(const FirmwareVersion& version);
+// "a.b.c.d" with parts 0 to 255; throws WorldError naming `where` otherwise.
+FirmwareVersion ParseVersion(const std::string& text, const std::string& where);
 std::wstring Widen(const std::string& utf8);
 std::string Narrow(const std::wstring& wide);
 

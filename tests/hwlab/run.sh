@@ -91,8 +91,9 @@ root="$work/root"
 # No /var/lib: the settings store must make the folders above it, as on a minimal system.
 mkdir -p "$root"/{bin,hwlab,proc,sys,dev,tmp,run,etc/udev/rules.d,lib/udev/rules.d,lib/systemd,lib/modules/"$kver"}
 
-g++ -std=c++20 -O2 -Wall -Wextra -Wpedantic -Werror -static \
-    -o "$root/hwlab/usbip-emulator" "$here/usbip_emulator.cpp"
+# The device: the product's virtual camera, built with the tool.
+[ -x "$build/platform/lynx-virtual-camera" ] || fail "no $build/platform/lynx-virtual-camera"
+cp "$build/platform/lynx-virtual-camera" "$root/hwlab/lynx-virtual-camera"
 # The probe links the build's own backend, so it takes that build's sanitizers.
 sanitize="$(sed -n 's/^LYNX_SANITIZE:[A-Z]*=//p' "$build/CMakeCache.txt" 2>/dev/null | tr ';' ',')"
 g++ -std=c++20 -O2 -Wall -Wextra -Werror -I"$repo/platform/include" -I"$repo" \
@@ -119,7 +120,8 @@ cp "$uroot/lib/udev/rules.d/50-udev-default.rules" "$root/lib/udev/rules.d/"
 cp "$repo/platform/linux/70-lynx-dfu.rules" "$root/lib/udev/rules.d/"
 
 # The programs' shared libraries, as the dynamic loader finds them.
-for program in "$root/hwlab/lynx-dfu" "$root/hwlab/dfu-util" "$root/hwlab/arrival-probe" "$root/bin/udevadm"; do
+for program in "$root/hwlab/lynx-dfu" "$root/hwlab/dfu-util" "$root/hwlab/arrival-probe" \
+               "$root/hwlab/lynx-virtual-camera" "$root/bin/udevadm"; do
     for lib in $(ldd "$program" | grep -o '/[^ )]*'); do
         [ -e "$root$lib" ] && continue
         mkdir -p "$root$(dirname "$lib")"

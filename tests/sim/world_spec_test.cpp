@@ -122,6 +122,38 @@ INSTANTIATE_TEST_SUITE_P(
                  "$.dfuDevices[0].fault.kind: required field is missing"},
         BadWorld{R"({"dfuDevices": [{"link": "X", "fault": {"atBlock": 1, "kind": "smoke"}}]})",
                  "$.dfuDevices[0].fault.kind: must be \"stall\", \"error\" or \"unplug\""},
+        BadWorld{R"({"dfuDevices": [{"link": "X", "initialState": "idle"}]})",
+                 "$.dfuDevices[0].initialState: must be a DFU state name such as \"dfuIDLE\""},
+        BadWorld{R"({"dfuDevices": [{"link": "X", "pollTimeoutMs": 16777216}]})",
+                 "$.dfuDevices[0].pollTimeoutMs: must be between 0 and 16777215"},
+        BadWorld{R"({"dfuDevices": [{"link": "X", "requestFailures": [{"request": "GET"}]}]})",
+                 "$.dfuDevices[0].requestFailures[0].request: must be a DFU request name such as "
+                 "\"GETSTATUS\""},
+        BadWorld{R"({"dfuDevices": [{"link": "X", "requestFailures": [{"occurrence": 2}]}]})",
+                 "$.dfuDevices[0].requestFailures[0].request: required field is missing"},
+        BadWorld{R"({"dfuDevices": [{"link": "X", "requestFailures": [{"request": "DETACH",
+                 "occurrence": 0}]}]})",
+                 "$.dfuDevices[0].requestFailures[0].occurrence: must be between 1 and 1000000"},
+        BadWorld{R"({"dfuDevices": [{"link": "X", "statusAfterBlock": {"block": 1, "bStatus": 256,
+                 "bState": "dfuERROR"}}]})",
+                 "$.dfuDevices[0].statusAfterBlock.bStatus: must be between 0 and 255"},
+        BadWorld{R"({"dfuDevices": [{"link": "X", "statusAfterBlock": {"block": 1}}]})",
+                 "$.dfuDevices[0].statusAfterBlock.bStatus: required field is missing"},
+        BadWorld{R"({"dfuDevices": [{"link": "X", "unplug": {"atMs": 5, "afterListings": 1}}]})",
+                 "$.dfuDevices[0].unplug: must name exactly one of atMs, afterListings and "
+                 "atRequest"},
+        BadWorld{R"({"dfuDevices": [{"link": "X", "unplug": {"atMs": 5, "occurrence": 2}}]})",
+                 "$.dfuDevices[0].unplug.occurrence: needs atRequest"},
+        BadWorld{
+            R"({"cameras": [{"name": "A", "commandFaults": [{"opcode": 16, "kind": "slow"}]}]})",
+            "$.cameras[0].commandFaults[0].kind: must be \"setFails\", \"getFails\", "
+            "\"shortReply\" or \"wrongEcho\""},
+        BadWorld{R"({"cameras": [{"name": "A", "commandFaults": [{"kind": "setFails"}]}]})",
+                 "$.cameras[0].commandFaults[0].opcode: required field is missing"},
+        BadWorld{R"({"cameras": [{"name": "A", "inDfuMode": true}]})",
+                 "$.cameras[0].inDfuMode: needs a dfu device"},
+        BadWorld{R"({"registry": {"openError": 0}})",
+                 "$.registry.openError: must be between 1 and 4294967295"},
         BadWorld{R"({"registry": {"writable": 1}})", "$.registry.writable: must be true or false"},
         BadWorld{R"({"speedup": 0})", "$.speedup: must be between 1 and 1000000"}));
 

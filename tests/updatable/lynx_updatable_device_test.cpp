@@ -102,37 +102,13 @@ TEST_F(LynxCamera, SwitchToDfuTakesTheCameraOffAndItsDfuDeviceArrivesLater) {
     auto device = Initialize();
     const ULONGLONG start = GetTickCount64();
 
-    // The camera is gone before its answer can be read; that is no failure.
+    // The camera answers, then leaves the bus at once.
     EXPECT_EQ(S_OK, device->SwitchToDfu());
     EXPECT_TRUE(CameraDevicesFactory(nullptr).GetDevices().empty());
     EXPECT_FALSE(DfuDevicePresent());
-    while (!DfuDevicePresent() && GetTickCount64() - start < 10000) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
+    while (!DfuDevicePresent() && GetTickCount64() - start < 10000) Sleep(10);
     EXPECT_TRUE(DfuDevicePresent());
     EXPECT_GE(GetTickCount64() - start, 2000u);
-}
-
-TEST_F(LynxCamera, FirmwareAnswersNothingItDoesNotUnderstand) {
-    Load(R"({"name": "Lynx", "link": "l", "lynx": true})");
-    auto device = Initialize();
-    auto& pipe = *device->commandPipe;
-    // A switch without a boot loader to switch to, another parameter, an unknown command.
-    EXPECT_NE(S_OK, pipe.SendCommand(kSwitchToDfuCommand, nullptr, 0, 1, 0, 0, 0));
-    EXPECT_NE(S_OK, pipe.SendCommand(kSwitchToDfuCommand, nullptr, 0, 0, 0, 0, 0));
-    EXPECT_NE(S_OK, pipe.SendCommand(0x33, nullptr, 0, 0, 0, 0, 0));
-    // A frame whose length reaches beyond the frame.
-    std::vector<std::uint8_t> frame = {0xFD, 0x03, 0xAB, 0xCD, 0x10};
-    frame.resize(1024);
-    KSPROPERTY set{kExtensionUnitGuid, 1, KSPROPERTY_TYPE_SET};
-    KSPROPERTY get{kExtensionUnitGuid, 1, KSPROPERTY_TYPE_GET};
-    ULONG returned = 0;
-    EXPECT_EQ(S_OK,
-              device->extensionUnit->KsProperty(&set, sizeof set, frame.data(), 1024, &returned));
-    EXPECT_NE(S_OK,
-              device->extensionUnit->KsProperty(&get, sizeof get, frame.data(), 1024, &returned));
-    EXPECT_EQ(1u, CameraDevicesFactory(nullptr).GetDevices().size());
-    EXPECT_FALSE(DfuDevicePresent());
 }
 
 TEST(UnconnectedLynx, IsTheFamilysDeviceWithoutAChannel) {

@@ -48,7 +48,7 @@ for round in 1 2 3 4 5; do
     arrival-probe --timeout-ms 10000 >/tmp/bench/probe$round.txt &
     probe=$!
     wait_for "grep -q ready /tmp/bench/probe$round.txt" 50
-    usbip-emulator --mode dfu --log "$log" --lifetime-s 60 &
+    lynx-virtual-camera --mode dfu --log "$log" --lifetime-s 60 &
     emulator=$!
     wait "$probe"
     noticed="$(awk '/^noticed/ {print $2}' /tmp/bench/probe$round.txt)"
@@ -67,7 +67,7 @@ done
 
 # 2. The whole tool: key 1 switches the camera, waits for the DFU-mode device and burns.
 log=/tmp/bench/tool.log
-usbip-emulator --mode camera --log "$log" --lifetime-s 120 &
+lynx-virtual-camera --mode camera --log "$log" --lifetime-s 120 &
 emulator=$!
 wait_for camera_node 100 && sleep 0.5
 printf '1\n1\n/hwlab/fw-small.bin\n\nq\n' | timeout 120 lynx-dfu >/tmp/bench/tool.txt 2>&1
@@ -84,7 +84,7 @@ download() {  # name command...
     name="$1"
     shift
     log="/tmp/bench/$name.log"
-    usbip-emulator --mode dfu --log "$log" --lifetime-s 120 &
+    lynx-virtual-camera --mode dfu --log "$log" --lifetime-s 120 &
     emulator=$!
     wait_for family_present 100 && sleep 0.5
     "$@" >"/tmp/bench/$name.txt" 2>&1

@@ -1,6 +1,6 @@
 # Runs inside the VM (busybox sh): every case under /hwlab/cases, then a summary line that
 # run.sh reads. A case directory holds:
-#   emulator.args   how the emulated device starts (usbip-emulator options)
+#   emulator.args   how the emulated device starts (lynx-virtual-camera options)
 #   input1.txt      the answers typed into lynx-dfu; expected1.txt its whole console output
 #   input2.txt      optional second session, run once the camera is back on the bus
 #   expected2.txt
@@ -59,7 +59,7 @@ run_case() {
     mkdir -p "$out"
     ok=1
     args="$(cat "$dir/emulator.args")"
-    usbip-emulator --log "$out/device.log" --lifetime-s 300 $args 2>"$out/emulator.err" &
+    lynx-virtual-camera --log "$out/device.log" --lifetime-s 300 $args 2>"$out/emulator.err" &
     emulator=$!
     if ! wait_for has_family_device 100; then
         echo "HWLAB: $name: the emulated device never appeared"

@@ -82,12 +82,27 @@ class VideoDeviceConnection {
                                  std::uint32_t* returned) = 0;
 };
 
+// A clock of a backend's own. World time passes only while the program sleeps or waits, and
+// then by exactly the span asked for: a machine that wakes late does not make the world late.
+class WorldClock {
+  public:
+    virtual ~WorldClock() = default;
+
+    virtual std::uint64_t NowMs() = 0;
+    // Lets up to `ms` of world time pass, and ends early once `done` (when given) holds; it is
+    // asked at once, after whatever the world had due meanwhile has happened, and while the
+    // real time that paces the span goes by. Returns whether `done` held.
+    virtual bool Pass(std::uint32_t ms, const std::function<bool()>& done) = 0;
+};
+
 class DeviceBackend {
   public:
     virtual ~DeviceBackend() = default;
 
     // The backend's clock runs this many times faster than real time (at least 1).
     virtual unsigned TimeScale() const { return 1; }
+    // The backend's own clock, or null for the machine's (scaled by TimeScale).
+    virtual WorldClock* Clock() { return nullptr; }
 
     // USB device interfaces present now, in the form the Windows configuration manager
     // lists them (\\?\USB#VID_xxxx&PID_xxxx#instance#{a5dcbf10-...}).

@@ -1,0 +1,187 @@
+#include "platform/usbip/usbip_link.h"
+
+#include <arpa/inet.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+
+namespace usbip {
+namespace {
+
+// The kernel's USB/IP protocol (Documentation/usb/usbip_protocol.rst): 48-byte headers,
+// every field big-endian.
+constexpr std::uint32_t kCmdSubmit = 1;
+constexpr std::uint32_t kCmdUnlink = 2;
+constexpr std::uint32_t kRetSubmit = 3;
+constexpr std::uint32_t kRetUnlink = 4;
+constexpr std::uint32_t kDirIn = 1;
+constexpr std::size_t kHeaderSize = 48;
+constexpr unsigned kHighSpeed = 3;
+
+const char* const kVhciDir = "/sys/devices/platform/vhci_hcd.0";
+
+void PutBe32(std::uint8_t* at, std::uint32_t value) {
+    const std::uint32_t be = htonl(value);
+    std::memcpy(at, &be, 4);
+}
+
+std::uint32_t GetBe32(const std::uint8_t* at) {
+    std::uint32_t be;
+    std::memcpy(&be, at, 4);
+    return ntohl(be);
+}
+
+}  // namespace
+
+Link::~Link() {
+    Detach();
+}
+
+int Link::FreePort() const {
+    std::ifstream status(std::string(kVhciDir) + "/status");
+    std::string line;
+    std::getline(status, line);  // header
+    while (std::getline(status, line)) {
+        std::istringstream fields(line);
+        std::string hub;
+        int port = -1, state = -1;
+        fields >> hub >> port >> state;
+        if (hub == "hs" && state == 4) return port;  // VDEV_ST_NULL: nothing attached
+    }
+    return -1;
+}
+
+bool Link::Attach(std::string* error) {
+    if (socket_ >= 0) return true;
+    port_ = FreePort();
+    if (port_ < 0) {
+        *error = std::string("no free high-speed port on vhci-hcd (is vhci-hcd loaded? ") +
+                 kVhciDir + "/status)";
+        return false;
+    }
+    int pair[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM, 0, pair) < 0) {
+        *error = std::string("socketpair: ") + std::strerror(errno);
+        return false;
+    }
+    ++devnum_;
+    const std::string command = std::to_string(port_) + " " + std::to_string(pair[1]) + " " +
+                                std::to_string((1u << 16) | devnum_) + " " +
+                                std::to_string(kHighSpeed);
+    std::ofstream attach(std::string(kVhciDir) + "/attach");
+    attach << command;
+    attach.close();
+    // The kernel holds its own reference to its end now.
+    close(pair[1]);
+    if (!attach) {
+        *error = std::string("cannot write \"") + command + "\" to " + kVhciDir +
+                 "/attach (are you root?)";
+        close(pair[0]);
+        return false;
+    }
+    socket_ = pair[0];
+    pending_.clear();
+    return true;
+}
+
+void Link::Detach() {
+    if (socket_ < 0) return;
+    std::ofstream detach(std::string(kVhciDir) + "/detach");
+    detach << port_;
+    detach.close();
+    close(socket_);
+    socket_ = -1;
+}
+
+bool Link::ReadExact(std::uint8_t* buffer, std::size_t length) {
+    std::size_t done = 0;
+    while (done < length) {
+        const ssize_t n = read(socket_, buffer + done, length - done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        done += static_cast<std::size_t>(n);
+    }
+    return true;
+}
+
+bool Link::WriteAll(const Bytes& data) {
+    std::size_t done = 0;
+    while (done < data.size()) {
+        const ssize_t n = write(socket_, data.data() + done, data.size() - done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        done += static_cast<std::size_t>(n);
+    }
+    return true;
+}
+
+bool Link::ServeOne(const ControlHandler& handler) {
+    std::uint8_t header[kHeaderSize];
+    if (!ReadExact(header, kHeaderSize)) {
+        Detach();
+        return false;
+    }
+    const std::uint32_t command = GetBe32(header);
+    const std::uint32_t seqnum = GetBe32(header + 4);
+    if (command == kCmdUnlink) {
+        // Only requests held back can still be unlinked; control requests are answered at
+        // once.
+        const bool held = pending_.erase(GetBe32(header + 20)) > 0;
+        Bytes reply(kHeaderSize, 0);
+        PutBe32(reply.data(), kRetUnlink);
+        PutBe32(reply.data() + 4, seqnum);
+        PutBe32(reply.data() + 20, held ? static_cast<std::uint32_t>(-ECONNRESET) : 0);
+        return WriteAll(reply);
+    }
+    if (command != kCmdSubmit) {
+        Detach();
+        return false;
+    }
+    const std::uint32_t direction = GetBe32(header + 12);
+    const std::uint32_t endpoint = GetBe32(header + 16);
+    const std::uint32_t length = GetBe32(header + 24);
+    const std::uint32_t packets = GetBe32(header + 32);
+    Bytes out;
+    if (direction != kDirIn && length > 0) {
+        out.resize(length);
+        if (!ReadExact(out.data(), length)) return false;
+    }
+    if (packets != 0 && packets != 0xFFFFFFFFu) {
+        // Isochronous descriptors follow; nothing here streams, so none is answered.
+        Bytes skip(16 * packets);
+        if (!ReadExact(skip.data(), skip.size())) return false;
+    }
+    if (endpoint != 0) {
+        // An interrupt endpoint: the device has nothing to report, so the request stays
+        // pending until the kernel unlinks it.
+        pending_.insert(seqnum);
+        return true;
+    }
+    const std::uint8_t* setup = header + 40;
+    const ControlReply reply = handler(setup, out);
+    if (reply.unplugged) {
+        Detach();
+        return true;
+    }
+    Bytes answer(kHeaderSize, 0);
+    PutBe32(answer.data(), kRetSubmit);
+    PutBe32(answer.data() + 4, seqnum);
+    const bool in = setup[0] & 0x80;
+    if (reply.stall) {
+        PutBe32(answer.data() + 20, static_cast<std::uint32_t>(-EPIPE));
+    } else {
+        const std::uint32_t actual =
+            in ? static_cast<std::uint32_t>(std::min<std::size_t>(reply.data.size(), length))
+               : length;
+        PutBe32(answer.data() + 24, actual);
+        if (in) answer.insert(answer.end(), reply.data.begin(), reply.data.begin() + actual);
+    }
+    return WriteAll(answer) || socket_ < 0;
+}
+
+}  // namespace usbip

@@ -1,0 +1,200 @@
+// What the lab's devices refuse, as the real ones would: one row per rule. A row runs its
+// requests on a fresh world, all but the last must be taken, and the last one is judged.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "platform/ks.h"
+#include "platform/sim/sim_world.h"
+#include "platform/sync.h"
+
+namespace {
+
+const std::string kLink = R"("link": "\\\\?\\USB#VID_3C5E&PID_0F1C#1")";
+constexpr GUID kFamilyUnit = {
+    0x5B3E9A10, 0x7C2D, 0x4F61, {0x9E, 0x84, 0x2A, 0x6D, 0x0C, 0x1F, 0x7B, 0x39}};
+
+// A DFU request (wIndex names the DFU interface unless a row says otherwise), or with
+// type 0 a camera command: the information command's frame with one byte changed, its
+// reply read `value` world milliseconds later; `request` 1 sends the support query with a
+// data buffer instead.
+struct Step {
+    std::uint8_t type;
+    std::uint8_t request;
+    std::uint16_t value;
+    std::uint16_t length;
+    std::uint16_t index = 0;
+    std::uint32_t waitMs = 0;  // world time let pass before the request
+};
+
+constexpr std::uint8_t kOut = 0x21, kIn = 0xA1, kCamera = 0;
+enum : std::uint8_t { kDetach, kDnload, kUpload, kGetStatus, kClrStatus, kGetState, kAbort };
+
+struct Rule {
+    const char* name;
+    const char* device;  // more fields of the DFU device, or of the camera for camera steps
+    std::vector<Step> steps;
+    bool taken;
+    const char* stateAfter;  // of the DFU device; "" for a camera
+};
+
+void PrintTo(const Rule& rule, std::ostream* out) {
+    *out << rule.name;
+}
+
+class DeviceModel : public testing::TestWithParam<Rule> {
+  protected:
+    void TearDown() override { platform::InstallBackend(nullptr); }
+
+    bool DfuRequest(platform::UsbDeviceConnection& usb, const Step& step) {
+        std::vector<std::uint8_t> data(step.length, 0);
+        std::uint32_t transferred = 0;
+        const platform::UsbSetupPacket setup{step.type, step.request, step.value, step.index,
+                                             step.length};
+        return usb.ControlTransfer(setup, data.data(), step.length, &transferred) == ERROR_SUCCESS;
+    }
+
+    bool CameraCommand(platform::VideoDeviceConnection& video, const Step& step) {
+        std::uint32_t returned = 0;
+        std::vector<std::uint8_t> frame(1024, 0);
+        if (step.request == 1) {
+            return video.NodeProperty(3, kFamilyUnit, 1, 0x10000100, frame.data(), 1024,
+                                      &returned) == S_OK;
+        }
+        frame[0] = 20;
+        frame[2] = 0xAB;
+        frame[3] = 0xCD;
+        frame[4] = 0x10;
+        frame[step.length] = static_cast<std::uint8_t>(step.index);
+        if (video.NodeProperty(3, kFamilyUnit, 1, 0x10000002, frame.data(), 1024, &returned) !=
+            S_OK) {
+            return false;
+        }
+        Sleep(step.value);
+        return video.NodeProperty(3, kFamilyUnit, 1, 0x10000001, frame.data(), 1024, &returned) ==
+                   S_OK &&
+               returned == 1024 && frame[0] == 0x10;
+    }
+};
+
+TEST_P(DeviceModel, RefusesWhatTheRealDeviceRefuses) {
+    const Rule& rule = GetParam();
+    const bool camera = rule.steps.front().type == kCamera;
+    const std::string fields =
+        std::string(rule.device).empty() ? "" : std::string(", ") + rule.device;
+    auto world = std::make_shared<sim::SimWorld>(sim::ParseWorld(
+        camera ? R"({"speedup": 100, "cameras": [{"name": "C", "link": "c", "lynx": true)" +
+                     fields + "}]}"
+               : R"({"speedup": 100, "dfuDevices": [{)" + kLink + fields + "}]}"));
+    platform::InstallBackend(world);
+    std::unique_ptr<platform::UsbDeviceConnection> usb;
+    std::unique_ptr<platform::VideoDeviceConnection> video;
+    if (camera) {
+        ASSERT_EQ(S_OK, world->OpenVideoDevice(L"c", &video));
+    } else {
+        ASSERT_EQ(ERROR_SUCCESS, world->OpenUsbDevice(L"\\\\?\\usb#vid_3c5e&pid_0f1c#1", &usb));
+    }
+    for (std::size_t i = 0; i < rule.steps.size(); ++i) {
+        const Step& step = rule.steps[i];
+        if (step.waitMs > 0) Sleep(step.waitMs);
+        const bool taken = camera ? CameraCommand(*video, step) : DfuRequest(*usb, step);
+        EXPECT_EQ(i + 1 < rule.steps.size() || rule.taken, taken) << "request " << i;
+    }
+    if (!camera) {
+        EXPECT_EQ(rule.stateAfter, world->DumpState()["dfuDevices"][0]["state"]);
+    }
+}
+
+const Step kStatus{kIn, kGetStatus, 0, 6};
+const Step kBlock0{kOut, kDnload, 0, 16};
+
+INSTANTIATE_TEST_SUITE_P(
+    Rules, DeviceModel,
+    testing::Values(
+        Rule{"GetStatusOfSixBytes", "", {kStatus}, true, "dfuIDLE"},
+        Rule{"GetStatusShorter", "", {{kIn, kGetStatus, 0, 5}}, false, "dfuERROR"},
+        Rule{"GetStatusLonger", "", {{kIn, kGetStatus, 0, 7}}, false, "dfuERROR"},
+        Rule{"GetStatusWithValue", "", {{kIn, kGetStatus, 1, 6}}, false, "dfuERROR"},
+        Rule{"GetStateOfOneByte", "", {{kIn, kGetState, 0, 1}}, true, "dfuIDLE"},
+        Rule{"GetStateLonger", "", {{kIn, kGetState, 0, 2}}, false, "dfuERROR"},
+        Rule{"GetStateWithValue", "", {{kIn, kGetState, 2, 1}}, false, "dfuERROR"},
+        Rule{"UploadNotInDescriptor", "", {{kIn, kUpload, 0, 16}}, false, "dfuERROR"},
+        Rule{
+            "UploadInDescriptor", R"("canUpload": true)", {{kIn, kUpload, 0, 16}}, true, "dfuIDLE"},
+        Rule{"DetachWithinItsTimeOut", "", {{kOut, kDetach, 1000, 0}}, true, "dfuIDLE"},
+        Rule{"DetachBeyondItsTimeOut", "", {{kOut, kDetach, 1001, 0}}, false, "dfuERROR"},
+        Rule{"DetachWithData", "", {{kOut, kDetach, 1000, 1}}, false, "dfuERROR"},
+        Rule{"DetachWhileDownloading",
+             "",
+             {kBlock0, kStatus, {kOut, kDetach, 1000, 0}},
+             false,
+             "dfuERROR"},
+        Rule{"OtherInterface", "", {{kIn, kGetState, 0, 1, 1}}, false, "dfuERROR"},
+        Rule{"DfuInterfaceNotFirst",
+             R"("interfaces": [14, 254])",
+             {{kIn, kGetState, 0, 1, 1}},
+             true,
+             "dfuIDLE"},
+        Rule{"FirstInterfaceNotDfu",
+             R"("interfaces": [14, 254])",
+             {{kIn, kGetState, 0, 1, 0}},
+             false,
+             "dfuERROR"},
+        Rule{"EndpointRecipient", "", {{0x22, kDnload, 0, 16}}, false, "dfuERROR"},
+        Rule{"DownloadAsRead", "", {{kIn, kDnload, 0, 16}}, false, "dfuERROR"},
+        Rule{"BlockOverTransferSize", R"("transferSize": 15)", {kBlock0}, false, "dfuERROR"},
+        Rule{"BlockOutOfSequence", "", {{kOut, kDnload, 1, 16}}, false, "dfuERROR"},
+        Rule{"EndOfImageBeforeData", "", {{kOut, kDnload, 0, 0}}, false, "dfuERROR"},
+        Rule{"BlockNeedsAStatusFirst", "", {kBlock0, {kOut, kDnload, 1, 16}}, false, "dfuERROR"},
+        Rule{"PollBeforeTimeOut",
+             R"("busyPolls": 1, "pollTimeoutMs": 300)",
+             {kBlock0, kStatus, {kIn, kGetStatus, 0, 6, 0, 299}},
+             false,
+             "dfuERROR"},
+        Rule{"PollAfterTimeOut",
+             R"("busyPolls": 1, "pollTimeoutMs": 300)",
+             {kBlock0, kStatus, {kIn, kGetStatus, 0, 6, 0, 300}},
+             true,
+             "dfuDNLOAD_IDLE"},
+        Rule{"ClearWithoutError", "", {{kOut, kClrStatus, 0, 0}}, false, "dfuERROR"},
+        Rule{"ClearAfterError",
+             R"("initialState": "dfuERROR")",
+             {{kOut, kClrStatus, 0, 0}},
+             true,
+             "dfuIDLE"},
+        Rule{"AbortWithData", "", {{kOut, kAbort, 0, 1}}, false, "dfuERROR"},
+        Rule{"UnknownRequest", "", {{kOut, 0x42, 0, 0}}, false, "dfuERROR"},
+        Rule{"StartedInAnotherState",
+             R"("initialState": "dfuDNLOAD_IDLE")",
+             {{kOut, kDetach, 1000, 0}},
+             false,
+             "dfuERROR"},
+        // Camera: byte `length` of the frame set to `index`, the reply read `value` ms later.
+        Rule{"CommandAnsweredAfterThePause", "", {{kCamera, 0, 100, 1023, 0}}, true, ""},
+        Rule{"ReplyReadTooEarly", "", {{kCamera, 0, 99, 1023, 0}}, false, ""},
+        Rule{"LengthNotTheHeaders", "", {{kCamera, 0, 100, 0, 21}}, false, ""},
+        Rule{"BadMagic", "", {{kCamera, 0, 100, 3, 0xCE}}, false, ""},
+        Rule{"ParameterNotZero", "", {{kCamera, 0, 100, 12, 1}}, false, ""},
+        Rule{"BytesAfterTheCommand", "", {{kCamera, 0, 100, 500, 1}}, false, ""},
+        Rule{"UnknownOpcode", "", {{kCamera, 0, 100, 4, 0x33}}, false, ""},
+        Rule{"SwitchWithoutBootLoader", "", {{kCamera, 0, 100, 4, 0x1E}}, false, ""},
+        Rule{"SetFails",
+             R"("commandFaults": [{"opcode": 16, "kind": "setFails"}])",
+             {{kCamera, 0, 100, 1023, 0}},
+             false,
+             ""},
+        Rule{"ShortReply",
+             R"("commandFaults": [{"opcode": 16, "kind": "shortReply"}])",
+             {{kCamera, 0, 100, 1023, 0}},
+             false,
+             ""},
+        Rule{"WrongEcho",
+             R"("commandFaults": [{"opcode": 16, "kind": "wrongEcho", "times": 1}])",
+             {{kCamera, 0, 100, 1023, 0}},
+             false,
+             ""},
+        Rule{"SupportQueryWithData", "", {{kCamera, 1, 0, 0}}, false, ""}),
+    [](const testing::TestParamInfo<Rule>& info) { return info.param.name; });
+
+}  // namespace
