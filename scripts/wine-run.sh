@@ -5,13 +5,6 @@ set -euo pipefail
 
 exe="${1:?usage: wine-run.sh path/to/program.exe [arguments...]}"
 shift
-wine="${WINE64:-/usr/lib/wine/wine64}"
-WINEPREFIX="$(mktemp -d /tmp/lynx-wine.XXXXXX)"
-export WINEPREFIX WINEDEBUG=-all
-cleanup() {
-  timeout 30 wineserver -k >/dev/null 2>&1 || true
-  rm -rf "$WINEPREFIX"
-}
-trap cleanup EXIT
+source "$(dirname "$0")/wine-prefix.sh"
 
 timeout "${LYNX_WINE_TIMEOUT:-600}" "$wine" "$exe" "$@" </dev/null

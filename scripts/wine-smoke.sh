@@ -7,15 +7,7 @@
 set -euo pipefail
 
 exe="${1:?usage: wine-smoke.sh path/to/lynx-dfu.exe}"
-wine="${WINE64:-/usr/lib/wine/wine64}"
-WINEPREFIX="$(mktemp -d /tmp/lynx-wine.XXXXXX)"
-export WINEPREFIX WINEDEBUG=-all
-cleanup() {
-  # The Wine server of this prefix goes first, so that nothing writes into it afterwards.
-  timeout 30 wineserver -k >/dev/null 2>&1 || true
-  rm -rf "$WINEPREFIX"
-}
-trap cleanup EXIT
+source "$(dirname "$0")/wine-prefix.sh"
 
 failures=0
 

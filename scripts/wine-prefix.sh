@@ -1,0 +1,11 @@
+# Sourced by the scripts that run Windows programs under Wine: a fresh prefix of their own in
+# a temporary folder, removed when the script ends (its Wine server first, so that nothing
+# writes into it afterwards).
+wine="${WINE64:-/usr/lib/wine/wine64}"
+WINEPREFIX="$(mktemp -d /tmp/lynx-wine.XXXXXX)"
+export WINEPREFIX WINEDEBUG=-all
+remove_wine_prefix() {
+  timeout 30 wineserver -k >/dev/null 2>&1 || true
+  rm -rf "$WINEPREFIX"
+}
+trap remove_wine_prefix EXIT
