@@ -1,12 +1,13 @@
 // The arrival watcher over the lab's bus: rescans, notifications on the platform's thread,
-// waits with their intervals, teardown while a notification is delivered, and a stress run for
-// the thread sanitizer.
+// notifications that land during a rescan, waits with their intervals, teardown while a
+// notification is delivered, and a stress run for the thread sanitizer.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <future>
 #include <optional>
 #include <thread>
 
@@ -17,6 +18,7 @@
 namespace {
 
 using namespace discovery_test;
+using platform::UsbEvent;
 
 const wchar_t* const kName = L"DFU device watcher";
 
@@ -28,30 +30,6 @@ std::vector<std::wstring> Links(const std::vector<DeviceInterfaceEntry>& entries
     std::vector<std::wstring> links;
     for (const auto& entry : entries) links.push_back(entry.symbolicLink);
     return links;
-}
-
-TEST(DeviceWatcher, ListsOnlyMatchingInterfacesLowerCasedInPlatformOrder) {
-    LabBus bus({kOtherProduct, kSecond, kOtherVendor, kFirst});
-    std::optional<DeviceWatcher> watcher;
-    MakeWatcher(watcher);
-    // Nothing is listed before the first rescan.
-    EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObject(watcher->arrivalEvent, 0));
-
-    const auto entries = watcher->GetDevices();
-    EXPECT_EQ((std::vector<std::wstring>{Lower(kSecond), Lower(kFirst)}), Links(entries));
-    ASSERT_EQ(2u, entries.size());
-    EXPECT_EQ(L"", entries[0].parentId);
-    EXPECT_EQ(4, entries[0].interfaceKind);
-    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(watcher->arrivalEvent, 0));
-}
-
-TEST(DeviceWatcher, RescanWithNothingMatchingLeavesTheEventReset) {
-    LabBus bus({kOtherProduct, kOtherVendor});
-    std::optional<DeviceWatcher> watcher;
-    MakeWatcher(watcher);
-    SetEvent(watcher->arrivalEvent);
-    EXPECT_TRUE(watcher->GetDevices().empty());
-    EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObject(watcher->arrivalEvent, 0));
 }
 
 struct IntervalCase {
@@ -186,6 +164,179 @@ TEST(DeviceWatcher, StressNotificationsAgainstRefreshWaitAndTeardown) {
     plugger.join();
     EXPECT_GT(rounds, 5);
     EXPECT_GT(toggles.load(), 5);
+}
+
+// The lab world behind the seam; the next interface list is taken only after the given
+// notifications have been delivered on the world's event thread.
+class RescanRaceBackend final : public platform::EmptyDeviceBackend {
+  public:
+    explicit RescanRaceBackend(std::shared_ptr<sim::SimWorld> world) : world_(std::move(world)) {}
+
+    void DeliverDuringNextList(std::vector<std::pair<UsbEvent, std::wstring>> events) {
+        std::lock_guard lock(mutex_);
+        pending_ = std::move(events);
+    }
+    bool Drain() {
+        auto done = std::make_shared<std::promise<void>>();
+        auto future = done->get_future();
+        world_->Schedule(0, [done] { done->set_value(); });
+        return future.wait_for(std::chrono::seconds(10)) == std::future_status::ready;
+    }
+
+    std::vector<std::wstring> ListUsbDeviceInterfaces() override {
+        std::vector<std::pair<UsbEvent, std::wstring>> events;
+        {
+            std::lock_guard lock(mutex_);
+            events.swap(pending_);
+        }
+        if (!events.empty()) {
+            for (const auto& [event, path] : events) world_->PostUsbEvent(event, path);
+            EXPECT_TRUE(Drain()) << "notifications not delivered";
+        }
+        return world_->ListUsbDeviceInterfaces();
+    }
+    std::uint64_t SubscribeUsbEvents(platform::UsbEventCallback callback) override {
+        if (refuseSubscriptions) return 0;
+        return world_->SubscribeUsbEvents(std::move(callback));
+    }
+    void UnsubscribeUsbEvents(std::uint64_t subscription) override {
+        ++unsubscriptions;
+        world_->UnsubscribeUsbEvents(subscription);
+    }
+
+    bool refuseSubscriptions = false;
+    int unsubscriptions = 0;
+
+  private:
+    std::mutex mutex_;
+    std::vector<std::pair<UsbEvent, std::wstring>> pending_;
+    std::shared_ptr<sim::SimWorld> world_;
+};
+
+// The lab bus with the rescan race backend put in front of its world.
+struct RaceLab : LabBus {
+    explicit RaceLab(std::vector<std::wstring> present)
+        : LabBus(std::move(present)), backend(std::make_shared<RescanRaceBackend>(world)) {
+        platform::InstallBackend(backend);
+    }
+    std::shared_ptr<RescanRaceBackend> backend;
+};
+
+struct RaceCase {
+    const char* name;
+    std::vector<std::wstring> present;
+    std::vector<std::pair<UsbEvent, std::wstring>> duringRescan;
+    std::vector<std::wstring> listed;
+    bool signalled;
+};
+
+class RescanRace : public testing::TestWithParam<RaceCase> {};
+
+TEST_P(RescanRace, ListAndEventAfterTheRescan) {
+    const auto& c = GetParam();
+    RaceLab lab(c.present);
+    std::optional<DeviceWatcher> watcher;
+    MakeWatcher(watcher);
+    // Nothing is listed before the first rescan, and each rescan starts from a reset event.
+    EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObject(watcher->arrivalEvent, 0));
+    SetEvent(watcher->arrivalEvent);
+    lab.backend->DeliverDuringNextList(c.duringRescan);
+
+    EXPECT_EQ(c.listed, Links(watcher->GetDevices()));
+    // One name, one event object: a removal ends a wait on the arrival event as well.
+    EXPECT_EQ(c.signalled ? WAIT_OBJECT_0 : WAIT_TIMEOUT,
+              WaitForSingleObject(watcher->arrivalEvent, 0));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Watcher, RescanRace,
+    testing::Values(RaceCase{"family_only_lower_cased_in_platform_order",
+                             {kOtherProduct, kSecond, kOtherVendor, kFirst},
+                             {},
+                             {Lower(kSecond), Lower(kFirst)},
+                             true},
+                    RaceCase{"nothing_matching", {kOtherProduct, kOtherVendor}, {}, {}, false},
+                    RaceCase{"rescan_and_arrival_both_report_it",
+                             {kFirst},
+                             {{UsbEvent::kArrival, kFirst}},
+                             {Lower(kFirst), Lower(kFirst)},
+                             true},
+                    RaceCase{"one_removal_takes_out_every_copy",
+                             {},
+                             {{UsbEvent::kArrival, kFirst},
+                              {UsbEvent::kArrival, Lower(kFirst)},
+                              {UsbEvent::kArrival, kSecond},
+                              {UsbEvent::kRemoval, kFirst}},
+                             {Lower(kSecond)},
+                             true},
+                    // Another device makes the rescan go on to the list itself.
+                    RaceCase{"removal_of_a_path_not_listed_still_signals",
+                             {kOtherProduct},
+                             {{UsbEvent::kRemoval, kSecond}},
+                             {},
+                             true},
+                    RaceCase{"paths_outside_the_filter_change_nothing",
+                             {},
+                             {{UsbEvent::kArrival, kOtherProduct},
+                              {UsbEvent::kArrival, kOtherVendor},
+                              {UsbEvent::kRemoval, kOtherVendor}},
+                             {},
+                             false}),
+    [](const testing::TestParamInfo<RaceCase>& info) { return std::string(info.param.name); });
+
+TEST(RefusedRegistration, RescansStillFindWhatIsPresent) {
+    RaceLab lab({kOtherProduct, kFirst});
+    lab.backend->refuseSubscriptions = true;
+    {
+        std::optional<DeviceWatcher> watcher;
+        MakeWatcher(watcher);
+        // Without a registration an arrival reaches nobody; the rescan's own finding stands.
+        lab.backend->DeliverDuringNextList({{UsbEvent::kArrival, kSecond}});
+        EXPECT_EQ(std::vector<std::wstring>{Lower(kFirst)}, Links(watcher->GetDevices()));
+        EXPECT_EQ(0u, watcher->WaitForDevice(0, Lower(kFirst)));
+        EXPECT_EQ(2u, watcher->WaitForDevice(0, Lower(kSecond)));
+    }
+    // Nothing was registered, so nothing is unregistered.
+    EXPECT_EQ(0, lab.backend->unsubscriptions);
+}
+
+// A bus on which a family device arrives between the size call and the list call of the
+// first `growths` rescans: the stand-in answers CR_BUFFER_SMALL, as Windows does, and the
+// watcher must ask again, but not forever.
+struct GrowingBus final : platform::EmptyDeviceBackend {
+    std::vector<std::wstring> present;
+    int growths = 0;
+    int lists = 0;
+    std::vector<std::wstring> ListUsbDeviceInterfaces() override {
+        if (lists++ % 2 == 1 && growths > 0) {
+            --growths;
+            present.push_back(L"\\\\?\\USB#VID_3C5E&PID_0F1C#5&1F2E3D4C&0&" +
+                              std::to_wstring(10 + present.size()) + kClass);
+        }
+        return present;
+    }
+};
+
+TEST(GrowingList, IsAskedForAgainABoundedNumberOfTimes) {
+    const struct {
+        int growths;
+        std::size_t listed;  // 0: the rescan gave up
+    } rows[] = {{0, 1}, {1, 2}, {3, 4}, {1000, 0}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.growths);
+        auto bus = std::make_shared<GrowingBus>();
+        bus->present = {kFirst};
+        bus->growths = row.growths;
+        platform::InstallBackend(bus);
+        {
+            std::optional<DeviceWatcher> watcher;
+            CreateUsbDeviceWatcher(watcher, L"", L"vid_3c5e", L"pid_0f1c", L"");
+            bus->lists = 0;
+            EXPECT_EQ(row.listed, watcher->GetDevices().size());
+            EXPECT_LE(bus->lists, 20);
+        }
+        platform::InstallBackend(nullptr);
+    }
 }
 
 }  // namespace
