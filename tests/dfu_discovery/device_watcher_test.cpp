@@ -1,6 +1,7 @@
-// The arrival watcher over the lab's bus: rescans, notifications on the platform's thread,
-// notifications that land during a rescan, waits with their intervals, teardown while a
-// notification is delivered, and a stress run for the thread sanitizer.
+// Finding the family's DFU-mode devices on the lab's bus: the arrival watcher's rescans,
+// notifications on the platform's thread and during a rescan, waits with their intervals,
+// teardown while a notification is delivered, a stress run for the thread sanitizer, and the
+// discovery and connection waits built on the watcher.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -9,21 +10,70 @@
 #include <condition_variable>
 #include <future>
 #include <optional>
+#include <sstream>
 #include <thread>
 
 #include "dfu/device_watcher.h"
-#include "lab_bus.h"
+#include "dfu/dfu_devices_factory.h"
+#include "platform/posix/device_backend.h"
+#include "platform/sim/sim_world.h"
 #include "platform/sync.h"
 
 namespace {
 
-using namespace discovery_test;
 using platform::UsbEvent;
 
-const wchar_t* const kName = L"DFU device watcher";
+const std::wstring kClass = L"#{a5dcbf10-6530-11d2-901f-00c04fb951ed}";
+// As the platform lists them: upper case in the hardware part.
+const std::wstring kFirst = L"\\\\?\\USB#VID_3C5E&PID_0F1C#5&1f2e3d4c&0&1" + kClass;
+const std::wstring kSecond = L"\\\\?\\USB#VID_3C5E&PID_0F1C#5&1f2e3d4c&0&2" + kClass;
+const std::wstring kOtherProduct = L"\\\\?\\USB#VID_3C5E&PID_0B64#5&77aa0011&0&3" + kClass;
+const std::wstring kOtherVendor = L"\\\\?\\USB#VID_0C45&PID_0F1C#5&77aa0011&0&4" + kClass;
+
+std::wstring Lower(std::wstring text) {
+    for (auto& unit : text) {
+        if (unit >= L'A' && unit <= L'Z') unit = static_cast<wchar_t>(unit - L'A' + L'a');
+    }
+    return text;
+}
+
+// A lab world with DFU-mode devices on its bus, installed as the platform's backend.
+struct LabBus {
+    explicit LabBus(std::vector<std::wstring> present, std::uint32_t speedup = 1) {
+        sim::WorldSpec spec;
+        for (auto& link : present) spec.dfuDevices.emplace_back().link = std::move(link);
+        spec.speedup = speedup;
+        world = std::make_shared<sim::SimWorld>(spec);
+        platform::InstallBackend(world);
+    }
+    ~LabBus() { platform::InstallBackend(nullptr); }
+
+    // A device that is not on the bus yet.
+    std::shared_ptr<sim::SimDfuDevice> MakeDevice(const std::wstring& link) {
+        sim::DfuDeviceSpec device;
+        device.link = link;
+        return std::make_shared<sim::SimDfuDevice>(*world, device, -1);
+    }
+    void Plug(const std::shared_ptr<sim::SimDfuDevice>& device) {
+        std::lock_guard lock(world->Lock());
+        world->Plug(device);
+    }
+    void Unplug(sim::SimDfuDevice& device) {
+        std::lock_guard lock(world->Lock());
+        world->Unplug(device);
+    }
+    // Plugs a device after a delay in world milliseconds, from the world's event thread.
+    void PlugLater(std::uint32_t delayMs, const std::wstring& link) {
+        auto device = MakeDevice(link);
+        std::lock_guard lock(world->Lock());
+        world->Schedule(delayMs, [this, device] { world->Plug(device); });
+    }
+
+    std::shared_ptr<sim::SimWorld> world;
+};
 
 void MakeWatcher(std::optional<DeviceWatcher>& watcher) {
-    CreateUsbDeviceWatcher(watcher, kName, L"VID_3C5E", L"pid_0f1c", L"");
+    CreateUsbDeviceWatcher(watcher, L"DFU device watcher", L"VID_3C5E", L"pid_0f1c", L"");
 }
 
 std::vector<std::wstring> Links(const std::vector<DeviceInterfaceEntry>& entries) {
@@ -32,57 +82,51 @@ std::vector<std::wstring> Links(const std::vector<DeviceInterfaceEntry>& entries
     return links;
 }
 
-struct IntervalCase {
+struct WaitCase {
+    const char* name;
     std::uint32_t timeLimitMs;
-    std::uint32_t intervalMs;
-    bool otherPresent;  // the wait ends by the event and a sleep follows, or by time-out
+    std::vector<std::wstring> present;
+    std::uint32_t plugFirstAtMs;  // 0: never
+    std::wstring awaited;
+    DWORD result;
+    ULONGLONG minMs, maxMs;  // world milliseconds the wait takes
+    std::uint32_t speedup = 1;
 };
 
-class WaitForDeviceIntervals : public testing::TestWithParam<IntervalCase> {};
+class WaitForDevice : public testing::TestWithParam<WaitCase> {};
 
-TEST_P(WaitForDeviceIntervals, TenAttemptsOfOneIntervalThenNotFound) {
+// Ten attempts of a tenth of the limit (at least 10 ms); an attempt that the arrival event ends
+// without the awaited path sleeps out its interval.
+TEST_P(WaitForDevice, TenAttemptsOfOneIntervalUnlessFound) {
     const auto& c = GetParam();
-    LabBus bus(c.otherPresent ? std::vector<std::wstring>{kSecond} : std::vector<std::wstring>{},
-               c.timeLimitMs >= 1000 ? 100 : 1);
+    LabBus bus(c.present, c.speedup);
     std::optional<DeviceWatcher> watcher;
     MakeWatcher(watcher);
+    if (c.plugFirstAtMs != 0) bus.PlugLater(c.plugFirstAtMs, kFirst);
     const ULONGLONG start = GetTickCount64();
-    EXPECT_EQ(2u, watcher->WaitForDevice(c.timeLimitMs, Lower(kFirst)));
+    EXPECT_EQ(c.result, watcher->WaitForDevice(c.timeLimitMs, c.awaited));
     const ULONGLONG elapsed = GetTickCount64() - start;
-    EXPECT_GE(elapsed + 2, 10ull * c.intervalMs);
-    EXPECT_LT(elapsed, 20ull * c.intervalMs + 50);
+    EXPECT_GE(elapsed + 2, c.minMs);
+    EXPECT_LT(elapsed, c.maxMs);
 }
 
-INSTANTIATE_TEST_SUITE_P(Limits, WaitForDeviceIntervals,
-                         testing::Values(IntervalCase{0, 10, false}, IntervalCase{109, 10, true},
-                                         IntervalCase{110, 11, false}, IntervalCase{250, 25, true},
-                                         IntervalCase{10000, 1000, true},
-                                         IntervalCase{10000, 1000, false}));
+const std::wstring kFirstLower = Lower(kFirst);
 
-TEST(DeviceWatcher, PresentPathIsFoundAtOnceAndUpperCaseNever) {
-    LabBus bus({kSecond, kFirst});
-    std::optional<DeviceWatcher> watcher;
-    MakeWatcher(watcher);
-    const ULONGLONG start = GetTickCount64();
-    EXPECT_EQ(0u, watcher->WaitForDevice(10000, Lower(kFirst)));
-    EXPECT_LT(GetTickCount64() - start, 500u);
-
-    // The list holds lower-cased paths and is compared exactly.
-    EXPECT_EQ(2u, watcher->WaitForDevice(0, kFirst));
-}
-
-TEST(DeviceWatcher, ArrivalDuringAWaitEndsThatAttempt) {
-    LabBus bus({});
-    std::optional<DeviceWatcher> watcher;
-    MakeWatcher(watcher);
-    bus.PlugLater(300, bus.MakeDevice(kFirst));
-    const ULONGLONG start = GetTickCount64();
-    EXPECT_EQ(0u, watcher->WaitForDevice(10000, Lower(kFirst)));
-    const ULONGLONG elapsed = GetTickCount64() - start;
-    // Found by the notification within the first one-second attempt, not by a later rescan.
-    EXPECT_GE(elapsed, 290u);
-    EXPECT_LT(elapsed, 1000u);
-}
+INSTANTIATE_TEST_SUITE_P(
+    Limits, WaitForDevice,
+    testing::Values(
+        WaitCase{"NoLimit", 0, {}, 0, kFirstLower, 2, 100, 250},
+        WaitCase{"JustBelow110OtherPresent", 109, {kSecond}, 0, kFirstLower, 2, 100, 250},
+        WaitCase{"From110ATenth", 110, {}, 0, kFirstLower, 2, 110, 270},
+        WaitCase{"OtherPresent", 250, {kSecond}, 0, kFirstLower, 2, 250, 550},
+        WaitCase{"TenSecondsOtherPresent", 10000, {kSecond}, 0, kFirstLower, 2, 10000, 20050, 100},
+        WaitCase{"TenSeconds", 10000, {}, 0, kFirstLower, 2, 10000, 20050, 100},
+        WaitCase{"PresentAtOnce", 10000, {kSecond, kFirst}, 0, kFirstLower, 0, 0, 500},
+        // The list holds lower-cased paths and is compared exactly.
+        WaitCase{"UpperCaseNever", 0, {kFirst}, 0, kFirst, 2, 100, 250},
+        // Found by the notification within the first one-second attempt, not by a rescan.
+        WaitCase{"ArrivalEndsTheAttempt", 10000, {}, 300, kFirstLower, 0, 290, 1000}),
+    [](const auto& info) { return std::string(info.param.name); });
 
 // Teardown waits for a delivery in progress: the watcher's own callback runs after the
 // blocking subscriber, in the same delivery, and must still find the watcher alive.
@@ -337,6 +381,70 @@ TEST(GrowingList, IsAskedForAgainABoundedNumberOfTimes) {
         }
         platform::InstallBackend(nullptr);
     }
+}
+
+std::vector<std::wstring> Links(const std::vector<std::shared_ptr<IDfuDevice>>& devices) {
+    std::vector<std::wstring> links;
+    for (const auto& device : devices) links.push_back(device->GetSymbolicLink());
+    return links;
+}
+
+struct DiscoveryCase {
+    const char* name;
+    std::vector<std::wstring> present;
+    std::uint32_t plugFirstAtMs;  // 0: never
+    std::uint32_t timeoutMs;
+    std::vector<std::wstring> expected;
+    ULONGLONG minMs, maxMs;  // world milliseconds the call takes
+};
+
+class Discovery : public testing::TestWithParam<DiscoveryCase> {};
+
+// The family's devices present once the wait ends: at once when one is there, on the first
+// arrival, or at the time-out.
+TEST_P(Discovery, ReturnsTheFamilysDevicesPresent) {
+    const auto& c = GetParam();
+    LabBus bus(c.present, 10);
+    if (c.plugFirstAtMs != 0) bus.PlugLater(c.plugFirstAtMs, kFirst);
+    std::ostringstream log;
+    const ULONGLONG start = GetTickCount64();
+    EXPECT_EQ(c.expected, Links(CreateDfuDevicesFactory(&log)->GetDfuDevices(c.timeoutMs)));
+    const ULONGLONG elapsed = GetTickCount64() - start;
+    EXPECT_GE(elapsed + 2, c.minMs);
+    EXPECT_LE(elapsed, c.maxMs);
+    EXPECT_EQ("", log.str());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Worlds, Discovery,
+    testing::Values(
+        DiscoveryCase{"NoneNoWait", {kOtherProduct}, 0, 0, {}, 0, 2000},
+        DiscoveryCase{"NoneWaitsOutTheTimeout", {kOtherVendor}, 0, 10000, {}, 10000, 20000},
+        DiscoveryCase{"PresentEndsTheWaitAtOnce",
+                      {kOtherProduct, kSecond, kOtherVendor, kFirst},
+                      0,
+                      10000,
+                      {Lower(kSecond), Lower(kFirst)},
+                      0,
+                      5000},
+        DiscoveryCase{
+            "PresentNoWait", {kFirst, kSecond}, 0, 0, {kFirstLower, Lower(kSecond)}, 0, 2000},
+        DiscoveryCase{"ArrivalEndsTheWait", {}, 3000, 10000, {kFirstLower}, 2900, 8000}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+// A device that is not on the bus is waited for during the connection limit, then reported.
+TEST(LynxDfuDevice, AbsentDeviceIsWaitedForTenSecondsThenNotConnected) {
+    LabBus bus({}, 100);
+    std::ostringstream log;
+    LynxDfuDevice device(kFirstLower, &log);
+    const ULONGLONG start = GetTickCount64();
+    EXPECT_EQ(E_FAIL, device.Burn(LYNX_SOURCE_DIR "/lab/sample-firmware.bin"));
+    EXPECT_GE(GetTickCount64() - start + 2, 10000u);
+    EXPECT_LT(GetTickCount64() - start, 20000u);
+    EXPECT_EQ(
+        "DFU device" + std::string(kFirstLower.begin(), kFirstLower.end()) + " is not connected\n",
+        log.str());
+    EXPECT_TRUE(bus.world->DumpState()["downloads"].empty());
 }
 
 }  // namespace
