@@ -116,54 +116,6 @@ TEST(DfuCommandLogic, NothingIsSentWithoutATransferSizeOrAConnection) {
     EXPECT_EQ(log.str(), "");
 }
 
-TEST(DfuCommandLogic, FailedRequestGivesOneLinePerLevelAndTheUploadLengthIsCut) {
-    const std::pair<UCHAR, std::string> cases[] = {
-        {0,
-         "usbEndpoint->Transfer(packet, nullptr, 0) Failed with status-2147024890\n"
-         "Detach() Failed with status-2147024890\n"},
-        {2,
-         "usbEndpoint->Transfer(packet, reinterpret_cast<PUCHAR>(fwStatus.data()), "
-         "fwStatusSize) Failed with status-2147024890\n"
-         "TestConnection() Failed with status-2147024890\n"},
-    };
-    for (const auto& [failing, expected] : cases) {
-        auto endpoint = std::make_shared<NiceMock<EndpointDouble>>(64);
-        std::vector<WINUSB_SETUP_PACKET> sent;
-        ON_CALL(*endpoint, Transfer(_, _, _))
-            .WillByDefault(Invoke([&](WINUSB_SETUP_PACKET& p, PUCHAR b, std::uint64_t n) {
-                sent.push_back(p);
-                return p.Request == failing ? E_HANDLE : endpoint->Answer(p, b, n);
-            }));
-        std::ostringstream log;
-        const std::uint8_t image[8] = {};
-        EXPECT_EQ(dfu::DfuCommand(&log, endpoint, 0x10005).Execute(image, 8), E_HANDLE);
-        EXPECT_EQ(log.str(), expected);
-        EXPECT_EQ(sent.back().Request, failing);
-        if (failing == 2) {
-            EXPECT_EQ(sent.back().Length, 5);  // low 16 bits of 0x10005
-        }
-    }
-}
-
-// Waits on the real clock, with a limit short enough for the suite.
-TEST(DfuWaits, FailingStatusPollsAreRetriedUntilTheLimit) {
-    auto endpoint = std::make_shared<NiceMock<EndpointDouble>>(64);
-    int polls = 0;
-    ON_CALL(*endpoint, Transfer(_, _, _))
-        .WillByDefault(Invoke([&](WINUSB_SETUP_PACKET&, PUCHAR, std::uint64_t) {
-            ++polls;
-            return E_HANDLE;
-        }));
-    const ULONGLONG start = GetTickCount64();
-    EXPECT_EQ(dfu::DfuCommand(nullptr, endpoint).WaitForState(dfu::DFU_STATE::dfuDNLOAD_IDLE, 600),
-              E_FAIL);
-    EXPECT_GE(GetTickCount64() - start, 600u);
-    // One poll every 200 ms: at most 4 in 600 ms; fewer when a loaded host's sleeps run long,
-    // but never just one.
-    EXPECT_GT(polls, 1);
-    EXPECT_LE(polls, 4);
-}
-
 TEST(DfuWaits, AnswersThatReadAsErrorsEndTheWaitAtOnce) {
     // bStatus, bState, bytes delivered: awaited state with an error status, dfuERROR,
     // a success with nothing delivered, a reply cut before bState.
