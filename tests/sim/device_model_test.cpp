@@ -1,5 +1,6 @@
-// What the lab's devices refuse, as the real ones would: one row per rule. A row runs its
-// requests on a fresh world, all but the last must be taken, and the last one is judged.
+// What the lab's devices refuse, as the real ones would, and what WinUSB refuses before a
+// request reaches the device: one row per rule. A row runs its requests on a fresh world, all
+// but the last must be taken, and the last one is judged.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -8,6 +9,7 @@
 #include "platform/ks.h"
 #include "platform/sim/sim_world.h"
 #include "platform/sync.h"
+#include "platform/winusb.h"
 
 namespace {
 
@@ -26,6 +28,7 @@ struct Step {
     std::uint16_t length;
     std::uint16_t index = 0;
     std::uint32_t waitMs = 0;  // world time let pass before the request
+    int handle = -1;           // the interface whose WinUSB handle sends it; -1: wIndex's
 };
 
 constexpr std::uint8_t kOut = 0x21, kIn = 0xA1, kCamera = 0;
@@ -45,15 +48,40 @@ void PrintTo(const Rule& rule, std::ostream* out) {
 
 class DeviceModel : public testing::TestWithParam<Rule> {
   protected:
-    void TearDown() override { platform::InstallBackend(nullptr); }
-
-    bool DfuRequest(platform::UsbDeviceConnection& usb, const Step& step) {
-        std::vector<std::uint8_t> data(step.length, 0);
-        std::uint32_t transferred = 0;
-        const platform::UsbSetupPacket setup{step.type, step.request, step.value, step.index,
-                                             step.length};
-        return usb.ControlTransfer(setup, data.data(), step.length, &transferred) == ERROR_SUCCESS;
+    void TearDown() override {
+        for (auto handle : handles) {
+            if (handle != nullptr) WinUsb_Free(handle);
+        }
+        if (file != INVALID_HANDLE_VALUE) CloseHandle(file);
+        platform::InstallBackend(nullptr);
     }
+
+    // WinUSB's own rules: a request for an interface goes through that interface's handle,
+    // no data stage above 4 KB, one handle per interface.
+    void OpenInterfaces() {
+        file = CreateFileW(L"\\\\?\\USB#VID_3C5E&PID_0F1C#1", GENERIC_READ | GENERIC_WRITE,
+                           FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING,
+                           FILE_FLAG_OVERLAPPED, nullptr);
+        ASSERT_NE(file, INVALID_HANDLE_VALUE);
+        ASSERT_TRUE(WinUsb_Initialize(file, &handles[0]));
+        if (WinUsb_GetAssociatedInterface(handles[0], 0, &handles[1])) {
+            WINUSB_INTERFACE_HANDLE again = nullptr;
+            EXPECT_FALSE(WinUsb_GetAssociatedInterface(handles[0], 0, &again));
+            EXPECT_EQ(GetLastError(), ERROR_ALREADY_EXISTS);
+        }
+    }
+
+    bool DfuRequest(const Step& step) {
+        std::vector<std::uint8_t> data(step.length, 0);
+        ULONG transferred = 0;
+        const auto handle = handles[step.handle >= 0 ? step.handle : step.index > 0 ? 1 : 0];
+        return WinUsb_ControlTransfer(
+                   handle, {step.type, step.request, step.value, step.index, step.length},
+                   data.data(), step.length, &transferred, nullptr) != FALSE;
+    }
+
+    HANDLE file = INVALID_HANDLE_VALUE;
+    WINUSB_INTERFACE_HANDLE handles[2] = {};
 
     bool CameraCommand(platform::VideoDeviceConnection& video, const Step& step) {
         std::uint32_t returned = 0;
@@ -88,17 +116,16 @@ TEST_P(DeviceModel, RefusesWhatTheRealDeviceRefuses) {
                      fields + "}]}"
                : R"({"speedup": 100, "dfuDevices": [{)" + kLink + fields + "}]}"));
     platform::InstallBackend(world);
-    std::unique_ptr<platform::UsbDeviceConnection> usb;
     std::unique_ptr<platform::VideoDeviceConnection> video;
     if (camera) {
         ASSERT_EQ(S_OK, world->OpenVideoDevice(L"c", &video));
     } else {
-        ASSERT_EQ(ERROR_SUCCESS, world->OpenUsbDevice(L"\\\\?\\usb#vid_3c5e&pid_0f1c#1", &usb));
+        ASSERT_NO_FATAL_FAILURE(OpenInterfaces());
     }
     for (std::size_t i = 0; i < rule.steps.size(); ++i) {
         const Step& step = rule.steps[i];
         if (step.waitMs > 0) Sleep(step.waitMs);
-        const bool taken = camera ? CameraCommand(*video, step) : DfuRequest(*usb, step);
+        const bool taken = camera ? CameraCommand(*video, step) : DfuRequest(step);
         EXPECT_EQ(i + 1 < rule.steps.size() || rule.taken, taken) << "request " << i;
     }
     if (!camera) {
@@ -130,7 +157,31 @@ INSTANTIATE_TEST_SUITE_P(
              {kBlock0, kStatus, {kOut, kDetach, 1000, 0}},
              false,
              "dfuERROR"},
-        Rule{"OtherInterface", "", {{kIn, kGetState, 0, 1, 1}}, false, "dfuERROR"},
+        Rule{"OtherInterface",
+             R"("interfaces": [254, 14])",
+             {{kIn, kGetState, 0, 1, 1}},
+             false,
+             "dfuERROR"},
+        Rule{"IndexOfAnotherHandle",
+             R"("interfaces": [14, 254])",
+             {{kIn, kGetState, 0, 1, 1, 0, 0}},
+             false,
+             "dfuIDLE"},
+        Rule{"HandleOfAnotherIndex",
+             R"("interfaces": [14, 254])",
+             {{kIn, kGetState, 0, 1, 0, 0, 1}},
+             false,
+             "dfuIDLE"},
+        Rule{"DataStageOf4K",
+             R"("transferSize": 8192)",
+             {{kOut, kDnload, 0, 4096}},
+             true,
+             "dfuDNLOAD_SYNC"},
+        Rule{"DataStageAbove4K",
+             R"("transferSize": 8192)",
+             {{kOut, kDnload, 0, 4097}},
+             false,
+             "dfuIDLE"},
         Rule{"DfuInterfaceNotFirst",
              R"("interfaces": [14, 254])",
              {{kIn, kGetState, 0, 1, 1}},
