@@ -75,13 +75,12 @@ struct FakeDevice final : platform::UsbDeviceConnection {
     }
 };
 
-// Serves FakeDevice copies at kLink; "denied" fails as a device without permission would.
+// Serves FakeDevice copies at kLink.
 struct FakeBackend final : platform::EmptyDeviceBackend {
     FakeDevice device;
     std::vector<std::wstring> ListUsbDeviceInterfaces() override { return {kLink}; }
     platform::ErrorCode OpenUsbDevice(
         const std::wstring& path, std::unique_ptr<platform::UsbDeviceConnection>* out) override {
-        if (path == L"denied") return ERROR_ACCESS_DENIED;
         if (path != kLink) return ERROR_FILE_NOT_FOUND;
         *out = std::make_unique<FakeDevice>(device);
         return ERROR_SUCCESS;
@@ -176,21 +175,5 @@ INSTANTIATE_TEST_SUITE_P(
         SelectionCase{"AlternateSettingOfThirdInterfaceStalls", kThirdDfu, ERROR_GEN_FAILURE,
                       " claim0 claim1 release1 claim2 alt2/0 release2 release0", -1, 0}),
     [](const auto& info) { return std::string(info.param.name); });
-
-TEST(WinUsbOnPosix, BackendFailuresBecomeTheWindowsErrors) {
-    platform::InstallBackend(std::make_shared<FakeBackend>());
-    const std::pair<const wchar_t*, DWORD> cases[] = {{L"\\\\?\\usb#gone", ERROR_FILE_NOT_FOUND},
-                                                      {L"denied", ERROR_ACCESS_DENIED}};
-    for (const auto& [path, error] : cases) {
-        EXPECT_EQ(
-            CreateFileW(path, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                        nullptr, OPEN_EXISTING, FILE_FLAG_OVERLAPPED, nullptr),
-            INVALID_HANDLE_VALUE);
-        EXPECT_EQ(GetLastError(), error);
-        dfu::WinUsbDevice device(path);
-        EXPECT_FALSE(device.IsOpen());
-    }
-    platform::InstallBackend(nullptr);
-}
 
 }  // namespace
