@@ -8,10 +8,10 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <future>
 #include <optional>
 #include <sstream>
 #include <thread>
+#include <utility>
 
 #include "dfu/device_watcher.h"
 #include "dfu/dfu_devices_factory.h"
@@ -210,60 +210,46 @@ TEST(DeviceWatcher, StressNotificationsAgainstRefreshWaitAndTeardown) {
     EXPECT_GT(toggles.load(), 5);
 }
 
-// The lab world behind the seam; the next interface list is taken only after the given
-// notifications have been delivered on the world's event thread.
-class RescanRaceBackend final : public platform::EmptyDeviceBackend {
-  public:
-    explicit RescanRaceBackend(std::shared_ptr<sim::SimWorld> world) : world_(std::move(world)) {}
-
-    void DeliverDuringNextList(std::vector<std::pair<UsbEvent, std::wstring>> events) {
-        std::lock_guard lock(mutex_);
-        pending_ = std::move(events);
-    }
-    bool Drain() {
-        auto done = std::make_shared<std::promise<void>>();
-        auto future = done->get_future();
-        world_->Schedule(0, [done] { done->set_value(); });
-        return future.wait_for(std::chrono::seconds(10)) == std::future_status::ready;
-    }
+// A bus without the lab behind it, for what a world cannot arrange: notifications delivered
+// while a rescan takes the list, a registration refused, and a family device arriving between
+// the size call and the list call of the first `growths` rescans (the stand-in then answers
+// CR_BUFFER_SMALL, as Windows does, and the watcher must ask again, but not forever).
+struct RaceBus final : platform::EmptyDeviceBackend {
+    std::vector<std::wstring> present;
+    std::vector<std::pair<UsbEvent, std::wstring>> duringList;
+    bool refuseSubscriptions = false;
+    int growths = 0, lists = 0, unsubscriptions = 0;
+    platform::UsbEventCallback callback;
 
     std::vector<std::wstring> ListUsbDeviceInterfaces() override {
-        std::vector<std::pair<UsbEvent, std::wstring>> events;
-        {
-            std::lock_guard lock(mutex_);
-            events.swap(pending_);
+        for (const auto& [event, path] : std::exchange(duringList, {})) {
+            if (callback) callback(event, path);
         }
-        if (!events.empty()) {
-            for (const auto& [event, path] : events) world_->PostUsbEvent(event, path);
-            EXPECT_TRUE(Drain()) << "notifications not delivered";
+        if (lists++ % 2 == 1 && growths > 0) {
+            --growths;
+            present.push_back(L"\\\\?\\USB#VID_3C5E&PID_0F1C#5&1F2E3D4C&0&" +
+                              std::to_wstring(10 + present.size()) + kClass);
         }
-        return world_->ListUsbDeviceInterfaces();
+        return present;
     }
-    std::uint64_t SubscribeUsbEvents(platform::UsbEventCallback callback) override {
+    std::uint64_t SubscribeUsbEvents(platform::UsbEventCallback subscriber) override {
         if (refuseSubscriptions) return 0;
-        return world_->SubscribeUsbEvents(std::move(callback));
+        callback = std::move(subscriber);
+        return 1;
     }
-    void UnsubscribeUsbEvents(std::uint64_t subscription) override {
+    void UnsubscribeUsbEvents(std::uint64_t) override {
         ++unsubscriptions;
-        world_->UnsubscribeUsbEvents(subscription);
+        callback = nullptr;
     }
-
-    bool refuseSubscriptions = false;
-    int unsubscriptions = 0;
-
-  private:
-    std::mutex mutex_;
-    std::vector<std::pair<UsbEvent, std::wstring>> pending_;
-    std::shared_ptr<sim::SimWorld> world_;
 };
 
-// The lab bus with the rescan race backend put in front of its world.
-struct RaceLab : LabBus {
-    explicit RaceLab(std::vector<std::wstring> present)
-        : LabBus(std::move(present)), backend(std::make_shared<RescanRaceBackend>(world)) {
-        platform::InstallBackend(backend);
+struct RaceLab {
+    explicit RaceLab(std::vector<std::wstring> present) : bus(std::make_shared<RaceBus>()) {
+        bus->present = std::move(present);
+        platform::InstallBackend(bus);
     }
-    std::shared_ptr<RescanRaceBackend> backend;
+    ~RaceLab() { platform::InstallBackend(nullptr); }
+    std::shared_ptr<RaceBus> bus;
 };
 
 struct RaceCase {
@@ -280,14 +266,14 @@ class RescanRace : public testing::TestWithParam<RaceCase> {};
 TEST_P(RescanRace, ListAndEventAfterTheRescan) {
     const auto& c = GetParam();
     RaceLab lab(c.present);
-    lab.backend->refuseSubscriptions = c.registrationRefused;
+    lab.bus->refuseSubscriptions = c.registrationRefused;
     {
         std::optional<DeviceWatcher> watcher;
         MakeWatcher(watcher);
         // Nothing is listed before the first rescan, and each rescan starts from a reset event.
         EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObject(watcher->arrivalEvent, 0));
         SetEvent(watcher->arrivalEvent);
-        lab.backend->DeliverDuringNextList(c.duringRescan);
+        lab.bus->duringList = c.duringRescan;
 
         EXPECT_EQ(c.listed, Links(watcher->GetDevices()));
         // One name, one event object: a removal ends a wait on the arrival event as well.
@@ -295,7 +281,7 @@ TEST_P(RescanRace, ListAndEventAfterTheRescan) {
                   WaitForSingleObject(watcher->arrivalEvent, 0));
     }
     // What was never registered is not unregistered.
-    EXPECT_EQ(c.registrationRefused ? 0 : 1, lab.backend->unsubscriptions);
+    EXPECT_EQ(c.registrationRefused ? 0 : 1, lab.bus->unsubscriptions);
 }
 
 const auto kArrival = UsbEvent::kArrival;
@@ -327,23 +313,6 @@ INSTANTIATE_TEST_SUITE_P(
     [](const testing::TestParamInfo<RaceCase>& info) { return std::string(info.param.name); });
 // clang-format on
 
-// A bus on which a family device arrives between the size call and the list call of the
-// first `growths` rescans: the stand-in answers CR_BUFFER_SMALL, as Windows does, and the
-// watcher must ask again, but not forever.
-struct GrowingBus final : platform::EmptyDeviceBackend {
-    std::vector<std::wstring> present;
-    int growths = 0;
-    int lists = 0;
-    std::vector<std::wstring> ListUsbDeviceInterfaces() override {
-        if (lists++ % 2 == 1 && growths > 0) {
-            --growths;
-            present.push_back(L"\\\\?\\USB#VID_3C5E&PID_0F1C#5&1F2E3D4C&0&" +
-                              std::to_wstring(10 + present.size()) + kClass);
-        }
-        return present;
-    }
-};
-
 TEST(GrowingList, IsAskedForAgainABoundedNumberOfTimes) {
     const struct {
         int growths;
@@ -351,18 +320,12 @@ TEST(GrowingList, IsAskedForAgainABoundedNumberOfTimes) {
     } rows[] = {{0, 1}, {1, 2}, {3, 4}, {1000, 0}};
     for (const auto& row : rows) {
         SCOPED_TRACE(row.growths);
-        auto bus = std::make_shared<GrowingBus>();
-        bus->present = {kFirst};
-        bus->growths = row.growths;
-        platform::InstallBackend(bus);
-        {
-            std::optional<DeviceWatcher> watcher;
-            CreateUsbDeviceWatcher(watcher, L"", L"vid_3c5e", L"pid_0f1c", L"");
-            bus->lists = 0;
-            EXPECT_EQ(row.listed, watcher->GetDevices().size());
-            EXPECT_LE(bus->lists, 20);
-        }
-        platform::InstallBackend(nullptr);
+        RaceLab lab({kFirst});
+        lab.bus->growths = row.growths;
+        std::optional<DeviceWatcher> watcher;
+        MakeWatcher(watcher);
+        EXPECT_EQ(row.listed, watcher->GetDevices().size());
+        EXPECT_LE(lab.bus->lists, 20);
     }
 }
 
