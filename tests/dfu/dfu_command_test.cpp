@@ -1,6 +1,5 @@
 // The engine against an endpoint double: the exact requests it sends, and answers that
 // the lab's device never gives.
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <sstream>
@@ -10,26 +9,15 @@
 
 namespace {
 
-using testing::_;
-using testing::Invoke;
-using testing::NiceMock;
-using testing::Return;
-
 // Answers like a lenient device (dfuIDLE, then whatever the last download asks for) and
 // records every packet it is sent.
-class EndpointDouble : public usb_core::IUsbControlEndpoint {
-  public:
-    explicit EndpointDouble(std::uint16_t transferSize) {
-        ON_CALL(*this, IsConnected()).WillByDefault(Return(true));
-        ON_CALL(*this, GetMaxTransferSize()).WillByDefault(Return(transferSize));
-        ON_CALL(*this, Transfer(_, _, _)).WillByDefault(Invoke(this, &EndpointDouble::Answer));
-    }
-    MOCK_METHOD(HRESULT, Transfer, (WINUSB_SETUP_PACKET&, PUCHAR, std::uint64_t), (override));
-    MOCK_METHOD(bool, IsConnected, (), (override));
-    MOCK_METHOD(void, Disconnect, (), (override));
-    MOCK_METHOD(std::uint16_t, GetMaxTransferSize, (), (override));
+struct EndpointDouble final : usb_core::IUsbControlEndpoint {
+    explicit EndpointDouble(std::uint16_t transferSize) : transferSize(transferSize) {}
+    bool IsConnected() override { return true; }
+    void Disconnect() override {}
+    std::uint16_t GetMaxTransferSize() override { return transferSize; }
 
-    HRESULT Answer(WINUSB_SETUP_PACKET& p, PUCHAR buffer, std::uint64_t length) {
+    HRESULT Transfer(WINUSB_SETUP_PACKET& p, PUCHAR buffer, std::uint64_t length) override {
         packets.push_back(p);
         EXPECT_EQ(length, p.Length);
         EXPECT_EQ(buffer != nullptr, p.Length > 0);
@@ -46,6 +34,7 @@ class EndpointDouble : public usb_core::IUsbControlEndpoint {
                              [&](const auto& p) { return p.Request == request; });
     }
 
+    std::uint16_t transferSize;
     std::vector<WINUSB_SETUP_PACKET> packets;
     UCHAR state = 2;
     UCHAR statusByte = 0;
@@ -64,7 +53,7 @@ class RequestSequence : public testing::TestWithParam<SequenceCase> {};
 // empty closing download numbered one past the last block.
 TEST_P(RequestSequence, BlocksNumberedFromZeroThenTheClosingDownload) {
     const auto& c = GetParam();
-    auto endpoint = std::make_shared<NiceMock<EndpointDouble>>(c.transferSize);
+    auto endpoint = std::make_shared<EndpointDouble>(c.transferSize);
     const std::vector<std::uint8_t> image(c.imageSize, 0x5A);
     ASSERT_EQ(dfu::DfuCommand(nullptr, endpoint).Execute(image.data(), image.size()), S_OK);
 
@@ -100,7 +89,7 @@ INSTANTIATE_TEST_SUITE_P(Cases, RequestSequence,
 
 TEST(DfuCommandLogic, NothingIsSentWithoutATransferSize) {
     const std::uint8_t image[4] = {1, 2, 3, 4};
-    auto noRoom = std::make_shared<NiceMock<EndpointDouble>>(0);
+    auto noRoom = std::make_shared<EndpointDouble>(0);
     std::ostringstream log;
     EXPECT_EQ(dfu::DfuCommand(&log, noRoom).Execute(image, sizeof image), E_FAIL);
     EXPECT_EQ(noRoom->Count(1), 0u);
@@ -115,7 +104,7 @@ TEST(DfuWaits, AnswersThatReadAsErrorsEndTheWaitAtOnce) {
     const std::tuple<UCHAR, UCHAR, std::uint64_t> cases[] = {
         {1, 5, 6}, {0, 10, 6}, {0, 5, 0}, {0, 5, 4}};
     for (const auto& [statusByte, state, delivered] : cases) {
-        auto endpoint = std::make_shared<NiceMock<EndpointDouble>>(64);
+        auto endpoint = std::make_shared<EndpointDouble>(64);
         endpoint->statusByte = statusByte;
         endpoint->state = state;
         endpoint->delivered = delivered;
