@@ -22,15 +22,8 @@ Bytes Iface(std::uint8_t number, std::uint8_t interfaceClass) {
     return {9, 4, number, 0, 0, interfaceClass, 0, 0, 0};
 }
 Bytes Functional(std::uint16_t size) {
-    return {9,
-            0x21,
-            1,
-            0xE8,
-            3,
-            static_cast<std::uint8_t>(size),
-            static_cast<std::uint8_t>(size >> 8),
-            0x10,
-            1};
+    const auto low = static_cast<std::uint8_t>(size), high = static_cast<std::uint8_t>(size >> 8);
+    return {9, 0x21, 1, 0xE8, 3, low, high, 0x10, 1};
 }
 Bytes Config(std::uint8_t interfaces, std::initializer_list<Bytes> parts) {
     Bytes bytes = {9, 2, 0, 0, interfaces, 1, 0, 0x80, 50};

@@ -173,9 +173,9 @@ TEST(DeviceWatcher, TeardownDuringANotificationEndsAfterTheCallback) {
 // rescanned, waited on and torn down. Run under the thread sanitizer in CI.
 TEST(DeviceWatcher, StressNotificationsAgainstRefreshWaitAndTeardown) {
     LabBus bus({kSecond}, 50);
+    const std::wstring seventh = L"\\\\?\\USB#VID_3C5E&PID_0F1C#5&1f2e3d4c&0&7" + kClass;
     std::vector<std::shared_ptr<sim::SimDfuDevice>> devices = {
-        bus.MakeDevice(kFirst), bus.MakeDevice(kOtherProduct),
-        bus.MakeDevice(L"\\\\?\\USB#VID_3C5E&PID_0F1C#5&1f2e3d4c&0&7" + kClass)};
+        bus.MakeDevice(kFirst), bus.MakeDevice(kOtherProduct), bus.MakeDevice(seventh)};
     std::atomic<bool> stop{false};
     std::atomic<int> toggles{0};
     std::thread plugger([&] {
@@ -186,9 +186,7 @@ TEST(DeviceWatcher, StressNotificationsAgainstRefreshWaitAndTeardown) {
         }
     });
 
-    const std::vector<std::wstring> allowed = {
-        Lower(kSecond), Lower(kFirst),
-        Lower(L"\\\\?\\USB#VID_3C5E&PID_0F1C#5&1f2e3d4c&0&7" + kClass)};
+    const std::vector<std::wstring> allowed = {Lower(kSecond), kFirstLower, Lower(seventh)};
     int rounds = 0;
     const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(1500);
     while (std::chrono::steady_clock::now() < until) {
