@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "dfu/win_usb_device.h"
+#include "named_row.h"
 
 namespace {
 

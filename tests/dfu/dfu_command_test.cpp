@@ -5,6 +5,7 @@
 #include <sstream>
 
 #include "dfu/dfu_command.h"
+#include "named_row.h"
 #include "platform/sync.h"
 
 namespace {
@@ -57,13 +58,8 @@ TEST_P(RequestSequence, BlocksNumberedFromZeroThenTheClosingDownload) {
     const std::vector<std::uint8_t> image(c.imageSize, 0x5A);
     ASSERT_EQ(dfu::DfuCommand(nullptr, endpoint).Execute(image.data(), image.size()), S_OK);
 
-    const auto& p = endpoint->packets;
-    ASSERT_GE(p.size(), 3u);
-    EXPECT_EQ(std::tie(p[0].RequestType, p[0].Request, p[0].Length), std::make_tuple(0xA1, 5, 1));
-    EXPECT_EQ(std::tie(p[1].RequestType, p[1].Request, p[1].Value), std::make_tuple(0x21, 0, 1000));
-    EXPECT_EQ(p[2].Request, 5);
     std::size_t sent = 0, blocks = 0, closings = 0, wrongBlocks = 0;
-    for (const auto& packet : p) {
+    for (const auto& packet : endpoint->packets) {
         EXPECT_EQ(packet.Index, 0) << "wIndex is the endpoint's to fill in";
         if (packet.Request != 1) continue;
         const std::size_t length = std::min<std::size_t>(c.transferSize, c.imageSize - sent);

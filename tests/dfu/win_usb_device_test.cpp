@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "dfu/win_usb_device.h"
+#include "named_row.h"
 #include "platform/posix/device_backend.h"
 #include "platform/sync.h"
 

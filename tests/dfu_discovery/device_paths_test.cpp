@@ -2,7 +2,9 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 
+#include "../dfu/named_row.h"
 #include "dfu/device_paths.h"
 #include "platform/cfgmgr.h"
 
@@ -64,17 +66,15 @@ INSTANTIATE_TEST_SUITE_P(
                    L"vid_3c5e", L"pid_0f1c", L"mi_02"}),
     [](const auto& info) { return std::string(info.param.name); });
 
-struct PathParts {
-    std::wstring path;
-    std::int32_t kind;
-    std::wstring parentId;
-};
+// The path, its interface kind and its parent id.
+using PathParts = std::tuple<std::wstring, std::int32_t, std::wstring>;
 
 class PathPartsTest : public testing::TestWithParam<PathParts> {};
 
 TEST_P(PathPartsTest, KindAndParentIdFromTheInterfacePart) {
-    EXPECT_EQ(GetParam().kind, GetInterfaceKind(GetParam().path));
-    EXPECT_EQ(GetParam().parentId, GetParentId(GetParam().path));
+    const auto& [path, kind, parentId] = GetParam();
+    EXPECT_EQ(kind, GetInterfaceKind(path));
+    EXPECT_EQ(parentId, GetParentId(path));
 }
 
 const std::wstring kComposite = L"\\\\?\\usb#vid_3c5e&pid_0b64&mi_";

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "../dfu/named_row.h"
 #include "platform/ks.h"
 #include "platform/sim/sim_world.h"
 #include "platform/sync.h"
@@ -41,10 +42,6 @@ struct Rule {
     bool taken;
     const char* stateAfter;  // of the DFU device; "" for a camera
 };
-
-void PrintTo(const Rule& rule, std::ostream* out) {
-    *out << rule.name;
-}
 
 class DeviceModel : public testing::TestWithParam<Rule> {
   protected:
