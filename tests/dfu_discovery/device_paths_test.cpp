@@ -1,9 +1,10 @@
-// Interface paths: lower-casing (also of a whole list with its inner terminators), the USB
-// filter, and the interface kind and parent id read from a path.
+// Interface paths: the USB filter, and the interface kind and parent id read from a path.
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 
+#include "../dfu/named_row.h"
 #include "dfu/device_paths.h"
 #include "platform/cfgmgr.h"
 
@@ -14,35 +15,17 @@ using namespace std::string_literals;
 const std::wstring kGuid = L"#{a5dcbf10-6530-11d2-901f-00c04fb951ed}";
 const std::wstring kDfuPath = L"\\\\?\\usb#vid_3c5e&pid_0f1c#5&1f2e3d4c&0&1" + kGuid;
 
-struct LowerCase {
-    std::wstring text;
-    std::wstring lower;
-};
-
-class ToLowerTest : public testing::TestWithParam<LowerCase> {};
-
-TEST_P(ToLowerTest, LowersOnlyLettersAndKeepsEveryUnit) {
-    const std::wstring result = ToLower(GetParam().text);
-    EXPECT_EQ(GetParam().lower, result);
-    EXPECT_EQ(GetParam().text.size(), result.size());
+// Only A to Z, and a whole interface list in one piece: nothing after a terminator is lost.
+TEST(ToLower, LowersOnlyLettersAndKeepsEveryUnit) {
+    EXPECT_EQ(L"@[`{az09_&#{}\\?"s, ToLower(L"@[`{AZ09_&#{}\\?"s));
+    EXPECT_EQ(L"\\\\?\\usb#a\0\\\\?\\usb#b\0\0"s, ToLower(L"\\\\?\\USB#A\0\\\\?\\USB#B\0\0"s));
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Paths, ToLowerTest,
-    testing::Values(
-        LowerCase{
-            L"\\\\?\\USB#VID_3C5E&PID_0F1C#5&1F2E3D4C&0&1#{A5DCBF10-6530-11D2-901F-00C04FB951ED}",
-            L"\\\\?\\usb#vid_3c5e&pid_0f1c#5&1f2e3d4c&0&1#{a5dcbf10-6530-11d2-901f-00c04fb951ed}"},
-        LowerCase{L"", L""}, LowerCase{L"az09_&#{}\\?", L"az09_&#{}\\?"},
-        LowerCase{L"@[`{", L"@[`{"},  // the neighbours of A-Z and a-z
-        // A whole interface list is lowered in one piece: nothing after a terminator is lost.
-        LowerCase{L"\\\\?\\USB#A\0\\\\?\\USB#B\0\0"s, L"\\\\?\\usb#a\0\\\\?\\usb#b\0\0"s}));
 
 struct FilterCase {
     const char* name;
-    std::wstring vendor, product, interfaceToken;
     std::wstring path;
     bool matches;
+    std::wstring vendor = L"vid_3c5e", product = L"pid_0f1c", interfaceToken = L"";
 };
 
 class FilterTest : public testing::TestWithParam<FilterCase> {};
@@ -52,59 +35,46 @@ TEST_P(FilterTest, MatchesPathsThatContainThePrefixAndInterfaceToken) {
     const DeviceFilter filter = MakeUsbDeviceFilter(c.vendor, c.product, c.interfaceToken);
     ASSERT_NE(nullptr, filter.interfaceClass);
     EXPECT_TRUE(*filter.interfaceClass == kGuidDevinterfaceUsbDevice);
-    EXPECT_EQ(c.matches, filter.Matches(c.path)) << c.name;
+    EXPECT_EQ(c.matches, filter.Matches(c.path));
 }
+
+const std::wstring kMi = L"\\\\?\\usb#vid_3c5e&pid_0f1c&mi_0";
 
 INSTANTIATE_TEST_SUITE_P(
     Paths, FilterTest,
     testing::Values(
-        FilterCase{"family", L"vid_3c5e", L"pid_0f1c", L"", kDfuPath, true},
-        FilterCase{"tokens given in upper case", L"VID_3C5E", L"PID_0F1C", L"", kDfuPath, true},
-        FilterCase{"interface of a composite device", L"vid_3c5e", L"pid_0f1c", L"",
-                   L"\\\\?\\usb#vid_3c5e&pid_0f1c&mi_00#6&1a2b3c4d&0&0000" + kGuid, true},
-        FilterCase{"other product", L"vid_3c5e", L"pid_0f1c", L"",
-                   L"\\\\?\\usb#vid_3c5e&pid_0b64#5&1f2e3d4c&0&1" + kGuid, false},
-        FilterCase{"other vendor", L"vid_3c5e", L"pid_0f1c", L"",
-                   L"\\\\?\\usb#vid_8086&pid_0f1c#5&1f2e3d4c&0&1" + kGuid, false},
-        FilterCase{"path not lowered", L"vid_3c5e", L"pid_0f1c", L"",
-                   L"\\\\?\\USB#VID_3C5E&PID_0F1C#5&1F2E3D4C&0&1" + kGuid, false},
-        FilterCase{"prefix not at the start", L"vid_3c5e", L"pid_0f1c", L"", L"x" + kDfuPath, true},
-        FilterCase{"ids elsewhere than after the prefix", L"vid_3c5e", L"pid_0f1c", L"",
+        FilterCase{"Family", kDfuPath, true},
+        FilterCase{"InterfaceOfACompositeDevice", kMi + L"0#6&1a2b3c4d&0&0000" + kGuid, true},
+        FilterCase{"PathNotLowered", L"\\\\?\\USB#VID_3C5E&PID_0F1C#5&1F2E3D4C&0&1" + kGuid, false},
+        FilterCase{"PrefixNotAtTheStart", L"x" + kDfuPath, true},
+        FilterCase{"IdsElsewhereThanAfterThePrefix",
                    L"\\\\?\\usb#vid_1234&pid_5678#vid_3c5e&pid_0f1c" + kGuid, false},
-        FilterCase{"vendor alone", L"vid_3c5e", L"", L"",
-                   L"\\\\?\\usb#vid_3c5e&pid_0b64#5&1f2e3d4c&0&1" + kGuid, true},
-        FilterCase{"product alone needs &pid right after the prefix", L"", L"pid_0f1c", L"",
-                   kDfuPath, false},
-        FilterCase{"product alone", L"", L"pid_0f1c", L"", L"\\\\?\\usb#&pid_0f1c#x" + kGuid, true},
-        FilterCase{"no tokens: every USB device", L"", L"", L"",
-                   L"\\\\?\\usb#vid_8086&pid_0001#1" + kGuid, true},
-        FilterCase{"no tokens: not a USB device", L"", L"", L"", L"\\\\?\\hid#vid_8086&pid_0001#1",
-                   false},
-        FilterCase{"interface token present", L"vid_3c5e", L"pid_0f1c", L"MI_02",
-                   L"\\\\?\\usb#vid_3c5e&pid_0f1c&mi_02#6&1a2b3c4d&0&0002" + kGuid, true},
-        FilterCase{"interface token absent", L"vid_3c5e", L"pid_0f1c", L"mi_02",
-                   L"\\\\?\\usb#vid_3c5e&pid_0f1c&mi_00#6&1a2b3c4d&0&0000" + kGuid, false},
-        FilterCase{"interface token without the prefix", L"vid_3c5e", L"pid_0f1c", L"mi_02",
-                   L"\\\\?\\usb#vid_3c5e&pid_0b64&mi_02#6&1a2b3c4d&0&0002" + kGuid, false}),
-    [](const testing::TestParamInfo<FilterCase>& info) {
-        std::string name = info.param.name;
-        for (auto& ch : name) {
-            if (!std::isalnum(static_cast<unsigned char>(ch))) ch = '_';
-        }
-        return name;
-    });
+        FilterCase{"VendorAlone", L"\\\\?\\usb#vid_3c5e&pid_0b64#5&1f2e3d4c&0&1" + kGuid, true,
+                   L"vid_3c5e", L""},
+        // A product alone needs "&pid" right after the prefix.
+        FilterCase{"ProductAloneAfterAVendor", kDfuPath, false, L""},
+        FilterCase{"ProductAlone", L"\\\\?\\usb#&pid_0f1c#x" + kGuid, true, L""},
+        FilterCase{"NoTokensEveryUsbDevice", L"\\\\?\\usb#vid_8086&pid_0001#1" + kGuid, true, L"",
+                   L""},
+        FilterCase{"NoTokensNotAUsbDevice", L"\\\\?\\hid#vid_8086&pid_0001#1", false, L"", L""},
+        FilterCase{"InterfaceTokenPresent", kMi + L"2#6&1a2b3c4d&0&0002" + kGuid, true, L"vid_3c5e",
+                   L"pid_0f1c", L"MI_02"},
+        FilterCase{"InterfaceTokenAbsent", kMi + L"0#6&1a2b3c4d&0&0000" + kGuid, false, L"vid_3c5e",
+                   L"pid_0f1c", L"mi_02"},
+        FilterCase{"InterfaceTokenWithoutThePrefix",
+                   L"\\\\?\\usb#vid_3c5e&pid_0b64&mi_02#6&1a2b3c4d&0&0002" + kGuid, false,
+                   L"vid_3c5e", L"pid_0f1c", L"mi_02"}),
+    [](const auto& info) { return std::string(info.param.name); });
 
-struct PathParts {
-    std::wstring path;
-    std::int32_t kind;
-    std::wstring parentId;
-};
+// The path, its interface kind and its parent id.
+using PathParts = std::tuple<std::wstring, std::int32_t, std::wstring>;
 
 class PathPartsTest : public testing::TestWithParam<PathParts> {};
 
 TEST_P(PathPartsTest, KindAndParentIdFromTheInterfacePart) {
-    EXPECT_EQ(GetParam().kind, GetInterfaceKind(GetParam().path));
-    EXPECT_EQ(GetParam().parentId, GetParentId(GetParam().path));
+    const auto& [path, kind, parentId] = GetParam();
+    EXPECT_EQ(kind, GetInterfaceKind(path));
+    EXPECT_EQ(parentId, GetParentId(path));
 }
 
 const std::wstring kComposite = L"\\\\?\\usb#vid_3c5e&pid_0b64&mi_";
@@ -136,6 +106,7 @@ INSTANTIATE_TEST_SUITE_P(
         PathParts{kComposite + L"02&6&1a2b3c4d&0&0002" + kGuid, 4, L""},
         // Upper case is never matched.
         PathParts{L"\\\\?\\USB#VID_3C5E&PID_0B64&MI_00#6&1A2B3C4D&0&0000" + kGuid, 4, L""},
-        PathParts{L"", 4, L""}));
+        PathParts{L"", 4, L""}),
+    [](const auto& info) { return "Row" + std::to_string(info.index); });
 
 }  // namespace

@@ -1,13 +1,16 @@
-// What the lab's devices refuse, as the real ones would: one row per rule. A row runs its
-// requests on a fresh world, all but the last must be taken, and the last one is judged.
+// What the lab's devices refuse, as the real ones would, and what WinUSB refuses before a
+// request reaches the device: one row per rule. A row runs its requests on a fresh world, all
+// but the last must be taken, and the last one is judged.
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
 
+#include "../dfu/named_row.h"
 #include "platform/ks.h"
 #include "platform/sim/sim_world.h"
 #include "platform/sync.h"
+#include "platform/winusb.h"
 
 namespace {
 
@@ -26,6 +29,7 @@ struct Step {
     std::uint16_t length;
     std::uint16_t index = 0;
     std::uint32_t waitMs = 0;  // world time let pass before the request
+    int handle = -1;           // the interface whose WinUSB handle sends it; -1: wIndex's
 };
 
 constexpr std::uint8_t kOut = 0x21, kIn = 0xA1, kCamera = 0;
@@ -39,21 +43,42 @@ struct Rule {
     const char* stateAfter;  // of the DFU device; "" for a camera
 };
 
-void PrintTo(const Rule& rule, std::ostream* out) {
-    *out << rule.name;
-}
-
 class DeviceModel : public testing::TestWithParam<Rule> {
   protected:
-    void TearDown() override { platform::InstallBackend(nullptr); }
-
-    bool DfuRequest(platform::UsbDeviceConnection& usb, const Step& step) {
-        std::vector<std::uint8_t> data(step.length, 0);
-        std::uint32_t transferred = 0;
-        const platform::UsbSetupPacket setup{step.type, step.request, step.value, step.index,
-                                             step.length};
-        return usb.ControlTransfer(setup, data.data(), step.length, &transferred) == ERROR_SUCCESS;
+    void TearDown() override {
+        for (auto handle : handles) {
+            if (handle != nullptr) WinUsb_Free(handle);
+        }
+        if (file != INVALID_HANDLE_VALUE) CloseHandle(file);
+        platform::InstallBackend(nullptr);
     }
+
+    // WinUSB's own rules: a request for an interface goes through that interface's handle,
+    // no data stage above 4 KB, one handle per interface.
+    void OpenInterfaces() {
+        file = CreateFileW(L"\\\\?\\USB#VID_3C5E&PID_0F1C#1", GENERIC_READ | GENERIC_WRITE,
+                           FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING,
+                           FILE_FLAG_OVERLAPPED, nullptr);
+        ASSERT_NE(file, INVALID_HANDLE_VALUE);
+        ASSERT_TRUE(WinUsb_Initialize(file, &handles[0]));
+        if (WinUsb_GetAssociatedInterface(handles[0], 0, &handles[1])) {
+            WINUSB_INTERFACE_HANDLE again = nullptr;
+            EXPECT_FALSE(WinUsb_GetAssociatedInterface(handles[0], 0, &again));
+            EXPECT_EQ(GetLastError(), ERROR_ALREADY_EXISTS);
+        }
+    }
+
+    bool DfuRequest(const Step& step) {
+        std::vector<std::uint8_t> data(step.length, 0);
+        ULONG transferred = 0;
+        const auto handle = handles[step.handle >= 0 ? step.handle : step.index > 0 ? 1 : 0];
+        return WinUsb_ControlTransfer(
+                   handle, {step.type, step.request, step.value, step.index, step.length},
+                   data.data(), step.length, &transferred, nullptr) != FALSE;
+    }
+
+    HANDLE file = INVALID_HANDLE_VALUE;
+    WINUSB_INTERFACE_HANDLE handles[2] = {};
 
     bool CameraCommand(platform::VideoDeviceConnection& video, const Step& step) {
         std::uint32_t returned = 0;
@@ -88,17 +113,16 @@ TEST_P(DeviceModel, RefusesWhatTheRealDeviceRefuses) {
                      fields + "}]}"
                : R"({"speedup": 100, "dfuDevices": [{)" + kLink + fields + "}]}"));
     platform::InstallBackend(world);
-    std::unique_ptr<platform::UsbDeviceConnection> usb;
     std::unique_ptr<platform::VideoDeviceConnection> video;
     if (camera) {
         ASSERT_EQ(S_OK, world->OpenVideoDevice(L"c", &video));
     } else {
-        ASSERT_EQ(ERROR_SUCCESS, world->OpenUsbDevice(L"\\\\?\\usb#vid_3c5e&pid_0f1c#1", &usb));
+        ASSERT_NO_FATAL_FAILURE(OpenInterfaces());
     }
     for (std::size_t i = 0; i < rule.steps.size(); ++i) {
         const Step& step = rule.steps[i];
         if (step.waitMs > 0) Sleep(step.waitMs);
-        const bool taken = camera ? CameraCommand(*video, step) : DfuRequest(*usb, step);
+        const bool taken = camera ? CameraCommand(*video, step) : DfuRequest(step);
         EXPECT_EQ(i + 1 < rule.steps.size() || rule.taken, taken) << "request " << i;
     }
     if (!camera) {
@@ -108,7 +132,13 @@ TEST_P(DeviceModel, RefusesWhatTheRealDeviceRefuses) {
 
 const Step kStatus{kIn, kGetStatus, 0, 6};
 const Step kBlock0{kOut, kDnload, 0, 16};
+const Step kInfo{kCamera, 0, 100, 1023, 0};  // the information command, answered in time
+const char* const kTwo = R"("interfaces": [14, 254])";
+const char* const k8K = R"("transferSize": 8192)";
+const char* const kBusy = R"("busyPolls": 1, "pollTimeoutMs": 300)";
+#define FAULT(kind) R"("commandFaults": [{"opcode": 16, "kind": ")" kind R"(", "times": 1}])"
 
+// clang-format off
 INSTANTIATE_TEST_SUITE_P(
     Rules, DeviceModel,
     testing::Values(
@@ -120,58 +150,41 @@ INSTANTIATE_TEST_SUITE_P(
         Rule{"GetStateLonger", "", {{kIn, kGetState, 0, 2}}, false, "dfuERROR"},
         Rule{"GetStateWithValue", "", {{kIn, kGetState, 2, 1}}, false, "dfuERROR"},
         Rule{"UploadNotInDescriptor", "", {{kIn, kUpload, 0, 16}}, false, "dfuERROR"},
-        Rule{
-            "UploadInDescriptor", R"("canUpload": true)", {{kIn, kUpload, 0, 16}}, true, "dfuIDLE"},
+        Rule{"UploadInDescriptor", R"("canUpload": true)", {{kIn, kUpload, 0, 16}}, true,
+             "dfuIDLE"},
         Rule{"DetachWithinItsTimeOut", "", {{kOut, kDetach, 1000, 0}}, true, "dfuIDLE"},
         Rule{"DetachBeyondItsTimeOut", "", {{kOut, kDetach, 1001, 0}}, false, "dfuERROR"},
         Rule{"DetachWithData", "", {{kOut, kDetach, 1000, 1}}, false, "dfuERROR"},
-        Rule{"DetachWhileDownloading",
-             "",
-             {kBlock0, kStatus, {kOut, kDetach, 1000, 0}},
-             false,
+        Rule{"DetachWhileDownloading", "", {kBlock0, kStatus, {kOut, kDetach, 1000, 0}}, false,
              "dfuERROR"},
-        Rule{"OtherInterface", "", {{kIn, kGetState, 0, 1, 1}}, false, "dfuERROR"},
-        Rule{"DfuInterfaceNotFirst",
-             R"("interfaces": [14, 254])",
-             {{kIn, kGetState, 0, 1, 1}},
-             true,
-             "dfuIDLE"},
-        Rule{"FirstInterfaceNotDfu",
-             R"("interfaces": [14, 254])",
-             {{kIn, kGetState, 0, 1, 0}},
-             false,
+        Rule{"OtherInterface", R"("interfaces": [254, 14])", {{kIn, kGetState, 0, 1, 1}}, false,
              "dfuERROR"},
+        Rule{"DfuInterfaceNotFirst", kTwo, {{kIn, kGetState, 0, 1, 1}}, true, "dfuIDLE"},
+        Rule{"FirstInterfaceNotDfu", kTwo, {{kIn, kGetState, 0, 1, 0}}, false, "dfuERROR"},
+        // Refused by WinUSB: the device sees nothing.
+        Rule{"IndexOfAnotherHandle", kTwo, {{kIn, kGetState, 0, 1, 1, 0, 0}}, false, "dfuIDLE"},
+        Rule{"HandleOfAnotherIndex", kTwo, {{kIn, kGetState, 0, 1, 0, 0, 1}}, false, "dfuIDLE"},
+        Rule{"DataStageOf4K", k8K, {{kOut, kDnload, 0, 4096}}, true, "dfuDNLOAD_SYNC"},
+        Rule{"DataStageAbove4K", k8K, {{kOut, kDnload, 0, 4097}}, false, "dfuIDLE"},
         Rule{"EndpointRecipient", "", {{0x22, kDnload, 0, 16}}, false, "dfuERROR"},
         Rule{"DownloadAsRead", "", {{kIn, kDnload, 0, 16}}, false, "dfuERROR"},
         Rule{"BlockOverTransferSize", R"("transferSize": 15)", {kBlock0}, false, "dfuERROR"},
         Rule{"BlockOutOfSequence", "", {{kOut, kDnload, 1, 16}}, false, "dfuERROR"},
         Rule{"EndOfImageBeforeData", "", {{kOut, kDnload, 0, 0}}, false, "dfuERROR"},
         Rule{"BlockNeedsAStatusFirst", "", {kBlock0, {kOut, kDnload, 1, 16}}, false, "dfuERROR"},
-        Rule{"PollBeforeTimeOut",
-             R"("busyPolls": 1, "pollTimeoutMs": 300)",
-             {kBlock0, kStatus, {kIn, kGetStatus, 0, 6, 0, 299}},
-             false,
+        Rule{"PollBeforeTimeOut", kBusy, {kBlock0, kStatus, {kIn, kGetStatus, 0, 6, 0, 299}}, false,
              "dfuERROR"},
-        Rule{"PollAfterTimeOut",
-             R"("busyPolls": 1, "pollTimeoutMs": 300)",
-             {kBlock0, kStatus, {kIn, kGetStatus, 0, 6, 0, 300}},
-             true,
+        Rule{"PollAfterTimeOut", kBusy, {kBlock0, kStatus, {kIn, kGetStatus, 0, 6, 0, 300}}, true,
              "dfuDNLOAD_IDLE"},
         Rule{"ClearWithoutError", "", {{kOut, kClrStatus, 0, 0}}, false, "dfuERROR"},
-        Rule{"ClearAfterError",
-             R"("initialState": "dfuERROR")",
-             {{kOut, kClrStatus, 0, 0}},
-             true,
+        Rule{"ClearAfterError", R"("initialState": "dfuERROR")", {{kOut, kClrStatus, 0, 0}}, true,
              "dfuIDLE"},
         Rule{"AbortWithData", "", {{kOut, kAbort, 0, 1}}, false, "dfuERROR"},
         Rule{"UnknownRequest", "", {{kOut, 0x42, 0, 0}}, false, "dfuERROR"},
-        Rule{"StartedInAnotherState",
-             R"("initialState": "dfuDNLOAD_IDLE")",
-             {{kOut, kDetach, 1000, 0}},
-             false,
-             "dfuERROR"},
+        Rule{"StartedInAnotherState", R"("initialState": "dfuDNLOAD_IDLE")",
+             {{kOut, kDetach, 1000, 0}}, false, "dfuERROR"},
         // Camera: byte `length` of the frame set to `index`, the reply read `value` ms later.
-        Rule{"CommandAnsweredAfterThePause", "", {{kCamera, 0, 100, 1023, 0}}, true, ""},
+        Rule{"CommandAnsweredAfterThePause", "", {kInfo}, true, ""},
         Rule{"ReplyReadTooEarly", "", {{kCamera, 0, 99, 1023, 0}}, false, ""},
         Rule{"LengthNotTheHeaders", "", {{kCamera, 0, 100, 0, 21}}, false, ""},
         Rule{"BadMagic", "", {{kCamera, 0, 100, 3, 0xCE}}, false, ""},
@@ -179,22 +192,11 @@ INSTANTIATE_TEST_SUITE_P(
         Rule{"BytesAfterTheCommand", "", {{kCamera, 0, 100, 500, 1}}, false, ""},
         Rule{"UnknownOpcode", "", {{kCamera, 0, 100, 4, 0x33}}, false, ""},
         Rule{"SwitchWithoutBootLoader", "", {{kCamera, 0, 100, 4, 0x1E}}, false, ""},
-        Rule{"SetFails",
-             R"("commandFaults": [{"opcode": 16, "kind": "setFails"}])",
-             {{kCamera, 0, 100, 1023, 0}},
-             false,
-             ""},
-        Rule{"ShortReply",
-             R"("commandFaults": [{"opcode": 16, "kind": "shortReply"}])",
-             {{kCamera, 0, 100, 1023, 0}},
-             false,
-             ""},
-        Rule{"WrongEcho",
-             R"("commandFaults": [{"opcode": 16, "kind": "wrongEcho", "times": 1}])",
-             {{kCamera, 0, 100, 1023, 0}},
-             false,
-             ""},
+        Rule{"SetFails", FAULT("setFails"), {kInfo}, false, ""},
+        Rule{"ShortReply", FAULT("shortReply"), {kInfo}, false, ""},
+        Rule{"WrongEcho", FAULT("wrongEcho"), {kInfo}, false, ""},
         Rule{"SupportQueryWithData", "", {{kCamera, 1, 0, 0}}, false, ""}),
     [](const testing::TestParamInfo<Rule>& info) { return info.param.name; });
+// clang-format on
 
 }  // namespace
