@@ -3,13 +3,10 @@
 
     console_test.py CASE LAB_BINARY LINUX_BINARY SOURCE_DIR
 
-CASE is one of:
-  pause-keys    at "Press any key", each key of a table (escape sequences, accented
-                characters, a lone Esc) is taken whole: the `q` typed next quits
-  crlf-answers  a script of answers written on Windows (CR LF) burns the sample image
-  closed-stdout a reader that has gone away ends neither program early, and the lab still
-                writes its state dump
-Every wait is bounded; a hang fails the case.
+CASE: pause-keys (at "Press any key" each key of a table, escape sequences and a lone Esc
+among them, is taken whole: the `q` typed next quits), crlf-answers (a script of answers
+written on Windows burns the sample image), closed-stdout (a reader that has gone away ends
+neither program early, and the lab still writes its state dump). Every wait is bounded.
 """
 import json
 import os
@@ -160,14 +157,12 @@ def closed_stdout(lab, linux, src):
 
 def main():
     case, lab, linux, src = sys.argv[1:5]
-    if case == "pause-keys":
-        pause_keys(lab, src)
-    elif case == "crlf-answers":
-        crlf_answers(lab, src)
-    elif case == "closed-stdout":
-        closed_stdout(lab, linux, src)
-    else:
+    cases = {"pause-keys": lambda: pause_keys(lab, src),
+             "crlf-answers": lambda: crlf_answers(lab, src),
+             "closed-stdout": lambda: closed_stdout(lab, linux, src)}
+    if case not in cases:
         sys.exit(f"unknown case {case}")
+    cases[case]()
     for failure in failures:
         print("FAIL", failure)
     print(f"{case}: {len(failures)} failure(s)")

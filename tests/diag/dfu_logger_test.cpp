@@ -14,71 +14,46 @@ class TwoLevelOperation : public DfuLogger {
     HRESULT innerStatus = 0;
     int stepsAfterInner = 0;
 
-    HRESULT Inner() {
-        LYNX_CHECK_STEP("usbEndpoint->Transfer(packet, nullptr, 0)", innerStatus);
-        return 0;
-    }
-
     HRESULT Outer() {
         LYNX_CHECK_STEP("Detach()", Inner());
         ++stepsAfterInner;
         return 0;
     }
+
+  private:
+    HRESULT Inner() {
+        LYNX_CHECK_STEP("usbEndpoint->Transfer(packet, nullptr, 0)", innerStatus);
+        return 0;
+    }
 };
 
-TEST(FailureCheck, WritesTheStepTextThenTheSignedStatus) {
-    std::ostringstream out;
-    TwoLevelOperation operation(&out);
-    operation.innerStatus = static_cast<HRESULT>(0x80004005u);
-    EXPECT_EQ(static_cast<HRESULT>(0x80004005u), operation.Inner());
-    EXPECT_EQ("usbEndpoint->Transfer(packet, nullptr, 0) Failed with status-2147467259\n",
-              out.str());
-}
+TEST(FailureCheck, WritesInnermostStepFirstWithTheSignedStatusAndStops) {
+    const struct {
+        HRESULT status;
+        const char* lines;
+    } rows[] = {
+        {0, ""},
+        {5,
+         "usbEndpoint->Transfer(packet, nullptr, 0) Failed with status5\n"
+         "Detach() Failed with status5\n"},
+        {static_cast<HRESULT>(0x80004005u),
+         "usbEndpoint->Transfer(packet, nullptr, 0) Failed with status-2147467259\n"
+         "Detach() Failed with status-2147467259\n"},
+    };
+    for (const auto& row : rows) {
+        std::ostringstream first, second;
+        TwoLevelOperation operation(&first);
+        operation.SetLog(&second);
+        operation.innerStatus = row.status;
+        EXPECT_EQ(row.status, operation.Outer());
+        EXPECT_EQ(row.status == 0 ? 1 : 0, operation.stepsAfterInner);
+        EXPECT_EQ("", first.str());
+        EXPECT_EQ(row.lines, second.str());
 
-TEST(FailureCheck, PositiveStatusHasNoSignOrBlank) {
-    std::ostringstream out;
-    TwoLevelOperation operation(&out);
-    operation.innerStatus = 5;
-    EXPECT_EQ(5, operation.Inner());
-    EXPECT_EQ("usbEndpoint->Transfer(packet, nullptr, 0) Failed with status5\n", out.str());
-}
-
-TEST(FailureCheck, NestedFailureWritesInnermostFirstAndStopsTheOperation) {
-    std::ostringstream out;
-    TwoLevelOperation operation(&out);
-    operation.innerStatus = static_cast<HRESULT>(0x80070006u);
-    EXPECT_EQ(static_cast<HRESULT>(0x80070006u), operation.Outer());
-    EXPECT_EQ(0, operation.stepsAfterInner);
-    EXPECT_EQ(
-        "usbEndpoint->Transfer(packet, nullptr, 0) Failed with status-2147024890\n"
-        "Detach() Failed with status-2147024890\n",
-        out.str());
-}
-
-TEST(FailureCheck, SuccessWritesNothingAndGoesOn) {
-    std::ostringstream out;
-    TwoLevelOperation operation(&out);
-    EXPECT_EQ(0, operation.Outer());
-    EXPECT_EQ(1, operation.stepsAfterInner);
-    EXPECT_EQ("", out.str());
-}
-
-TEST(FailureCheck, NullStreamIsSilentButKeepsTheStatus) {
-    TwoLevelOperation operation(nullptr);
-    operation.innerStatus = static_cast<HRESULT>(0x80070005u);
-    EXPECT_EQ(static_cast<HRESULT>(0x80070005u), operation.Outer());
-    EXPECT_EQ(nullptr, operation.GetLog());
-}
-
-TEST(FailureCheck, SetLogRedirectsLaterLines) {
-    std::ostringstream first;
-    std::ostringstream second;
-    TwoLevelOperation operation(&first);
-    operation.SetLog(&second);
-    operation.innerStatus = 1;
-    operation.Inner();
-    EXPECT_EQ("", first.str());
-    EXPECT_EQ("usbEndpoint->Transfer(packet, nullptr, 0) Failed with status1\n", second.str());
+        TwoLevelOperation silent(nullptr);
+        silent.innerStatus = row.status;
+        EXPECT_EQ(row.status, silent.Outer());
+    }
 }
 
 TEST(NarrowLow8, KeepsTheLowByteOfEachUnit) {

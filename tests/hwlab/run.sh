@@ -5,7 +5,7 @@
 #   tests/hwlab/run.sh [--build DIR] [--bench] [--keep] [--record DIR]
 #
 # --build DIR  the native build whose app/lynx-dfu is tested (default: build/default)
-# --bench      run the measurements instead of the sessions (see README.md)
+# --bench      run the measurements of bench/hwlab instead of the sessions (see README.md)
 # --keep       keep the work directory and print where it is
 # --record DIR copy every case's actual output and device log to DIR (to review before
 #              taking any of it as an expectation)
@@ -98,12 +98,12 @@ cp "$build/platform/lynx-virtual-camera" "$root/hwlab/lynx-virtual-camera"
 sanitize="$(sed -n 's/^LYNX_SANITIZE:[A-Z]*=//p' "$build/CMakeCache.txt" 2>/dev/null | tr ';' ',')"
 g++ -std=c++20 -O2 -Wall -Wextra -Werror -I"$repo/platform/include" -I"$repo" \
     ${sanitize:+-fsanitize=$sanitize} \
-    -o "$root/hwlab/arrival-probe" "$here/arrival_probe.cpp" \
+    -o "$root/hwlab/arrival-probe" "$repo/bench/hwlab/arrival_probe.cpp" \
     "$build/platform/liblynx_backend_linux.a" "$build/platform/liblynx_platform_posix.a" -pthread
 
 cp "$busybox" "$root/bin/busybox"
 cp "$here/guest/init" "$root/init"
-cp "$here/guest/sessions.sh" "$here/guest/bench.sh" "$root/hwlab/"
+cp "$here/guest/sessions.sh" "$repo/bench/hwlab/bench.sh" "$root/hwlab/"
 cp -r "$here/cases" "$root/hwlab/cases"
 cp "$lynx" "$root/hwlab/lynx-dfu"
 cp "$(command -v dfu-util)" "$root/hwlab/dfu-util"

@@ -1,13 +1,18 @@
-#include "platform/linux/settings_store.h"
-
+// The DFU auto mode as the Linux program stores it for the family's service: a root-only
+// file per value, under a key path the service names exactly (file names are case-sensitive).
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <cstdlib>
+#include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
+
+#include "platform/linux/linux_backend.h"
+#include "platform/linux/settings_store.h"
+#include "platform/linux/sysfs.h"
+#include "updatable/lynx_updatable_device.h"
 
 namespace platform::linux_hw {
 namespace {
@@ -20,69 +25,54 @@ class SettingsStoreTest : public ::testing::Test {
         char pattern[] = "/tmp/lynx-settings-XXXXXX";
         ASSERT_NE(mkdtemp(pattern), nullptr);
         base_ = pattern;
-        root_ = base_ + "/lynx-dfu";
     }
-    void TearDown() override { std::filesystem::remove_all(base_); }
-
-    std::string Read(const std::string& path) {
-        std::ifstream file(path, std::ios::binary);
-        std::ostringstream text;
-        text << file.rdbuf();
-        return text.str();
+    void TearDown() override {
+        platform::InstallBackend(nullptr);
+        std::filesystem::remove_all(base_);
     }
 
     std::string base_;
-    std::string root_;
 };
 
-TEST_F(SettingsStoreTest, ModeIsStoredAsTextInARootOnlyFile) {
-    SettingsStore store(root_);
-    ASSERT_EQ(store.CreateKey(kKey), ERROR_SUCCESS);
-    const std::wstring mode = L"Service Controlled";
-    std::u16string utf16(mode.begin(), mode.end());
-    ASSERT_EQ(
-        store.SetValue(kKey, L"DFUAutoMode", 1, reinterpret_cast<const std::uint8_t*>(utf16.data()),
-                       static_cast<std::uint32_t>(utf16.size() * 2)),
-        ERROR_SUCCESS);
-    const std::string file =
-        root_ + "/SYSTEM/CurrentControlSet/Services/OptyraCameraDFU/DFUAutoMode";
-    EXPECT_EQ(Read(file), "Service Controlled");
-
-    struct stat info {};
-    ASSERT_EQ(stat(root_.c_str(), &info), 0);
-    EXPECT_EQ(info.st_mode & 0777, 0700u);
-    ASSERT_EQ(stat(file.c_str(), &info), 0);
-    EXPECT_EQ(info.st_mode & 0777, 0600u);
-
-    // Overwriting leaves exactly the new text, with no leftovers beside it.
-    std::u16string shorter = u"Auto";
-    ASSERT_EQ(store.SetValue(kKey, L"DFUAutoMode", 1,
-                             reinterpret_cast<const std::uint8_t*>(shorter.data()), 8),
-              ERROR_SUCCESS);
-    EXPECT_EQ(Read(file), "Auto");
-    EXPECT_FALSE(std::filesystem::exists(file + ".new"));
+std::string Read(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    std::ostringstream text;
+    text << file.rdbuf();
+    return text.str();
 }
 
-TEST_F(SettingsStoreTest, MissingParentsOfTheStoreAreCreatedOpenToAll) {
-    // A system without /var/lib: the store's own parents appear, passable by everyone,
-    // while the store itself stays root-only.
+// A system without /var/lib: the store's own parents appear, passable by everyone, while the
+// store itself stays root-only; overwriting leaves exactly the new text, nothing beside it.
+TEST_F(SettingsStoreTest, EachModeIsStoredAsTextInARootOnlyFile) {
     const std::string root = base_ + "/var/lib/lynx-dfu";
-    SettingsStore store(root);
-    ASSERT_EQ(store.CreateKey(kKey), ERROR_SUCCESS);
-    const std::uint8_t data[2] = {'A', 0};
-    ASSERT_EQ(store.SetValue(kKey, L"DFUAutoMode", 1, data, 2), ERROR_SUCCESS);
-    EXPECT_EQ(Read(root + "/SYSTEM/CurrentControlSet/Services/OptyraCameraDFU/DFUAutoMode"), "A");
+    platform::InstallBackend(CreateLinuxBackend({.settings = root}));
+    const auto camera = CreateLynxUpdatableDevice();
+    const std::string file =
+        root + "/SYSTEM/CurrentControlSet/Services/OptyraCameraDFU/DFUAutoMode";
+    const struct {
+        HRESULT (ICameraDevice::*set)();
+        const char* text;
+    } rows[] = {{&ICameraDevice::SetDfuAutoModeServiceControlled, "Service Controlled"},
+                {&ICameraDevice::SetDfuAutoModeAuto, "Auto"},
+                {&ICameraDevice::SetDfuAutoModeDisabled, "Disabled"}};
+    for (const auto& row : rows) {
+        ASSERT_EQ(S_OK, ((*camera).*row.set)());
+        EXPECT_EQ(Read(file), row.text);
+        EXPECT_FALSE(std::filesystem::exists(file + ".new"));
+    }
     struct stat info {};
     for (const auto& [path, mode] :
          {std::pair{base_ + "/var", 0755u}, std::pair{base_ + "/var/lib", 0755u},
-          std::pair{root, 0700u}, std::pair{root + "/SYSTEM", 0700u}}) {
+          std::pair{root, 0700u}, std::pair{root + "/SYSTEM", 0700u}, std::pair{file, 0600u}}) {
         ASSERT_EQ(stat(path.c_str(), &info), 0) << path;
         EXPECT_EQ(info.st_mode & 0777, mode) << path;
     }
 }
 
 TEST_F(SettingsStoreTest, NamesThatWouldLeaveTheStoreAreRefused) {
-    SettingsStore store(root_);
+    SettingsStore store(base_ + "/lynx-dfu");
+    const std::uint8_t data[2] = {'A', 0};
+    EXPECT_EQ(store.SetValue(kKey, L"DFUAutoMode", 1, data, 2), ERROR_FILE_NOT_FOUND);
     for (const std::wstring& key :
          {std::wstring(L"SYSTEM\\..\\..\\etc"), std::wstring(L""),
           std::wstring(L"SYSTEM\\\\Services"), std::wstring(L"SYSTEM/x")}) {
@@ -90,15 +80,14 @@ TEST_F(SettingsStoreTest, NamesThatWouldLeaveTheStoreAreRefused) {
             << std::string(key.begin(), key.end());
     }
     ASSERT_EQ(store.CreateKey(kKey), ERROR_SUCCESS);
-    const std::uint8_t data[2] = {'A', 0};
     EXPECT_EQ(store.SetValue(kKey, L"..", 1, data, 2), ERROR_INVALID_PARAMETER);
     EXPECT_FALSE(std::filesystem::exists(base_ + "/etc"));
 }
 
-TEST_F(SettingsStoreTest, ValueOfAKeyNeverCreatedIsNotFound) {
-    SettingsStore store(root_);
-    const std::uint8_t data[2] = {'A', 0};
-    EXPECT_EQ(store.SetValue(kKey, L"DFUAutoMode", 1, data, 2), ERROR_FILE_NOT_FOUND);
+// An operator who is not root meets a refusal; the program names that one alone.
+TEST(ErrnoCodes, RefusalsReadAsAccessDenied) {
+    EXPECT_EQ(ErrorFromErrno(EACCES), ERROR_ACCESS_DENIED);
+    EXPECT_EQ(ErrorFromErrno(EPERM), ERROR_ACCESS_DENIED);
 }
 
 }  // namespace

@@ -11,36 +11,31 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-TEST(Events, OneNameIsOneObject) {
+TEST(Events, OneNameIsOneObjectThatLivesWhileAHandleIsOpen) {
     HANDLE a = CreateEventW(nullptr, TRUE, FALSE, L"sync-test shared");
     HANDLE b = CreateEventW(nullptr, TRUE, FALSE, L"sync-test shared");
     HANDLE other = CreateEventW(nullptr, TRUE, FALSE, L"sync-test other");
-    ASSERT_NE(nullptr, a);
-    ASSERT_NE(nullptr, b);
+    ASSERT_TRUE(a && b && other);
     EXPECT_TRUE(SetEvent(a));
     EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(b, 0));
     EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObject(other, 0));
     EXPECT_TRUE(ResetEvent(b));
     EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObject(a, 0));
     CloseHandle(a);
-    // The name lives on while b is open.
     HANDLE c = CreateEventW(nullptr, TRUE, FALSE, L"sync-test shared");
     SetEvent(c);
     EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(b, 0));
-    CloseHandle(b);
-    CloseHandle(c);
-    CloseHandle(other);
+    for (HANDLE h : {b, c, other}) CloseHandle(h);
 }
 
-TEST(Events, AutoResetReleasesOneWait) {
-    HANDLE event = CreateEventW(nullptr, FALSE, TRUE, nullptr);
-    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(event, 0));
-    EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObject(event, 0));
-    CloseHandle(event);
-}
-
-TEST(Events, SignalFromAnotherThreadEndsTheWait) {
-    HANDLE event = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+TEST(Events, AutoResetReleasesOneWaitAndAnotherThreadEndsAWait) {
+    for (const wchar_t* name : {L"sync-test auto", static_cast<const wchar_t*>(nullptr)}) {
+        HANDLE once = CreateEventW(nullptr, FALSE, TRUE, name);
+        EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(once, 0));
+        EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObject(once, 0));
+        CloseHandle(once);
+    }
+    HANDLE event = CreateEventW(nullptr, FALSE, FALSE, nullptr);
     std::thread signaller([&] {
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
         SetEvent(event);
