@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
+#include <iterator>
 #include <string>
 
 #include "platform/linux/linux_backend.h"
@@ -34,13 +34,6 @@ class SettingsStoreTest : public ::testing::Test {
     std::string base_;
 };
 
-std::string Read(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    std::ostringstream text;
-    text << file.rdbuf();
-    return text.str();
-}
-
 // A system without /var/lib: the store's own parents appear, passable by everyone, while the
 // store itself stays root-only; overwriting leaves exactly the new text, nothing beside it.
 TEST_F(SettingsStoreTest, EachModeIsStoredAsTextInARootOnlyFile) {
@@ -57,7 +50,8 @@ TEST_F(SettingsStoreTest, EachModeIsStoredAsTextInARootOnlyFile) {
                 {&ICameraDevice::SetDfuAutoModeDisabled, "Disabled"}};
     for (const auto& row : rows) {
         ASSERT_EQ(S_OK, ((*camera).*row.set)());
-        EXPECT_EQ(Read(file), row.text);
+        std::ifstream stored(file, std::ios::binary);
+        EXPECT_EQ(std::string(std::istreambuf_iterator<char>(stored), {}), row.text);
         EXPECT_FALSE(std::filesystem::exists(file + ".new"));
     }
     struct stat info {};
@@ -73,11 +67,8 @@ TEST_F(SettingsStoreTest, NamesThatWouldLeaveTheStoreAreRefused) {
     SettingsStore store(base_ + "/lynx-dfu");
     const std::uint8_t data[2] = {'A', 0};
     EXPECT_EQ(store.SetValue(kKey, L"DFUAutoMode", 1, data, 2), ERROR_FILE_NOT_FOUND);
-    for (const std::wstring& key :
-         {std::wstring(L"SYSTEM\\..\\..\\etc"), std::wstring(L""),
-          std::wstring(L"SYSTEM\\\\Services"), std::wstring(L"SYSTEM/x")}) {
-        EXPECT_EQ(store.CreateKey(key), ERROR_INVALID_PARAMETER)
-            << std::string(key.begin(), key.end());
+    for (const wchar_t* key : {L"SYSTEM\\..\\..\\etc", L"", L"SYSTEM\\\\Services", L"SYSTEM/x"}) {
+        EXPECT_EQ(store.CreateKey(key), ERROR_INVALID_PARAMETER) << testing::PrintToString(key);
     }
     ASSERT_EQ(store.CreateKey(kKey), ERROR_SUCCESS);
     EXPECT_EQ(store.SetValue(kKey, L"..", 1, data, 2), ERROR_INVALID_PARAMETER);

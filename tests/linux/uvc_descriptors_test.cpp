@@ -58,7 +58,7 @@ Bytes CameraConfiguration(const Bytes& extensionUnit) {
     return config;
 }
 
-TEST(UvcDescriptors, CameraUnitsInDescriptorOrderWithTheExtensionUnitGuid) {
+TEST(UvcDescriptors, CameraUnitsInDescriptorOrderOnlyUnderTheControlInterface) {
     const Bytes config = CameraConfiguration(ExtensionUnit(3, 1, {2}, {0x01}));
     const auto parsed = ParseUvcControlInterface(config.data(), config.size(), 0);
     ASSERT_TRUE(parsed);
@@ -81,27 +81,23 @@ TEST(UvcDescriptors, CameraUnitsInDescriptorOrderWithTheExtensionUnitGuid) {
     // Only the extension unit is a device-specific node; the search for it relies on that.
     EXPECT_EQ(NodeTypeOf(unit), kDevSpecific);
     for (std::size_t i : {0u, 1u, 3u}) EXPECT_NE(NodeTypeOf(parsed->entities[i]), kDevSpecific);
+
+    EXPECT_FALSE(ParseUvcControlInterface(config.data(), config.size(), 1));  // streaming
+    EXPECT_FALSE(ParseUvcControlInterface(config.data(), config.size(), 7));  // absent
+    EXPECT_FALSE(ParseUvcControlInterface(nullptr, 0, 0));
 }
 
 TEST(UvcDescriptors, ControlBitmapPastTheSourcePinsOfAWideUnit) {
     // Two source pins move bControlSize; control 10 lives in the second bitmap byte.
     const Bytes config = CameraConfiguration(ExtensionUnit(5, 10, {1, 2}, {0x00, 0x02}));
     const auto parsed = ParseUvcControlInterface(config.data(), config.size(), 0);
-    ASSERT_TRUE(parsed);
-    ASSERT_EQ(parsed->entities.size(), 4u);
+    ASSERT_TRUE(parsed && parsed->entities.size() == 4u);
     const UvcEntity& unit = parsed->entities[2];
     EXPECT_EQ(unit.id, 5);
     EXPECT_EQ(unit.controlCount, 10);
     EXPECT_TRUE(unit.HasControl(10));
     EXPECT_FALSE(unit.HasControl(1));
     EXPECT_FALSE(unit.HasControl(17));  // beyond the bitmap
-}
-
-TEST(UvcDescriptors, NoVideoControlInterfaceUnderThatNumber) {
-    const Bytes config = CameraConfiguration(ExtensionUnit(3, 1, {2}, {0x01}));
-    EXPECT_FALSE(ParseUvcControlInterface(config.data(), config.size(), 1));  // streaming
-    EXPECT_FALSE(ParseUvcControlInterface(config.data(), config.size(), 7));  // absent
-    EXPECT_FALSE(ParseUvcControlInterface(nullptr, 0, 0));
 }
 
 struct Damage {
