@@ -61,6 +61,7 @@ class SimUsbConnection final : public platform::UsbDeviceConnection {
 platform::ErrorCode SimWorld::OpenUsbDevice(
     const std::wstring& interfacePath, std::unique_ptr<platform::UsbDeviceConnection>* connection) {
     std::lock_guard lock(mutex_);
+    LeaveAfterListing();
     for (const auto& device : dfuDevices_) {
         if (device->present && SamePath(device->Link(), interfacePath)) {
             *connection = std::make_unique<SimUsbConnection>(*this, device);

@@ -298,16 +298,23 @@ void SimWorld::Unplug(SimDfuDevice& device) {
     PostUsbEvent(platform::UsbEvent::kRemoval, device.Link());
 }
 
+// A device that leaves after a listing is gone the next time the host looks at the bus (the
+// next listing or open), not while the listing is still being taken in: otherwise whether the
+// host keeps the path would hang on when its removal notification happens to be delivered.
+void SimWorld::LeaveAfterListing() {
+    for (SimDfuDevice* device : leavingAfterListing_) Unplug(*device);
+    leavingAfterListing_.clear();
+}
+
 std::vector<std::wstring> SimWorld::ListUsbDeviceInterfaces() {
     std::lock_guard lock(mutex_);
+    LeaveAfterListing();
     std::vector<std::wstring> paths;
-    std::vector<SimDfuDevice*> leaving;
     for (const auto& device : dfuDevices_) {
         if (!device->present) continue;
         paths.push_back(device->Link());
-        if (device->Listed()) leaving.push_back(device.get());
+        if (device->Listed()) leavingAfterListing_.push_back(device.get());
     }
-    for (SimDfuDevice* device : leaving) Unplug(*device);
     return paths;
 }
 

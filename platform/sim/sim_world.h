@@ -52,7 +52,7 @@ class SimDfuDevice {
     // The wValue of the last DETACH, the time the host said it would reset within.
     std::optional<std::uint16_t> DetachTimeout() const { return detachTimeout_; }
     bool present = true;
-    // Counts a listing of the bus that showed the device; true when it is to leave now.
+    // Counts a listing of the bus that showed the device; true when it is to leave next.
     bool Listed();
 
   private:
@@ -205,11 +205,14 @@ class SimWorld final : public platform::DeviceBackend, public platform::WorldClo
     // thread made happen. What other threads do meanwhile is not waited for.
     void Drain();
     void OnBus(const std::shared_ptr<SimDfuDevice>& device);
+    // Takes off the bus the devices whose last listing has been given.
+    void LeaveAfterListing();
 
     WorldSpec spec_;
     mutable std::recursive_mutex mutex_;
     std::vector<std::unique_ptr<SimCamera>> cameras_;
     std::vector<std::shared_ptr<SimDfuDevice>> dfuDevices_;  // every one ever seen, in order
+    std::vector<SimDfuDevice*> leavingAfterListing_;
     std::vector<DownloadRecord> downloads_;
     struct RegistryValue {
         std::uint32_t type = 0;
