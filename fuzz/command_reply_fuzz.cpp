@@ -9,13 +9,42 @@
 #include <vector>
 
 #include "camera/firmware_command_pipe.h"
+#include "platform/ks.h"
 #include "platform/posix/device_backend.h"
-#include "tests/camera/com_fakes.h"
 
 namespace {
 // The firmware's reply delay is real time; here it need not be.
 class InstantClock final : public platform::EmptyDeviceBackend {
     unsigned TimeScale() const override { return 1000000000u; }
+};
+
+// The extension unit: a SET takes the frame, a GET hands back `reply` and reports `reported`.
+class ReplyingControl final : public IKsControl {
+  public:
+    std::vector<std::uint8_t> reply;
+    ULONG reported = 0;
+
+    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID, void** object) override {
+        *object = nullptr;
+        return E_NOINTERFACE;
+    }
+    ULONG STDMETHODCALLTYPE AddRef() override { return 2; }
+    ULONG STDMETHODCALLTYPE Release() override { return 1; }
+    HRESULT STDMETHODCALLTYPE KsMethod(PKSMETHOD, ULONG, LPVOID, ULONG, ULONG*) override {
+        return E_NOTIMPL;
+    }
+    HRESULT STDMETHODCALLTYPE KsEvent(PKSEVENT, ULONG, LPVOID, ULONG, ULONG*) override {
+        return E_NOTIMPL;
+    }
+    HRESULT STDMETHODCALLTYPE KsProperty(PKSPROPERTY property, ULONG, LPVOID data, ULONG length,
+                                         ULONG* returned) override {
+        *returned = 0;
+        if (!(property->Flags & KSPROPERTY_TYPE_GET)) return S_OK;
+        std::copy_n(reply.begin(), std::min<std::size_t>(reply.size(), length),
+                    static_cast<std::uint8_t*>(data));
+        *returned = reported;
+        return S_OK;
+    }
 };
 }  // namespace
 
@@ -26,14 +55,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::size_t length = (data[2] | (data[3] << 8)) % (kMaxResponseDataSize + 1);
     std::vector<std::uint8_t> frame(data + 4, data + std::min(size, kCommandFrameSize + 4));
     frame.resize(kCommandFrameSize);
-    fakes::KsControl control;
-    control.answer = [&](const fakes::KsCall& call, std::uint8_t* buffer, ULONG* returned) {
-        *returned = 0;
-        if (!(call.Id().Flags & KSPROPERTY_TYPE_GET)) return S_OK;
-        std::copy_n(frame.begin(), std::min<std::size_t>(frame.size(), call.dataLength), buffer);
-        *returned = reported;
-        return S_OK;
-    };
+    ReplyingControl control;
+    control.reply = frame;
+    control.reported = reported;
     FirmwareCommandPipe pipe(Microsoft::WRL::ComPtr<IKsControl>(&control), GUID{}, 1);
     std::vector<std::uint8_t> out(length);
     if (pipe.ReadResponse(out.data(), kDeviceInfoCommand, length, 0, 0, 0, 0) == S_OK) {
