@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "camera/firmware_command_pipe.h"
-#include "platform/ks.h"
 #include "platform/posix/device_backend.h"
+#include "tests/camera/ks_control_stub.h"
 
 namespace {
 // The firmware's reply delay is real time; here it need not be.
@@ -19,23 +19,11 @@ class InstantClock final : public platform::EmptyDeviceBackend {
 };
 
 // The extension unit: a SET takes the frame, a GET hands back `reply` and reports `reported`.
-class ReplyingControl final : public IKsControl {
+class ReplyingControl final : public fakes::KsControlStub {
   public:
     std::vector<std::uint8_t> reply;
     ULONG reported = 0;
 
-    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID, void** object) override {
-        *object = nullptr;
-        return E_NOINTERFACE;
-    }
-    ULONG STDMETHODCALLTYPE AddRef() override { return 2; }
-    ULONG STDMETHODCALLTYPE Release() override { return 1; }
-    HRESULT STDMETHODCALLTYPE KsMethod(PKSMETHOD, ULONG, LPVOID, ULONG, ULONG*) override {
-        return E_NOTIMPL;
-    }
-    HRESULT STDMETHODCALLTYPE KsEvent(PKSEVENT, ULONG, LPVOID, ULONG, ULONG*) override {
-        return E_NOTIMPL;
-    }
     HRESULT STDMETHODCALLTYPE KsProperty(PKSPROPERTY property, ULONG, LPVOID data, ULONG length,
                                          ULONG* returned) override {
         *returned = 0;

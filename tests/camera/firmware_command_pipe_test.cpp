@@ -9,6 +9,7 @@
 
 #include "platform/ks.h"
 #include "platform/sync.h"
+#include "tests/camera/ks_control_stub.h"
 
 namespace {
 
@@ -31,21 +32,9 @@ struct Call {
     ULONGLONG tick;
 };
 
-class Control final : public IKsControl {
+class Control final : public fakes::KsControlStub {
   public:
     explicit Control(Reply r) : reply(r) {}
-    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID, void** object) override {
-        *object = nullptr;
-        return E_NOINTERFACE;
-    }
-    ULONG STDMETHODCALLTYPE AddRef() override { return 2; }
-    ULONG STDMETHODCALLTYPE Release() override { return 1; }
-    HRESULT STDMETHODCALLTYPE KsMethod(PKSMETHOD, ULONG, LPVOID, ULONG, ULONG*) override {
-        return E_NOTIMPL;
-    }
-    HRESULT STDMETHODCALLTYPE KsEvent(PKSEVENT, ULONG, LPVOID, ULONG, ULONG*) override {
-        return E_NOTIMPL;
-    }
     HRESULT STDMETHODCALLTYPE KsProperty(PKSPROPERTY p, ULONG n, LPVOID d, ULONG dn,
                                          ULONG* returned) override {
         auto* data = static_cast<std::uint8_t*>(d);
