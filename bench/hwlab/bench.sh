@@ -12,23 +12,8 @@ mkdir -p /tmp/bench
 taken=0
 missing=0
 
-family_gone() { ! grep -qx 3c5e /sys/bus/usb/devices/*/idVendor 2>/dev/null; }
-family_present() { grep -qx 3c5e /sys/bus/usb/devices/*/idVendor 2>/dev/null; }
-camera_node() {
-    for node in /sys/class/video4linux/video*; do
-        [ -e "$node/device/../idVendor" ] && grep -qx 3c5e "$node/device/../idVendor" && return 0
-    done
-    return 1
-}
-wait_for() {
-    i=0
-    while [ "$i" -lt "$2" ]; do
-        $1 && return 0
-        sleep 0.1
-        i=$((i + 1))
-    done
-    return 1
-}
+. /hwlab/devices.sh
+
 clock_of() {  # log event
     grep "^clock $2" "$1" | head -n1 | awk '{print $NF}'
 }
@@ -62,14 +47,14 @@ for round in 1 2 3 4 5; do
     [ -n "$found" ] && [ -n "$delivered" ] && value="$(awk -v a="$found" -v b="$delivered" 'BEGIN {printf "%.1f ms", (b - a) * 1000}')"
     report "kernel-found-to-arrival-round$round" "$value"
     kill -TERM "$emulator"; wait "$emulator"
-    wait_for family_gone 100
+    wait_for no_family_device 100
 done
 
 # 2. The whole tool: key 1 switches the camera, waits for the DFU-mode device and burns.
 log=/tmp/bench/tool.log
 lynx-virtual-camera --mode camera --log "$log" --lifetime-s 120 &
 emulator=$!
-wait_for camera_node 100 && sleep 0.5
+wait_for has_camera_node 100 && sleep 0.5
 printf '1\n1\n/hwlab/fw-small.bin\n\nq\n' | timeout 120 lynx-dfu >/tmp/bench/tool.txt 2>&1
 attached="$(clock_of "$log" 'attach dfu')"
 first="$(clock_of "$log" 'first-dfu-request')"
@@ -77,7 +62,7 @@ value=""
 [ -n "$attached" ] && [ -n "$first" ] && value="$(awk -v a="$attached" -v b="$first" 'BEGIN {printf "%.1f ms", b - a}')"
 report "key1-attach-to-first-dfu-request" "$value"
 kill -TERM "$emulator"; wait "$emulator"
-wait_for family_gone 100
+wait_for no_family_device 100
 
 # 3. 2 MiB into the same emulated device, by lynx-dfu and by dfu-util.
 download() {  # name command...
@@ -86,11 +71,11 @@ download() {  # name command...
     log="/tmp/bench/$name.log"
     lynx-virtual-camera --mode dfu --log "$log" --lifetime-s 120 &
     emulator=$!
-    wait_for family_present 100 && sleep 0.5
+    wait_for has_family_device 100 && sleep 0.5
     "$@" >"/tmp/bench/$name.txt" 2>&1
     seconds="$(awk '/^timing download/ {print $3}' "$log")"
     kill -TERM "$emulator"; wait "$emulator"
-    wait_for family_gone 100
+    wait_for no_family_device 100
     grep -q '^dfu manifested blocks 2048 bytes 2097152' "$log" || seconds=""
     report "download-2MiB-$name" "${seconds:+$seconds s}"
     eval "seconds_$name=\$seconds"

@@ -103,7 +103,7 @@ g++ -std=c++20 -O2 -Wall -Wextra -Werror -I"$repo/platform/include" -I"$repo" \
 
 cp "$busybox" "$root/bin/busybox"
 cp "$here/guest/init" "$root/init"
-cp "$here/guest/sessions.sh" "$repo/bench/hwlab/bench.sh" "$root/hwlab/"
+cp "$here/guest/sessions.sh" "$here/guest/devices.sh" "$repo/bench/hwlab/bench.sh" "$root/hwlab/"
 cp -r "$here/cases" "$root/hwlab/cases"
 cp "$lynx" "$root/hwlab/lynx-dfu"
 cp "$(command -v dfu-util)" "$root/hwlab/dfu-util"

@@ -16,29 +16,7 @@ cd /tmp
 passed=0
 failed=0
 
-has_family_device() {
-    grep -qx 3c5e /sys/bus/usb/devices/*/idVendor 2>/dev/null
-}
-
-has_camera_node() {
-    for node in /sys/class/video4linux/video*; do
-        [ -e "$node/device/../idVendor" ] && grep -qx 3c5e "$node/device/../idVendor" && return 0
-    done
-    return 1
-}
-
-# wait_for CONDITION TENTHS: polls a shell condition, at most TENTHS tenths of a second.
-wait_for() {
-    i=0
-    while [ "$i" -lt "$2" ]; do
-        $1 && return 0
-        sleep 0.1
-        i=$((i + 1))
-    done
-    return 1
-}
-
-no_family_device() { ! has_family_device; }
+. /hwlab/devices.sh
 
 normalize() {  # [file]; standard input without one
     sed -e 's/&[0-9][0-9][0-9]#/\&NNN#/g' "$@"
