@@ -6,6 +6,7 @@
 namespace platform::posix {
 namespace {
 
+constexpr DWORD ERROR_NOT_FOUND = 1168;
 constexpr DWORD ERROR_SET_NOT_FOUND = 1170;
 
 class NodeControl final : public IKsControl, private RefCounted {
@@ -32,15 +33,17 @@ class NodeControl final : public IKsControl, private RefCounted {
             return HResultFromError(ERROR_INVALID_PARAMETER);
         }
         if (device_->shutDown) return MF_E_SHUTDOWN;
-        // A request for a node carries the node in a KSP_NODE header; the driver needs it whole.
-        DWORD node = node_;
+        // A request for a node carries the node in a KSP_NODE header, which the driver checks
+        // whole: long enough, naming the node this control was made for, Reserved zero.
         if (property->Flags & KSPROPERTY_TYPE_TOPOLOGY) {
             if (propertyLength < sizeof(KSP_NODE)) return HResultFromError(ERROR_INVALID_PARAMETER);
-            node = reinterpret_cast<const KSP_NODE*>(property)->NodeId;
+            const auto* header = reinterpret_cast<const KSP_NODE*>(property);
+            if (header->Reserved != 0) return HResultFromError(ERROR_INVALID_PARAMETER);
+            if (header->NodeId != node_) return HResultFromError(ERROR_NOT_FOUND);
         }
         std::uint32_t returned = 0;
         const HRESULT status = device_->connection->NodeProperty(
-            node, property->Set, property->Id, property->Flags, static_cast<std::uint8_t*>(data),
+            node_, property->Set, property->Id, property->Flags, static_cast<std::uint8_t*>(data),
             dataLength, &returned);
         if (bytesReturned != nullptr) *bytesReturned = returned;
         return status;

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <cwctype>
+#include <string>
 
 #include "platform/ks.h"
 #include "platform/sim/sim_world.h"
@@ -33,21 +34,6 @@ constexpr GUID kFamilyUnitSet = {
     0x5B3E9A10, 0x7C2D, 0x4F61, {0x9E, 0x84, 0x2A, 0x6D, 0x0C, 0x1F, 0x7B, 0x39}};
 constexpr GUID kForeignUnitSet = {
     0x0F3F95DC, 0x2632, 0x4C4E, {0x92, 0xC9, 0xA0, 0x47, 0x82, 0xF4, 0x3B, 0xC8}};
-
-struct Node {
-    GUID type;
-    const GUID* propertySet;  // extension units only
-};
-
-constexpr std::array<Node, 4> kPlainTopology = {{{KSNODETYPE_VIDEO_CAMERA_TERMINAL, nullptr},
-                                                 {KSNODETYPE_VIDEO_PROCESSING, nullptr},
-                                                 {KSNODETYPE_DEV_SPECIFIC, &kForeignUnitSet},
-                                                 {KSNODETYPE_VIDEO_STREAMING, nullptr}}};
-constexpr std::array<Node, 5> kFamilyTopology = {{{KSNODETYPE_VIDEO_CAMERA_TERMINAL, nullptr},
-                                                  {KSNODETYPE_VIDEO_PROCESSING, nullptr},
-                                                  {KSNODETYPE_DEV_SPECIFIC, &kForeignUnitSet},
-                                                  {KSNODETYPE_DEV_SPECIFIC, &kFamilyUnitSet},
-                                                  {KSNODETYPE_VIDEO_STREAMING, nullptr}}};
 
 constexpr std::uint32_t kFrameSize = 1024;
 constexpr std::uint32_t kHeaderLength = 20;  // opcode and four parameters
@@ -135,12 +121,26 @@ class SimVideoConnection final : public platform::VideoDeviceConnection {
 SimCamera::SimCamera(SimWorld& world, CameraSpec spec, int index)
     : firmware(spec.firmware), world_(world), spec_(std::move(spec)), index_(index) {}
 
+// The topology as the world describes it: the camera terminal first, the streaming output
+// last, other vendors' extension units just before the family's, processing units elsewhere.
+// A camera without the family's unit has a processing unit in its place.
 std::uint32_t SimCamera::NodeCount() const {
-    return static_cast<std::uint32_t>(spec_.lynx ? kFamilyTopology.size() : kPlainTopology.size());
+    return spec_.nodes;
+}
+
+const GUID* SimCamera::UnitSet(std::uint32_t node) const {
+    if (node == spec_.unitNode) return spec_.lynx ? &kFamilyUnitSet : nullptr;
+    if (node < spec_.unitNode && node + spec_.foreignUnits >= spec_.unitNode) {
+        return &kForeignUnitSet;
+    }
+    return nullptr;
 }
 
 GUID SimCamera::NodeType(std::uint32_t node) const {
-    return spec_.lynx ? kFamilyTopology.at(node).type : kPlainTopology.at(node).type;
+    if (UnitSet(node) != nullptr) return KSNODETYPE_DEV_SPECIFIC;
+    if (node == 0) return KSNODETYPE_VIDEO_CAMERA_TERMINAL;
+    if (node + 1 == spec_.nodes) return KSNODETYPE_VIDEO_STREAMING;
+    return KSNODETYPE_VIDEO_PROCESSING;
 }
 
 HRESULT SimCamera::NodeProperty(std::uint32_t node, const GUID& propertySet, std::uint32_t id,
@@ -150,10 +150,8 @@ HRESULT SimCamera::NodeProperty(std::uint32_t node, const GUID& propertySet, std
     if (node >= NodeCount()) return Error(ERROR_NOT_FOUND);
     // Without the topology flag the driver would take the request for the whole filter.
     if (!(flags & kTopology)) return Error(ERROR_SET_NOT_FOUND);
-    const Node& entry = spec_.lynx ? kFamilyTopology[node] : kPlainTopology[node];
-    if (entry.propertySet == nullptr || *entry.propertySet != propertySet) {
-        return Error(ERROR_SET_NOT_FOUND);
-    }
+    const GUID* unitSet = UnitSet(node);
+    if (unitSet == nullptr || *unitSet != propertySet) return Error(ERROR_SET_NOT_FOUND);
     // Each unit has one control, the one with selector 1.
     if (id != 1) return Error(ERROR_NOT_FOUND);
 
@@ -163,7 +161,7 @@ HRESULT SimCamera::NodeProperty(std::uint32_t node, const GUID& propertySet, std
         return data == nullptr && length == 0 ? S_OK : Error(ERROR_INVALID_PARAMETER);
     }
     // Another vendor's unit: its control exists, but its protocol is not this lab's business.
-    if (entry.propertySet != &kFamilyUnitSet) return Error(ERROR_GEN_FAILURE);
+    if (unitSet != &kFamilyUnitSet) return Error(ERROR_GEN_FAILURE);
     // The driver turns a property request into the unit's UVC requests: it asks the
     // control's length and sends or reads exactly that many bytes.
     std::uint8_t lengthBytes[2] = {};
@@ -262,21 +260,19 @@ bool SimCamera::RunCommand(const std::uint8_t* frame) {
     // A new command discards an answer nobody read.
     reply_.clear();
     replyFault_ = fault;
-    // The commands it knows carry no data, so their length is the header's; their
-    // parameters are fixed and the rest of the frame is zero. Anything else is not a
-    // command of this firmware, and it answers nothing.
+    // The commands it knows carry no data, so their length is the header's and their
+    // parameters are fixed; the bytes after the data mean nothing to it. Anything else is not
+    // a command of this firmware, and it answers nothing.
     const std::uint32_t length = frame[0] | (frame[1] << 8);
     const std::uint32_t parameters[4] = {Le32(frame + 8), Le32(frame + 12), Le32(frame + 16),
                                          Le32(frame + 20)};
-    const bool zeroTail =
-        std::all_of(frame + 24, frame + kFrameSize, [](std::uint8_t byte) { return byte == 0; });
-    if (frame[2] != 0xAB || frame[3] != 0xCD || length != kHeaderLength || !zeroTail ||
-        parameters[1] != 0 || parameters[2] != 0 || parameters[3] != 0) {
+    if (frame[2] != 0xAB || frame[3] != 0xCD || length != kHeaderLength || parameters[1] != 0 ||
+        parameters[2] != 0 || parameters[3] != 0) {
         return true;
     }
 
     if (opcode == kDeviceInfoCommand && parameters[0] == 0) {
-        if (spec_.infoFailures >= 5 || failedInfoExchanges_ < spec_.infoFailures) {
+        if (failedInfoExchanges_ < spec_.infoFailures) {
             ++failedInfoExchanges_;
             return true;
         }
@@ -307,6 +303,15 @@ bool SimCamera::RunCommand(const std::uint8_t* frame) {
         });
     }
     return true;
+}
+
+nlohmann::json SimCamera::Dump() const {
+    nlohmann::json commands = nlohmann::json::object();
+    for (const auto& [opcode, count] : exchanges_) commands[std::to_string(opcode)] = count;
+    return {{"name", Narrow(spec_.name)},
+            {"firmware", FormatVersion(firmware)},
+            {"present", present},
+            {"commands", commands}};
 }
 
 }  // namespace sim

@@ -28,7 +28,34 @@ constexpr std::uint8_t kDfuClass = 254;
 constexpr std::uint16_t kVendorId = 0x3C5E;
 constexpr std::uint16_t kDfuProductId = 0x0F1C;
 constexpr std::uint16_t kDetachTimeoutMs = 1000;
-constexpr std::uint32_t kResetUnaskedMs = 1000;
+// What a host sees of a device that does not answer at all: WinUSB's time-out.
+constexpr platform::ErrorCode kNoAnswer = 121;  // ERROR_SEM_TIMEOUT
+
+constexpr std::uint8_t Bit(DfuRequest request) {
+    return static_cast<std::uint8_t>(1u << static_cast<unsigned>(request));
+}
+constexpr std::uint8_t kDetach = Bit(DfuRequest::kDetach), kDnload = Bit(DfuRequest::kDnload),
+                       kUpload = Bit(DfuRequest::kUpload), kStatus = Bit(DfuRequest::kGetStatus),
+                       kClear = Bit(DfuRequest::kClrStatus), kState = Bit(DfuRequest::kGetState),
+                       kAbort = Bit(DfuRequest::kAbort);
+
+// The class requests each state takes, as DFU 1.1's state tables list them; any other stalls.
+// Two departures that the host's own sequence relies on: DETACH is taken in dfuIDLE (it is
+// sent to a device already in DFU mode), and GETSTATUS is answered in
+// dfuMANIFEST_WAIT_RESET (the host waits to read that state, then asks once more).
+const std::uint8_t kTakenInState[11] = {
+    kDetach | kStatus | kState,                               // appIDLE
+    kStatus | kState,                                         // appDETACH
+    kDetach | kDnload | kUpload | kStatus | kState | kAbort,  // dfuIDLE
+    kStatus | kState,                                         // dfuDNLOAD_SYNC
+    0,                                                        // dfuDNBUSY
+    kDnload | kStatus | kState | kAbort,                      // dfuDNLOAD_IDLE
+    kStatus | kState,                                         // dfuMANIFEST_SYNC
+    0,                                                        // dfuMANIFEST
+    kStatus,                                                  // dfuMANIFEST_WAIT_RESET
+    kUpload | kStatus | kState | kAbort,                      // dfuUPLOAD_IDLE
+    kStatus | kClear | kState,                                // dfuERROR
+};
 
 void PutWord(std::vector<std::uint8_t>& bytes, std::uint16_t value) {
     bytes.push_back(static_cast<std::uint8_t>(value & 0xFF));
@@ -58,10 +85,12 @@ SimDfuDevice::SimDfuDevice(SimWorld& world, DfuDeviceSpec spec, int cameraIndex)
                                static_cast<std::uint8_t>(isDfu ? 2 : 0), 0});
         if (isDfu && dfuInterface_ < 0) {
             dfuInterface_ = static_cast<int>(i);
-            // bmAttributes: download capable, upload capable when the world says so, not
-            // manifestation tolerant (it resets after).
+            // bmAttributes: download capable; upload capable and manifestation tolerant when
+            // the world says so.
+            const unsigned attributes =
+                1u | (spec_.canUpload ? 2u : 0u) | (spec_.manifestationTolerant ? 4u : 0u);
             configuration_.insert(configuration_.end(),
-                                  {9, 0x21, static_cast<std::uint8_t>(spec_.canUpload ? 3 : 1)});
+                                  {9, 0x21, static_cast<std::uint8_t>(attributes)});
             PutWord(configuration_, kDetachTimeoutMs);
             PutWord(configuration_, spec_.transferSize);
             PutWord(configuration_, 0x0110);
@@ -94,9 +123,12 @@ platform::ErrorCode SimDfuDevice::SetAlternateSetting(std::uint8_t interfaceNumb
 }
 
 platform::ErrorCode SimDfuDevice::Stall() {
-    // A request that is not valid in the current state: the device stalls and, in DFU
-    // mode, goes to dfuERROR until CLRSTATUS.
-    if (state_ >= kDfuIdle) {
+    // A class request that is not valid in the current state: the device stalls and, in DFU
+    // mode, goes to dfuERROR until CLRSTATUS; in appDETACH it gives up the detach. A device
+    // waiting for its reset leaves that state only by the reset.
+    if (state_ == kAppDetach) {
+        state_ = kAppIdle;
+    } else if (state_ >= kDfuIdle && state_ != kManifestWaitReset) {
         state_ = kDfuError;
         status_ = kErrStalledPacket;
     }
@@ -115,12 +147,9 @@ platform::ErrorCode SimDfuDevice::ControlTransfer(const platform::UsbSetupPacket
     if (length < setup.length || (setup.length > 0 && buffer == nullptr)) {
         return ERROR_INVALID_PARAMETER;
     }
-    if (setup.requestType == 0x80 && setup.request == 6) {  // standard GET_DESCRIPTOR
-        return GetDescriptor(static_cast<std::uint8_t>(setup.value >> 8),
-                             static_cast<std::uint8_t>(setup.value & 0xFF), buffer, setup.length,
-                             transferred);
-    }
-    if (setup.request <= static_cast<std::uint8_t>(DfuRequest::kAbort)) {
+    if ((setup.requestType & 0x60) == 0) return StandardRequest(setup, buffer, transferred);
+    const bool classRequest = (setup.requestType & 0x60) == 0x20;
+    if (classRequest && setup.request <= static_cast<std::uint8_t>(DfuRequest::kAbort)) {
         const std::uint32_t seen = ++requestsSeen_[setup.request];
         const auto kind = static_cast<DfuRequest>(setup.request);
         for (const RequestFailure& failure : spec_.requestFailures) {
@@ -137,11 +166,32 @@ platform::ErrorCode SimDfuDevice::ControlTransfer(const platform::UsbSetupPacket
     }
     if (busy_) {
         // Busy writing: the device takes no request before the poll time-out it reported.
-        if (world_.NowMs() < busyUntilMs_) return Stall();
+        // While it manifests it does not answer at all (DFU 1.1 allows that in dfuMANIFEST).
+        if (world_.NowMs() < busyUntilMs_) return state_ == kManifest ? kNoAnswer : Stall();
         busy_ = false;
         if (state_ == kDnBusy) state_ = kDnloadSync;
+        if (state_ == kManifest) EndManifest();
     }
     return Request(setup, buffer, transferred);
+}
+
+platform::ErrorCode SimDfuDevice::StandardRequest(const platform::UsbSetupPacket& setup,
+                                                  std::uint8_t* buffer,
+                                                  std::uint32_t* transferred) {
+    // Chapter 9 requests leave the DFU state alone; what the device does not support it stalls.
+    if (setup.requestType == 0x80 && setup.request == 6) {  // GET_DESCRIPTOR
+        return GetDescriptor(static_cast<std::uint8_t>(setup.value >> 8),
+                             static_cast<std::uint8_t>(setup.value & 0xFF), buffer, setup.length,
+                             transferred);
+    }
+    if (setup.requestType == 0x80 && setup.request == 0 && setup.value == 0 &&
+        setup.length == 2) {  // GET_STATUS of the device: bus powered, no remote wake-up
+        buffer[0] = 0;
+        buffer[1] = 0;
+        *transferred = 2;
+        return ERROR_SUCCESS;
+    }
+    return ERROR_GEN_FAILURE;
 }
 
 platform::ErrorCode SimDfuDevice::Request(const platform::UsbSetupPacket& setup,
@@ -150,59 +200,43 @@ platform::ErrorCode SimDfuDevice::Request(const platform::UsbSetupPacket& setup,
     const bool in = setup.requestType == 0xA1;
     if ((!out && !in) || dfuInterface_ < 0 || setup.index != dfuInterface_) return Stall();
 
+    if (setup.request > static_cast<std::uint8_t>(DfuRequest::kAbort) ||
+        !(kTakenInState[state_] & (1u << setup.request))) {
+        return Stall();
+    }
     switch (static_cast<DfuRequest>(setup.request)) {
         case DfuRequest::kDetach:
             // wValue is the time the host will take to reset; more than the descriptor's
             // wDetachTimeOut is more than the device waits.
             if (!out || setup.length != 0 || setup.value > kDetachTimeoutMs) return Stall();
             // The family's devices take DETACH in dfuIDLE without leaving DFU mode.
-            if (state_ == kDfuIdle) {
-                state_ = spec_.stateAfterDetach;
-            } else if (state_ == kAppIdle) {
-                state_ = kAppDetach;
-            } else {
-                return Stall();
-            }
+            state_ = state_ == kDfuIdle ? spec_.stateAfterDetach : std::uint8_t{kAppDetach};
             detachTimeout_ = setup.value;
             return ERROR_SUCCESS;
         case DfuRequest::kDnload:
             if (!out) return Stall();
             return Download(setup, buffer);
         case DfuRequest::kUpload:
-            if (!in || !spec_.canUpload || setup.length > spec_.transferSize ||
-                (state_ != kDfuIdle && state_ != kUploadIdle)) {
-                return Stall();
-            }
+            if (!in || !spec_.canUpload || setup.length > spec_.transferSize) return Stall();
             // Nothing to read back: a short (empty) frame ends the upload at once.
             state_ = kDfuIdle;
             return ERROR_SUCCESS;
         case DfuRequest::kGetStatus:
-            if (!in || setup.value != 0 || setup.length != 6 ||
-                (state_ == kManifestWaitReset && resetting_)) {
-                return Stall();
-            }
+            if (!in || setup.value != 0 || setup.length != 6 || resetting_) return Stall();
             AnswerStatus(buffer, transferred);
             return ERROR_SUCCESS;
         case DfuRequest::kClrStatus:
-            if (!out || setup.value != 0 || setup.length != 0 || state_ != kDfuError)
-                return Stall();
+            if (!out || setup.value != 0 || setup.length != 0) return Stall();
             state_ = kDfuIdle;
             status_ = kStatusOk;
             return ERROR_SUCCESS;
         case DfuRequest::kGetState:
-            if (!in || setup.value != 0 || setup.length != 1 || state_ == kDnBusy ||
-                state_ == kManifest || state_ == kManifestWaitReset) {
-                return Stall();
-            }
+            if (!in || setup.value != 0 || setup.length != 1) return Stall();
             buffer[0] = state_;
             *transferred = 1;
             return ERROR_SUCCESS;
         case DfuRequest::kAbort:
-            if (!out || setup.value != 0 || setup.length != 0 ||
-                !(state_ == kDfuIdle || state_ == kDnloadSync || state_ == kDnloadIdle ||
-                  state_ == kManifestSync || state_ == kUploadIdle)) {
-                return Stall();
-            }
+            if (!out || setup.value != 0 || setup.length != 0) return Stall();
             state_ = kDfuIdle;
             return ERROR_SUCCESS;
         default:
@@ -212,7 +246,6 @@ platform::ErrorCode SimDfuDevice::Request(const platform::UsbSetupPacket& setup,
 
 platform::ErrorCode SimDfuDevice::Download(const platform::UsbSetupPacket& setup,
                                            const std::uint8_t* data) {
-    if (state_ != kDfuIdle && state_ != kDnloadIdle) return Stall();
     if (state_ == kDfuIdle) {
         blocks_ = 0;
         world_.Downloads().push_back(DownloadRecord{spec_.link, 0, 0, 0, false});
@@ -226,7 +259,7 @@ platform::ErrorCode SimDfuDevice::Download(const platform::UsbSetupPacket& setup
         // An empty download before any data is not a valid end of image.
         if (state_ == kDfuIdle) return Stall();
         state_ = kManifestSync;
-        manifestLeft_ = spec_.manifestPolls;
+        manifested_ = false;
         return ERROR_SUCCESS;
     }
 
@@ -276,29 +309,25 @@ void SimDfuDevice::AnswerStatus(std::uint8_t* buffer, std::uint32_t* transferred
             }
             break;
         case kManifestSync:
-        case kManifest:
-            if (manifestLeft_ > 0) {
-                --manifestLeft_;
-                state_ = kManifest;
+            if (manifested_) {
+                // A manifestation-tolerant device is done and back to waiting for requests.
+                state_ = kDfuIdle;
             } else {
-                state_ = kManifestWaitReset;
-                world_.Downloads()[static_cast<std::size_t>(download_)].manifested = true;
-                // A host that does not ask again (dfu-util resets the port, which never
-                // reaches a device behind vhci-hcd) still sees the device reset.
-                world_.Schedule(kResetUnaskedMs, [this] {
-                    if (!resetting_ && state_ == kManifestWaitReset) ResetAfterManifest();
-                });
+                // Manifestation starts; it lasts manifestPolls poll time-outs, which the
+                // reply announces.
+                state_ = kManifest;
             }
             break;
         case kManifestWaitReset:
-            resetAfterAnswer = true;
+            resetAfterAnswer = ++waitResetPolls_ >= 2;
             break;
         default:
             break;
     }
     std::uint32_t pollTimeout = 0;
     if (state_ == kDnBusy || state_ == kManifest) {
-        pollTimeout = spec_.pollTimeoutMs;
+        pollTimeout =
+            state_ == kManifest ? spec_.manifestPolls * spec_.pollTimeoutMs : spec_.pollTimeoutMs;
         busy_ = true;
         busyUntilMs_ = world_.NowMs() + pollTimeout;
     }
@@ -310,7 +339,39 @@ void SimDfuDevice::AnswerStatus(std::uint8_t* buffer, std::uint32_t* transferred
                                    0};
     *transferred = sizeof reply;
     std::copy_n(reply, sizeof reply, buffer);
-    if (resetAfterAnswer) ResetAfterManifest();
+    if (resetAfterAnswer) {
+        lastStatusBeforeReset_ = true;
+        ResetAfterManifest();
+    }
+}
+
+void SimDfuDevice::EndManifest() {
+    manifested_ = true;
+    if (download_ >= 0) world_.Downloads()[static_cast<std::size_t>(download_)].manifested = true;
+    if (spec_.manifestationTolerant) {
+        state_ = kManifestSync;
+        return;
+    }
+    state_ = kManifestWaitReset;
+    waitResetPolls_ = 0;
+    // Nothing on the host resets the bus: the device restarts by itself a while after its
+    // image is in place, whether or not the host asked for its status once more.
+    world_.Schedule(spec_.resetAfterManifestMs, [this] {
+        if (!resetting_ && state_ == kManifestWaitReset) ResetAfterManifest();
+    });
+}
+
+nlohmann::json SimDfuDevice::Dump() const {
+    nlohmann::json entry = {
+        {"link", Narrow(Link())}, {"present", present}, {"state", DfuStateName(state_)}};
+    if (detachTimeout_) entry["detachTimeoutMs"] = *detachTimeout_;
+    nlohmann::json requests = nlohmann::json::object();
+    for (std::uint8_t r = 0; r < 7; ++r) {
+        requests[DfuRequestName(static_cast<DfuRequest>(r))] = requestsSeen_[r];
+    }
+    entry["requests"] = requests;
+    if (resetting_) entry["lastStatusBeforeReset"] = lastStatusBeforeReset_;
+    return entry;
 }
 
 void SimDfuDevice::ResetAfterManifest() {

@@ -368,17 +368,11 @@ nlohmann::json SimWorld::DumpState() const {
     }
     state["cameras"] = nlohmann::json::array();
     for (const auto& camera : cameras_) {
-        state["cameras"].push_back({{"name", Narrow(camera->Spec().name)},
-                                    {"firmware", FormatVersion(camera->firmware)},
-                                    {"present", camera->present}});
+        state["cameras"].push_back(camera->Dump());
     }
     state["dfuDevices"] = nlohmann::json::array();
     for (const auto& device : dfuDevices_) {
-        nlohmann::json entry = {{"link", Narrow(device->Link())},
-                                {"present", device->present},
-                                {"state", DfuStateName(device->State())}};
-        if (device->DetachTimeout()) entry["detachTimeoutMs"] = *device->DetachTimeout();
-        state["dfuDevices"].push_back(entry);
+        state["dfuDevices"].push_back(device->Dump());
     }
     state["downloads"] = nlohmann::json::array();
     for (const auto& download : downloads_) {
@@ -390,6 +384,8 @@ nlohmann::json SimWorld::DumpState() const {
                                       {"crc32", crc},
                                       {"manifested", download.manifested}});
     }
+    // Above speedup 1 the world's own time, so a host that polls too long shows in it.
+    state["clockMs"] = NowLocked();
     return state;
 }
 

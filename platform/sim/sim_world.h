@@ -52,11 +52,17 @@ class SimDfuDevice {
     // The wValue of the last DETACH, the time the host said it would reset within.
     std::optional<std::uint16_t> DetachTimeout() const { return detachTimeout_; }
     bool present = true;
+    // Its entry of the state dump: state, the class requests it saw by kind, and whether the
+    // host asked for its status once more before it reset after manifestation.
+    nlohmann::json Dump() const;
     // Counts a listing of the bus that showed the device; true when it is to leave next.
     bool Listed();
 
   private:
     platform::ErrorCode Stall();
+    platform::ErrorCode StandardRequest(const platform::UsbSetupPacket& setup, std::uint8_t* buffer,
+                                        std::uint32_t* transferred);
+    void EndManifest();
     platform::ErrorCode Request(const platform::UsbSetupPacket& setup, std::uint8_t* buffer,
                                 std::uint32_t* transferred);
     platform::ErrorCode Download(const platform::UsbSetupPacket& setup, const std::uint8_t* data);
@@ -79,7 +85,9 @@ class SimDfuDevice {
     int dfuInterface_ = -1;     // number of the first class-254 interface
     std::uint32_t blocks_ = 0;  // data blocks accepted in this download
     std::uint32_t busyLeft_ = 0;
-    std::uint32_t manifestLeft_ = 0;
+    bool manifested_ = false;           // this download's manifestation is over
+    std::uint32_t waitResetPolls_ = 0;  // GETSTATUS answered in dfuMANIFEST_WAIT_RESET
+    bool lastStatusBeforeReset_ = false;
     bool errorPending_ = false;  // the "error" fault: the next GETSTATUS reports dfuERROR
     bool resetting_ = false;
     int download_ = -1;  // index into SimWorld::Downloads()
@@ -99,6 +107,8 @@ class SimCamera {
     // command channel (camera_model.cpp). Called with the world's lock held.
     std::uint32_t NodeCount() const;
     GUID NodeType(std::uint32_t node) const;
+    // Its entry of the state dump, with the firmware commands it took by opcode (decimal).
+    nlohmann::json Dump() const;
     HRESULT NodeProperty(std::uint32_t node, const GUID& propertySet, std::uint32_t id,
                          std::uint32_t flags, std::uint8_t* data, std::uint32_t length,
                          std::uint32_t* returned);
@@ -113,6 +123,8 @@ class SimCamera {
   private:
     // Returns false when the command never reaches the firmware (its SET fails).
     bool RunCommand(const std::uint8_t* frame);
+    // The property set of an extension-unit node; null for other nodes.
+    const GUID* UnitSet(std::uint32_t node) const;
     bool ReadReply(std::uint8_t* data, std::uint32_t* returned);
     void LeaveForDfu();
 

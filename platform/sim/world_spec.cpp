@@ -3,8 +3,10 @@
 #include <nlohmann/json.hpp>
 
 #include <sys/stat.h>
+#include <cwctype>
 #include <fstream>
 #include <limits>
+#include <map>
 #include <set>
 #include <sstream>
 
@@ -128,6 +130,13 @@ void ParseDfuFaults(const json& object, const std::string& where, DfuDeviceSpec&
     }
     if (object.contains("canUpload"))
         spec.canUpload = Bool(object["canUpload"], where + ".canUpload");
+    if (object.contains("manifestationTolerant")) {
+        spec.manifestationTolerant =
+            Bool(object["manifestationTolerant"], where + ".manifestationTolerant");
+    }
+    if (object.contains("resetAfterManifestMs")) {
+        spec.resetAfterManifestMs = Count(object, "resetAfterManifestMs", where, 0, 3600000);
+    }
     if (object.contains("requestFailures")) {
         const auto& list = object["requestFailures"];
         const std::string at = where + ".requestFailures";
@@ -184,10 +193,11 @@ void ParseDfuFaults(const json& object, const std::string& where, DfuDeviceSpec&
 }
 
 DfuDeviceSpec ParseDfuDevice(const json& object, const std::string& where) {
-    CheckKeys(object, where,
-              {"link", "transferSize", "interfaces", "busyPolls", "manifestPolls",
-               "stateAfterDetach", "fault", "initialState", "pollTimeoutMs", "canUpload",
-               "requestFailures", "statusAfterBlock", "unplug"});
+    CheckKeys(
+        object, where,
+        {"link", "transferSize", "interfaces", "busyPolls", "manifestPolls", "stateAfterDetach",
+         "fault", "initialState", "pollTimeoutMs", "canUpload", "requestFailures",
+         "statusAfterBlock", "unplug", "manifestationTolerant", "resetAfterManifestMs"});
     DfuDeviceSpec spec;
     if (!object.contains("link")) Fail(where + ".link", "required field is missing");
     spec.link = Text(object["link"], where + ".link", false);
@@ -245,10 +255,23 @@ DfuDeviceSpec ParseDfuDevice(const json& object, const std::string& where) {
     return spec;
 }
 
+// Where the family's extension unit sits among the camera's nodes. A camera without the unit
+// keeps the node count and the other vendors' units (the ones just before where it would be).
+void ParseTopology(const json& object, const std::string& at, CameraSpec& spec) {
+    CheckKeys(object, at, {"nodes", "unitNode", "foreignUnits"});
+    if (object.contains("nodes")) spec.nodes = Count(object, "nodes", at, 1, 64);
+    if (object.contains("unitNode")) spec.unitNode = Count(object, "unitNode", at, 0, 63);
+    if (object.contains("foreignUnits")) {
+        spec.foreignUnits = Count(object, "foreignUnits", at, 0, 63);
+    }
+    if (spec.unitNode >= spec.nodes) Fail(at + ".unitNode", "must be below nodes");
+    if (spec.foreignUnits > spec.unitNode) Fail(at + ".foreignUnits", "must not exceed unitNode");
+}
+
 CameraSpec ParseCamera(const json& object, const std::string& where, std::size_t index) {
     CheckKeys(object, where,
               {"name", "link", "enumerations", "lynx", "firmware", "infoFailures", "dfu",
-               "dfuDelayMs", "firmwareAfterUpdate", "commandFaults", "inDfuMode"});
+               "dfuDelayMs", "firmwareAfterUpdate", "commandFaults", "inDfuMode", "topology"});
     CameraSpec spec;
     if (!object.contains("name")) Fail(where + ".name", "required field is missing");
     spec.name = Text(object["name"], where + ".name", true);
@@ -280,6 +303,7 @@ CameraSpec ParseCamera(const json& object, const std::string& where, std::size_t
         spec.infoFailures = static_cast<std::uint32_t>(
             Unsigned(object["infoFailures"], where + ".infoFailures", 0, 1000000));
     }
+    if (object.contains("topology")) ParseTopology(object["topology"], where + ".topology", spec);
     if (object.contains("dfu")) spec.dfu = ParseDfuDevice(object["dfu"], where + ".dfu");
     if (object.contains("dfuDelayMs")) {
         spec.dfuDelayMs = static_cast<std::uint32_t>(
@@ -325,6 +349,28 @@ CameraSpec ParseCamera(const json& object, const std::string& where, std::size_t
     return spec;
 }
 
+std::wstring Lower(std::wstring text) {
+    for (wchar_t& c : text) c = static_cast<wchar_t>(std::towlower(static_cast<wint_t>(c)));
+    return text;
+}
+
+// Two devices on one link would be one device to the host: the world cannot mean it.
+void CheckLinksUnique(const WorldSpec& world) {
+    std::map<std::wstring, std::string> seen;
+    auto check = [&seen](const std::wstring& link, const std::string& where) {
+        const auto [it, added] = seen.emplace(Lower(link), where);
+        if (!added) Fail(where + ".link", "is the link of " + it->second + " too");
+    };
+    for (std::size_t i = 0; i < world.cameras.size(); ++i) {
+        const std::string where = "$.cameras[" + std::to_string(i) + "]";
+        check(world.cameras[i].link, where);
+        if (world.cameras[i].dfu) check(world.cameras[i].dfu->link, where + ".dfu");
+    }
+    for (std::size_t i = 0; i < world.dfuDevices.size(); ++i) {
+        check(world.dfuDevices[i].link, "$.dfuDevices[" + std::to_string(i) + "]");
+    }
+}
+
 }  // namespace
 
 const char* DfuStateName(std::uint8_t state) {
@@ -364,6 +410,7 @@ WorldSpec ParseWorld(const std::string& jsonText) {
                 ParseDfuDevice(list[i], "$.dfuDevices[" + std::to_string(i) + "]"));
         }
     }
+    CheckLinksUnique(world);
     if (root.contains("registry")) {
         const auto& registry = root["registry"];
         CheckKeys(registry, "$.registry", {"writable", "DFUAutoMode", "openError", "setError"});

@@ -73,6 +73,11 @@ struct DfuDeviceSpec {
     std::vector<RequestFailure> requestFailures;
     std::optional<StatusAfterBlock> statusAfterBlock;
     std::optional<UnplugSpec> unplug;
+    // Back to dfuIDLE after manifestation instead of waiting for a reset.
+    bool manifestationTolerant = false;
+    // After manifestation, it restarts by itself this long after reaching
+    // dfuMANIFEST_WAIT_RESET, unless the host's last GETSTATUS came first.
+    std::uint32_t resetAfterManifestMs = 1000;
 };
 
 using FirmwareVersion = std::array<std::uint8_t, 4>;  // as written: a.b.c.d
@@ -93,6 +98,11 @@ struct CameraSpec {
     bool lynx = false;
     FirmwareVersion firmware{0, 0, 0, 0};
     std::uint32_t infoFailures = 0;
+    // Its kernel-streaming topology: how many nodes, where the family's extension unit is,
+    // and how many other vendors' extension units come just before it.
+    std::uint32_t nodes = 5;
+    std::uint32_t unitNode = 3;
+    std::uint32_t foreignUnits = 1;
     std::optional<DfuDeviceSpec> dfu;
     std::uint32_t dfuDelayMs = 300;
     FirmwareVersion firmwareAfterUpdate{0, 0, 0, 0};

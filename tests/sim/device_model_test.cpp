@@ -189,7 +189,7 @@ INSTANTIATE_TEST_SUITE_P(
         Rule{"LengthNotTheHeaders", "", {{kCamera, 0, 100, 0, 21}}, false, ""},
         Rule{"BadMagic", "", {{kCamera, 0, 100, 3, 0xCE}}, false, ""},
         Rule{"ParameterNotZero", "", {{kCamera, 0, 100, 12, 1}}, false, ""},
-        Rule{"BytesAfterTheCommand", "", {{kCamera, 0, 100, 500, 1}}, false, ""},
+        Rule{"BytesAfterTheCommandMeanNothing", "", {{kCamera, 0, 100, 500, 1}}, true, ""},
         Rule{"UnknownOpcode", "", {{kCamera, 0, 100, 4, 0x33}}, false, ""},
         Rule{"SwitchWithoutBootLoader", "", {{kCamera, 0, 100, 4, 0x1E}}, false, ""},
         Rule{"SetFails", FAULT("setFails"), {kInfo}, false, ""},
