@@ -125,7 +125,9 @@ platform::ErrorCode SimDfuDevice::SetAlternateSetting(std::uint8_t interfaceNumb
 platform::ErrorCode SimDfuDevice::Stall() {
     // A class request that is not valid in the current state: the device stalls and, in DFU
     // mode, goes to dfuERROR until CLRSTATUS; in appDETACH it gives up the detach. A device
-    // waiting for its reset leaves that state only by the reset.
+    // waiting for its reset leaves that state only by the reset. While it manifests it does
+    // not answer at all (DFU 1.1 allows that in dfuMANIFEST).
+    if (state_ == kManifest) return kNoAnswer;
     if (state_ == kAppDetach) {
         state_ = kAppIdle;
     } else if (state_ >= kDfuIdle && state_ != kManifestWaitReset) {
@@ -166,8 +168,7 @@ platform::ErrorCode SimDfuDevice::ControlTransfer(const platform::UsbSetupPacket
     }
     if (busy_) {
         // Busy writing: the device takes no request before the poll time-out it reported.
-        // While it manifests it does not answer at all (DFU 1.1 allows that in dfuMANIFEST).
-        if (world_.NowMs() < busyUntilMs_) return state_ == kManifest ? kNoAnswer : Stall();
+        if (world_.NowMs() < busyUntilMs_) return Stall();
         busy_ = false;
         if (state_ == kDnBusy) state_ = kDnloadSync;
         if (state_ == kManifest) EndManifest();
@@ -246,7 +247,7 @@ platform::ErrorCode SimDfuDevice::Request(const platform::UsbSetupPacket& setup,
 
 platform::ErrorCode SimDfuDevice::Download(const platform::UsbSetupPacket& setup,
                                            const std::uint8_t* data) {
-    if (state_ == kDfuIdle) {
+    if (state_ == kDfuIdle || download_ < 0) {
         blocks_ = 0;
         world_.Downloads().push_back(DownloadRecord{spec_.link, 0, 0, 0, false});
         download_ = static_cast<int>(world_.Downloads().size()) - 1;
