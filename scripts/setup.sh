@@ -4,7 +4,8 @@
 #   scripts/setup.sh          what building and running the programs and the lab needs
 #   scripts/setup.sh --test   that, and the test tools: GoogleTest, clang for the fuzzer,
 #                             mingw-w64 and Wine for the Windows program, qemu, busybox
-#                             and dfu-util for the hardware lab (about 2 GB)
+#                             and dfu-util for the hardware lab, gcovr for the coverage
+#                             report (about 2 GB)
 set -euo pipefail
 
 packages=(build-essential cmake ninja-build git nlohmann-json3-dev)
@@ -16,6 +17,7 @@ case "${1:-}" in
       libgtest-dev libgmock-dev libbenchmark-dev
       dpkg-dev mingw-w64 wine wine64
       qemu-system-x86 busybox-static dfu-util
+      gcovr
     )
     ;;
   *) echo "usage: $0 [--test]" >&2; exit 2 ;;

@@ -57,6 +57,13 @@ fi
 step "Hardware lab: lynx-dfu against an emulated camera through the Linux kernel (qemu)"
 ./tests/hwlab/run.sh --build build/default
 
+step "Line coverage of the device logic"
+cmake --preset coverage
+cmake --build --preset coverage -j "$jobs"
+find build/coverage -name '*.gcda' -delete
+ctest --preset coverage --no-tests=error
+python3 scripts/coverage.py build/coverage
+
 step "AddressSanitizer + UndefinedBehaviorSanitizer"
 cmake --preset asan
 cmake --build --preset asan -j "$jobs"
