@@ -1,5 +1,4 @@
-/* Stands in for a program that a user names in COMSPEC: if anything starts it, it leaves a
-   file "<its own path>.ran" beside itself. */
+/* A user's program named in COMSPEC: started, it leaves "<its own path>.ran" beside itself. */
 #include <windows.h>
 
 int wmain(void) {
