@@ -26,9 +26,8 @@ TEST(RegistryOnWindows, EachModeIsStoredAsItsUtf16TextWithItsNull) {
                   RegOpenKeyExW(HKEY_LOCAL_MACHINE,
                                 L"SYSTEM\\CurrentControlSet\\Services\\OptyraCameraDFU", 0,
                                 KEY_QUERY_VALUE, &key));
-        DWORD type = 0;
         std::vector<BYTE> bytes(256);
-        DWORD size = static_cast<DWORD>(bytes.size());
+        DWORD type = 0, size = static_cast<DWORD>(bytes.size());
         EXPECT_EQ(ERROR_SUCCESS,
                   RegQueryValueExW(key, L"DFUAutoMode", nullptr, &type, bytes.data(), &size));
         RegCloseKey(key);
@@ -37,10 +36,9 @@ TEST(RegistryOnWindows, EachModeIsStoredAsItsUtf16TextWithItsNull) {
         // the null, the system stores a null that happens to follow the buffer, or not.
         const std::size_t stored = (row.text.size() + 1) * sizeof(wchar_t);
         ASSERT_EQ(stored, size);
-        std::vector<BYTE> expected(reinterpret_cast<const BYTE*>(row.text.c_str()),
-                                   reinterpret_cast<const BYTE*>(row.text.c_str()) + stored);
-        bytes.resize(size);
-        EXPECT_EQ(expected, bytes);
+        const auto* text = reinterpret_cast<const BYTE*>(row.text.c_str());
+        EXPECT_EQ(std::vector<BYTE>(text, text + stored),
+                  std::vector<BYTE>(&bytes[0], &bytes[size]));
     }
 }
 

@@ -5,7 +5,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <functional>
+#include <filesystem>
+#include <fstream>
 #include <optional>
 #include <string>
 #include <thread>
@@ -27,28 +28,18 @@ constexpr ULONGLONG kTickMs = 16;  // GetTickCount64: "typically ... 10 ... to 1
 // A winusb.dll or cfgmgr32.dll planted beside the program is never loaded: what is loaded is
 // system32's.
 TEST(SystemLibraries, ComeFromSystem32WhateverLiesBesideTheProgram) {
-    wchar_t own[MAX_PATH];
-    const DWORD ownLength = GetModuleFileNameW(nullptr, own, MAX_PATH);
-    ASSERT_GT(ownLength, 0u);
-    const std::wstring folder(own, std::wstring(own, ownLength).rfind(L'\\') + 1);
-    wchar_t system[MAX_PATH];
-    const std::wstring systemFolder(system, GetSystemDirectoryW(system, MAX_PATH));
-    for (const std::wstring name : {L"winusb.dll", L"cfgmgr32.dll"}) {
-        const std::wstring planted = folder + name;
-        const HANDLE file = CreateFileW(planted.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
-                                        FILE_ATTRIBUTE_NORMAL, nullptr);
-        ASSERT_NE(INVALID_HANDLE_VALUE, file);
-        DWORD written = 0;
-        WriteFile(file, "MZ planted", 10, &written, nullptr);
-        CloseHandle(file);
-
-        const HMODULE module = platform::win32::SystemLibrary(name.c_str());
-        DeleteFileW(planted.c_str());
+    wchar_t path[MAX_PATH];
+    const std::filesystem::path folder =
+        std::filesystem::path(path, path + GetModuleFileNameW(nullptr, path, MAX_PATH))
+            .parent_path();
+    const std::filesystem::path system(path, path + GetSystemDirectoryW(path, MAX_PATH));
+    for (const wchar_t* name : {L"winusb.dll", L"cfgmgr32.dll"}) {
+        std::ofstream(folder / name) << "MZ planted";
+        const HMODULE module = platform::win32::SystemLibrary(name);
+        std::filesystem::remove(folder / name);
         ASSERT_NE(nullptr, module) << GetLastError();
-        wchar_t loaded[MAX_PATH];
-        const DWORD loadedLength = GetModuleFileNameW(module, loaded, MAX_PATH);
-        const std::wstring expected = systemFolder + L"\\" + name;
-        EXPECT_EQ(0, _wcsicmp(expected.c_str(), std::wstring(loaded, loadedLength).c_str()));
+        const std::wstring loaded(path, path + GetModuleFileNameW(module, path, MAX_PATH));
+        EXPECT_EQ(0, _wcsicmp((system / name).c_str(), loaded.c_str()));
     }
 }
 
@@ -56,16 +47,9 @@ void MakeWatcher(std::optional<DeviceWatcher>& watcher) {
     CreateUsbDeviceWatcher(watcher, kOldName, L"vid_3c5e", L"pid_0f1c", L"");
 }
 
-ULONGLONG Elapsed(const std::function<void()>& action) {
-    const ULONGLONG start = GetTickCount64();
-    action();
-    return GetTickCount64() - start;
-}
-
 struct Squatter {
     const char* name;
-    // Creates the object by the old name; the handle is closed at the end of the row.
-    std::function<HANDLE()> take;
+    HANDLE (*take)();  // the object by the old name, closed at the end of the row
 };
 
 class NameSquatted : public testing::TestWithParam<Squatter> {};
@@ -77,25 +61,18 @@ TEST_P(NameSquatted, WaitsForADeviceThatNeverComesRunTheirFullLimit) {
     ASSERT_NE(nullptr, squatted);
     std::atomic<bool> stop{false};
     std::thread signaller([&] {
-        while (!stop) {
-            SetEvent(squatted);  // fails harmlessly on a mutex
-            Sleep(1);
-        }
+        for (; !stop; Sleep(1)) SetEvent(squatted);  // fails harmlessly on a mutex
     });
 
     std::optional<DeviceWatcher> watcher;
     MakeWatcher(watcher);
-    DWORD found = 0;
-    EXPECT_GE(Elapsed([&] { found = watcher->WaitForDevice(kLimitMs, kAbsent); }) + kTickMs,
-              kLimitMs);
-    EXPECT_EQ(2u, found);
+    ULONGLONG start = GetTickCount64();
+    EXPECT_EQ(2u, watcher->WaitForDevice(kLimitMs, kAbsent));
+    EXPECT_GE(GetTickCount64() - start + kTickMs, kLimitMs);
     watcher.reset();
-
-    LynxDfuDevicesFactory factory(nullptr);
-    std::size_t listed = 1;
-    EXPECT_GE(Elapsed([&] { listed = factory.GetDfuDevices(kLimitMs).size(); }) + kTickMs,
-              kLimitMs);
-    EXPECT_EQ(0u, listed);
+    start = GetTickCount64();
+    EXPECT_TRUE(LynxDfuDevicesFactory(nullptr).GetDfuDevices(kLimitMs).empty());
+    EXPECT_GE(GetTickCount64() - start + kTickMs, kLimitMs);
 
     stop = true;
     signaller.join();
@@ -113,8 +90,6 @@ TEST(Watchers, TwoInOneProcessDoNotWakeEachOther) {
     std::optional<DeviceWatcher> first, second;
     MakeWatcher(first);
     MakeWatcher(second);
-    ASSERT_NE(nullptr, first->arrivalEvent);
-    ASSERT_NE(nullptr, second->arrivalEvent);
     SetEvent(first->arrivalEvent);
     EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObject(second->arrivalEvent, 0));
     EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(first->arrivalEvent, 0));
@@ -124,9 +99,8 @@ TEST(Watchers, TwoInOneProcessDoNotWakeEachOther) {
 // system directory's cmd.exe by full path, never COMSPEC or PATH, and /d before the command.
 TEST(CommandInterpreter, TheSystemsCmdByFullPathWithAutoRunOff) {
     wchar_t system[MAX_PATH];
-    const UINT length = GetSystemDirectoryW(system, MAX_PATH);
-    ASSERT_GT(length, 0u);
-    const std::wstring cmd = std::wstring(system, length) + L"\\cmd.exe";
+    const std::wstring cmd =
+        std::wstring(system, GetSystemDirectoryW(system, MAX_PATH)) + L"\\cmd.exe";
     ASSERT_NE(INVALID_FILE_ATTRIBUTES, GetFileAttributesW(cmd.c_str()));
     for (const std::wstring command : {L"cls", L"pause"}) {
         const auto call = platform::win32::CommandInterpreter(command.c_str());
