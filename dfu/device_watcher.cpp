@@ -12,9 +12,13 @@ constexpr int kListAttempts = 5;
 
 DeviceWatcher::DeviceWatcher(std::wstring watcherName, DeviceFilter deviceFilter)
     : name(std::move(watcherName)), filter(std::move(deviceFilter)) {
-    const wchar_t* objectName = name.empty() ? nullptr : name.c_str();
-    arrivalEvent = CreateEventW(nullptr, TRUE, FALSE, objectName);
-    removalEvent = CreateEventW(nullptr, TRUE, FALSE, objectName);
+    // One unnamed event for arrivals and removals alike. A named one lives in the session's
+    // namespace, where any other program may create it first (the object names page: "use
+    // unique names and be sure to check function return values for duplicate-name errors"):
+    // one holding a mutex of that name makes the creation fail, so that every wait ends at
+    // once; one holding an event of that name can signal it. Nothing can open an unnamed
+    // event, and two watchers no longer wake each other.
+    arrivalEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
 
     CM_NOTIFY_FILTER notifyFilter;
     std::memset(&notifyFilter, 0, sizeof notifyFilter);
@@ -36,7 +40,6 @@ DeviceWatcher::~DeviceWatcher() {
         ResetEvent(arrivalEvent);
         CloseHandle(arrivalEvent);
     }
-    if (removalEvent != nullptr) CloseHandle(removalEvent);
 }
 
 void DeviceWatcher::AddDevice(const std::wstring& path) {
@@ -130,7 +133,7 @@ DWORD CALLBACK DeviceWatcher::OnNotification(HCMNOTIFICATION, PVOID context,
     } else {
         std::erase_if(watcher->devices,
                       [&](const auto& entry) { return entry.symbolicLink == path; });
-        SetEvent(watcher->removalEvent);
+        SetEvent(watcher->arrivalEvent);
     }
     return 0;
 }

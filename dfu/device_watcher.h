@@ -28,10 +28,9 @@ class DeviceWatcher {
     // 0 when the (lower-cased) path is in the list within about the time limit, 2 otherwise.
     DWORD WaitForDevice(std::uint32_t timeLimitMs, std::wstring path);
 
-    // Named after the watcher, so watchers of one name share their events, and a removal
-    // also ends a wait on arrivalEvent.
+    // Signalled when a record is added and when a matching interface is removed: a removal
+    // also ends a wait. Unnamed, so no other watcher or program can signal it.
     HANDLE arrivalEvent = nullptr;
-    HANDLE removalEvent = nullptr;
 
   private:
     static DWORD CALLBACK OnNotification(HCMNOTIFICATION notification, PVOID context,

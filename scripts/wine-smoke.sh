@@ -2,11 +2,14 @@
 # Runs lynx-dfu.exe under Wine with scripts of answers and checks what it prints: first on a
 # system without Media Foundation (as Windows N editions and Server without the media
 # feature are), where the program must start and every command that needs no camera must
-# work; then once with Media Foundation present. The Wine prefix is a fresh temporary folder,
-# removed when the test ends.
+# work; then once with Media Foundation present. Throughout, the session is one that an
+# unprivileged program has prepared: COMSPEC names a planted program, and DLLs named as the
+# system's lie beside the exe; neither may ever run. The Wine prefix is a fresh temporary
+# folder, removed when the test ends.
 set -euo pipefail
 
-exe="${1:?usage: wine-smoke.sh path/to/lynx-dfu.exe}"
+built="${1:?usage: wine-smoke.sh path/to/lynx-dfu.exe [path/to/comspec_marker.exe]}"
+marker_exe="${2:-$(dirname "$built")/../tests/windows/comspec_marker.exe}"
 source "$(dirname "$0")/wine-prefix.sh"
 
 failures=0
@@ -36,9 +39,31 @@ run() {
 # The first run creates the Wine prefix.
 "$wine" cmd /c exit >/dev/null 2>&1 || true
 
+# What any user may do without rights: set COMSPEC for the session (HKCU\Environment) to a
+# program of theirs, which leaves a marker file if it ever runs, and put DLLs named as the
+# system's beside the exe (not DLLs at all: loaded, they would fail the load).
+public="$WINEPREFIX/drive_c/users/Public"
+mkdir -p "$public/tool"
+cp "$marker_exe" "$public/comspec_marker.exe"
+marker="$public/comspec_marker.exe.ran"
+"$wine" reg add 'HKCU\Environment' /v COMSPEC /d 'C:\users\Public\comspec_marker.exe' /f >/dev/null 2>&1
+cp "$built" "$public/tool/lynx-dfu.exe"
+exe="$public/tool/lynx-dfu.exe"
+for dll in winusb cfgmgr32 mfplat mf; do echo "planted" >"$public/tool/$dll.dll"; done
+# The plant works: a program started now sees the planted COMSPEC.
+timeout 30 wineserver -w || true
+if "$wine" cmd /c 'echo %COMSPEC%' 2>/dev/null | tr -d '\r' | grep -Fx 'C:\users\Public\comspec_marker.exe' >/dev/null; then
+  echo "ok   COMSPEC planted in HKCU\Environment reaches new processes"
+else
+  echo "FAIL COMSPEC plant did not take"
+  failures=$((failures + 1))
+fi
+
 # Without Media Foundation: the loader must not refuse the program.
-export WINEDLLOVERRIDES="mfplat,mf=d"
-echo "-- without Media Foundation ($WINEDLLOVERRIDES)"
+# Without WinUSB and the configuration manager either: each is the failure of the step that
+# needs it, never of the program.
+export WINEDLLOVERRIDES="mfplat,mf,winusb,cfgmgr32=d"
+echo "-- without Media Foundation, WinUSB and cfgmgr32 ($WINEDLLOVERRIDES)"
 run "main menu, then Q" 'q\n' \
   "Vantrel (TM) Lynx Windows Device Firmware Update Tool for Vantrel Optyra Technology Main Menu" \
   "5: Configure Lynx Series Windows Device Firmware Update Tool Settings (Can run with or without camera device connected)." \
@@ -67,16 +92,20 @@ else
 fi
 
 # Typed on a console rather than piped: with a terminal as standard input Wine gives the
-# program a console, and answers are read with ReadConsoleW. The terminal's cursor moves
-# are dropped from the output, with the blanks they stand for.
-typed=$( (sleep 6; printf '3\r'; sleep 3; printf '\r'; sleep 3; printf 'q\r'; sleep 3) |
-  timeout 120 script -qfec "$wine $exe; echo exitstatus=\$?" /dev/null 2>/dev/null | tr -d '\033 ' |
-  sed 's/\[[0-9;?]*[a-zA-Z]//g') || true
+# program a console, and answers are read with ReadConsoleW. Keys 2, 3 and Q, a key at each
+# pause: seven clears (Wine's cls homes the cursor, ESC [ H), two pauses. The terminal's
+# cursor moves are dropped from the output, with the blanks they stand for.
+raw=$( (sleep 6; printf '2\r'; sleep 3; printf '\r'; sleep 3; printf '3\r'; sleep 3; printf '\r'; sleep 3
+  printf 'q\r'; sleep 3) | timeout 120 script -qfec "$wine $exe; echo exitstatus=\$?" /dev/null 2>/dev/null) || true
+clears=$(grep -ao $'\033\\[H' <<<"$raw" | wc -l) || true
+typed=$(tr -d '\033 ' <<<"$raw" | sed 's/\[[0-9;?]*[a-zA-Z]//g')
 if grep -aF 'NodevicesarestuckinDFUmode' <<<"$typed" >/dev/null &&
-  [ "$(grep -acF 'Q:Quit' <<<"$typed")" -ge 2 ] && grep -aF 'exitstatus=0' <<<"$typed" >/dev/null; then
-  echo "ok   answers typed on a console"
+  grep -aF 'UpdatableDevicesList' <<<"$typed" >/dev/null &&
+  [ "$(grep -acF 'Pressanykeytocontinue' <<<"$typed")" -ge 2 ] && [ "$clears" -ge 7 ] &&
+  [ "$(grep -acF 'Q:Quit' <<<"$typed")" -ge 3 ] && grep -aF 'exitstatus=0' <<<"$typed" >/dev/null; then
+  echo "ok   answers typed on a console: keys 2, 3 and Q, $clears clears and two pauses"
 else
-  echo "FAIL answers typed on a console:"
+  echo "FAIL answers typed on a console ($clears clears):"
   printf '%s\n' "$typed" | sed 's/^/    | /' | tail -20
   failures=$((failures + 1))
 fi
@@ -95,6 +124,28 @@ else
   echo "FAIL Media Foundation not loaded from system32:"
   grep -i 'loaddll' <<<"$loaded" | sed 's/^/    | /' | head -20
   failures=$((failures + 1))
+fi
+
+# The configuration manager from system32 (key 3 lists the DFU-mode devices), with keys 3
+# and 5 working; nothing planted beside the exe is loaded.
+loaded=$(printf '3\n\n5\n1\n1\n\nq\n' | WINEDEBUG=+loaddll timeout 300 "$wine" "$exe" 2>&1 | tr -d '\r' || true)
+if grep -Fi 'Loaded L"C:\\windows\\system32\\cfgmgr32.dll"' <<<"$loaded" >/dev/null &&
+  grep -F 'No devices are stuck in DFU mode' <<<"$loaded" >/dev/null &&
+  grep -F 'Vantrel (TM) Configure DFU mode:' <<<"$loaded" >/dev/null &&
+  ! grep -Fi 'users\\Public\\tool\\' <<<"$loaded" | grep -Fiv 'lynx-dfu.exe' >/dev/null; then
+  echo "ok   cfgmgr32.dll loaded from system32 for key 3, keys 3 and 5 work, nothing planted loaded"
+else
+  echo "FAIL cfgmgr32 not from system32, or keys 3 and 5 failed:"
+  grep -i 'loaddll\|DFU' <<<"$loaded" | sed 's/^/    | /' | head -20
+  failures=$((failures + 1))
+fi
+
+# The planted interpreter never ran, through all of the sessions above.
+if [ -e "$marker" ]; then
+  echo "FAIL the program named in COMSPEC ran"
+  failures=$((failures + 1))
+else
+  echo "ok   the program named in COMSPEC never ran"
 fi
 
 if [ "$failures" -ne 0 ]; then

@@ -10,15 +10,20 @@ namespace {
 const wchar_t* const kDfuServiceKey = L"SYSTEM\\CurrentControlSet\\Services\\OptyraCameraDFU";
 const wchar_t* const kDfuAutoModeValue = L"DFUAutoMode";
 
-// The value is UTF-16 text without a terminating null, whatever the width of wchar_t here.
-std::vector<BYTE> Utf16Bytes(const std::wstring& text) {
+// The value as UTF-16 text, whatever the width of wchar_t here, with its terminating null:
+// RegSetValueExW, cbData: "If the data is of type REG_SZ, REG_EXPAND_SZ, or REG_MULTI_SZ,
+// cbData must include the size of the terminating null character or characters." Given only
+// the text, Windows reads the unit after it and stores it too when it is 0: two bytes past
+// the buffer, and a stored size that depends on what the heap holds there.
+std::vector<BYTE> Utf16BytesWithNull(const std::wstring& text) {
     std::vector<BYTE> bytes;
-    bytes.reserve(text.size() * 2);
+    bytes.reserve((text.size() + 1) * 2);
     for (wchar_t ch : text) {
         const auto unit = static_cast<std::uint32_t>(ch);
         bytes.push_back(static_cast<BYTE>(unit & 0xFFu));
         bytes.push_back(static_cast<BYTE>((unit >> 8) & 0xFFu));
     }
+    bytes.insert(bytes.end(), {0, 0});
     return bytes;
 }
 
@@ -37,7 +42,7 @@ HRESULT LynxUpdatableDevice::WriteDfuAutoMode(const std::wstring& mode) {
         LogLine("Failed to open / create registry key with status ", static_cast<long>(opened));
         return E_FAIL;
     }
-    const std::vector<BYTE> data = Utf16Bytes(mode);
+    const std::vector<BYTE> data = Utf16BytesWithNull(mode);
     const LSTATUS written = RegSetValueExW(key, kDfuAutoModeValue, 0, REG_SZ, data.data(),
                                            static_cast<DWORD>(data.size()));
     if (written != ERROR_SUCCESS) {

@@ -13,15 +13,6 @@ class KernelObject {
     virtual ~KernelObject() = default;
 
     void Ref() { refs_.fetch_add(1, std::memory_order_relaxed); }
-    // Takes a reference unless the object is already on its way out.
-    bool TryRef() {
-        int count = refs_.load(std::memory_order_relaxed);
-        while (count > 0) {
-            if (refs_.compare_exchange_weak(count, count + 1, std::memory_order_acq_rel))
-                return true;
-        }
-        return false;
-    }
     // Drops one reference; the last one destroys the object.
     void Unref() {
         if (refs_.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;

@@ -30,6 +30,17 @@ LSTATUS RegSetValueExW(HKEY key, LPCWSTR valueName, DWORD, DWORD type, const BYT
                        DWORD size) {
     if (key == nullptr || key == HKEY_LOCAL_MACHINE)
         return static_cast<LSTATUS>(ERROR_INVALID_HANDLE);
+    if (type == REG_SZ) {
+        // cbData: "If the data is of type REG_SZ, REG_EXPAND_SZ, or REG_MULTI_SZ, cbData must
+        // include the size of the terminating null character or characters." Windows takes
+        // a text without it all the same (and reads past it); this stand-in refuses it, so
+        // that the lab catches the breach. The stores keep the text without its null, as
+        // the family's service is given it.
+        const bool terminated = data != nullptr && size >= 2 && size % 2 == 0 &&
+                                data[size - 2] == 0 && data[size - 1] == 0;
+        if (!terminated) return static_cast<LSTATUS>(ERROR_INVALID_PARAMETER);
+        size -= 2;
+    }
     return static_cast<LSTATUS>(platform::Backend().SetSettingsValue(
         key->path, valueName ? valueName : L"", type, data, size));
 }

@@ -2,9 +2,7 @@
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
-#include <map>
 #include <mutex>
-#include <string>
 #include <thread>
 
 #include "platform/posix/device_backend.h"
@@ -14,26 +12,9 @@
 namespace platform::posix {
 namespace {
 
-class Event;
-
-// Named events are one object per name while any handle to them is open, as on Windows.
-std::mutex namesMutex;
-std::map<std::wstring, Event*>& Names() {
-    static std::map<std::wstring, Event*> names;
-    return names;
-}
-
 class Event final : public KernelObject {
   public:
-    Event(bool manualReset, bool signalled, std::wstring name)
-        : manualReset_(manualReset), signalled_(signalled), name_(std::move(name)) {}
-
-    ~Event() override {
-        if (name_.empty()) return;
-        std::lock_guard lock(namesMutex);
-        auto it = Names().find(name_);
-        if (it != Names().end() && it->second == this) Names().erase(it);
-    }
+    Event(bool manualReset, bool signalled) : manualReset_(manualReset), signalled_(signalled) {}
 
     void Set() {
         {
@@ -77,7 +58,6 @@ class Event final : public KernelObject {
     std::condition_variable cv_;
     const bool manualReset_;
     bool signalled_;
-    const std::wstring name_;
 };
 
 }  // namespace
@@ -109,19 +89,15 @@ using platform::posix::Event;
 using platform::posix::EventFromHandle;
 using platform::posix::FromHandle;
 
+// The program creates no named object: a name in the session's namespace is one that any
+// other program may take first, hold as another kind of object or signal. Windows would
+// accept the name; this stand-in refuses it, so that the lab catches a named event at once.
 HANDLE CreateEventW(LPSECURITY_ATTRIBUTES, BOOL manualReset, BOOL initialState, LPCWSTR name) {
-    std::wstring objectName = name ? name : L"";
-    if (!objectName.empty()) {
-        std::lock_guard lock(platform::posix::namesMutex);
-        auto& names = platform::posix::Names();
-        if (auto it = names.find(objectName); it != names.end() && it->second->TryRef()) {
-            return platform::posix::ToHandle(it->second);
-        }
-        auto* event = new Event(manualReset != FALSE, initialState != FALSE, objectName);
-        names[objectName] = event;
-        return platform::posix::ToHandle(event);
+    if (name != nullptr) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return nullptr;
     }
-    return platform::posix::ToHandle(new Event(manualReset != FALSE, initialState != FALSE, {}));
+    return platform::posix::ToHandle(new Event(manualReset != FALSE, initialState != FALSE));
 }
 
 BOOL SetEvent(HANDLE event) {

@@ -1,7 +1,6 @@
 // The Windows console: the command interpreter's cls and pause, UTF-8 output, Unicode answers.
 #include <windows.h>
 
-#include <cstdlib>
 #include <iostream>
 #include <iterator>
 #include <string>
@@ -9,6 +8,7 @@
 #include "platform/common/answer_line.h"
 #include "platform/common/wide_stream.h"
 #include "platform/console.h"
+#include "platform/win32/command_interpreter.h"
 
 namespace {
 
@@ -33,7 +33,58 @@ bool IsConsole(HANDLE input) {
     return input != nullptr && input != INVALID_HANDLE_VALUE && GetConsoleMode(input, &mode);
 }
 
+// Runs the system's cmd.exe with one built-in command and waits for it, at most `limit`.
+// Not the C runtime's system: "system uses the COMSPEC and PATH environment variables to
+// locate the command-interpreter file CMD.exe", and any user may set COMSPEC for the
+// session (HKCU\Environment), which this elevated process inherits. Nor cmd.exe as system
+// starts it, "cmd /c": cmd first runs the command in HKCU\Software\Microsoft\Command
+// Processor\AutoRun, which any user may set too; "/D Disable execution of AutoRun commands
+// from registry" (cmd /?). The interpreter gets the console and the standard handles as
+// system would give them, so the clear, the prompt and the key are those the operator knows.
+void RunCommandInterpreter(const wchar_t* command, DWORD limit) {
+    std::cout.flush();
+    platform::win32::CommandInterpreterCall call = platform::win32::CommandInterpreter(command);
+    if (call.application.empty()) return;
+    STARTUPINFOW startup{};
+    startup.cb = sizeof startup;
+    PROCESS_INFORMATION process{};
+    // CreateProcessW, lpApplicationName: "The string can specify the full path and file name
+    // of the module to execute"; given, nothing is searched for. The command line must be
+    // writable: "The Unicode version of this function, CreateProcessW, can modify the
+    // contents of this string."
+    if (!CreateProcessW(call.application.c_str(), call.commandLine.data(), nullptr, nullptr, TRUE,
+                        0, nullptr, call.directory.c_str(), &startup, &process)) {
+        return;
+    }
+    CloseHandle(process.hThread);
+    WaitForSingleObject(process.hProcess, limit);
+    CloseHandle(process.hProcess);
+}
+
+// A clear that has not ended by then is left to itself; the pause waits for the operator's
+// key as long as the operator takes, as system("pause") did.
+constexpr DWORD kClearLimitMs = 10000;
+
 }  // namespace
+
+namespace platform::win32 {
+
+CommandInterpreterCall CommandInterpreter(const wchar_t* command) {
+    // GetSystemDirectoryW: "If the function succeeds, the return value is the length, in
+    // TCHARs, of the string copied to the buffer, not including the terminating null
+    // character. If the length is greater than the size of the buffer, the return value is
+    // the size of the buffer required to hold the path".
+    wchar_t directory[MAX_PATH];
+    const UINT length = GetSystemDirectoryW(directory, MAX_PATH);
+    if (length == 0 || length >= MAX_PATH) return {};
+    CommandInterpreterCall call;
+    call.directory.assign(directory, length);
+    call.application = call.directory + L"\\cmd.exe";
+    call.commandLine = L"\"" + call.application + L"\" /d /c " + command;
+    return call;
+}
+
+}  // namespace platform::win32
 
 namespace platform {
 
@@ -91,13 +142,11 @@ bool ConsoleInputEnded() {
 }
 
 void ClearConsole() {
-    std::cout.flush();
-    std::system("cls");
+    RunCommandInterpreter(L"cls", kClearLimitMs);
 }
 
 void PauseConsole() {
-    std::cout.flush();
-    std::system("pause");
+    RunCommandInterpreter(L"pause", INFINITE);
 }
 
 std::wostream& WideOut() {

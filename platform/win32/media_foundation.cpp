@@ -11,31 +11,16 @@
 #include <windows.h>
 
 #include "platform/mf.h"
+#include "platform/win32/system_library.h"
 
 namespace {
 
-// LoadLibraryExW, LOAD_LIBRARY_SEARCH_SYSTEM32: "If this value is used, %windows%\system32
-// is searched for the DLL and its dependencies. Directories in the standard search path are
-// not searched." A DLL of the same name beside the program, or in the current directory,
-// is never taken for the system's.
-HMODULE SystemModule(const wchar_t* name) {
-    return LoadLibraryExW(name, nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32);
-}
-
-HMODULE Mfplat() {
-    static const HMODULE module = SystemModule(L"mfplat.dll");
-    return module;
-}
-
-HMODULE Mf() {
-    static const HMODULE module = SystemModule(L"mf.dll");
-    return module;
-}
+constexpr const wchar_t* kMfplat = L"mfplat.dll";
+constexpr const wchar_t* kMf = L"mf.dll";
 
 template <typename Function>
-Function Find(HMODULE module, const char* name) {
-    if (module == nullptr) return nullptr;
-    return reinterpret_cast<Function>(reinterpret_cast<void*>(GetProcAddress(module, name)));
+Function Find(const wchar_t* library, const char* name) {
+    return platform::win32::SystemFunction<Function>(library, name);
 }
 
 // MFStartup: "E_NOTIMPL: Media Foundation is not implemented on the system. This error can
@@ -53,24 +38,24 @@ using CreateDeviceSourceActivateFunction = HRESULT(WINAPI*)(IMFAttributes*, IMFA
 extern "C" {
 
 HRESULT WINAPI MFStartup(ULONG version, DWORD flags) {
-    static const auto function = Find<StartupFunction>(Mfplat(), "MFStartup");
+    static const auto function = Find<StartupFunction>(kMfplat, "MFStartup");
     return function != nullptr ? function(version, flags) : kNotPresent;
 }
 
 HRESULT WINAPI MFShutdown() {
-    static const auto function = Find<ShutdownFunction>(Mfplat(), "MFShutdown");
+    static const auto function = Find<ShutdownFunction>(kMfplat, "MFShutdown");
     return function != nullptr ? function() : kNotPresent;
 }
 
 HRESULT WINAPI MFCreateAttributes(IMFAttributes** attributes, UINT32 initialSize) {
-    static const auto function = Find<CreateAttributesFunction>(Mfplat(), "MFCreateAttributes");
+    static const auto function = Find<CreateAttributesFunction>(kMfplat, "MFCreateAttributes");
     if (attributes != nullptr) *attributes = nullptr;
     return function != nullptr ? function(attributes, initialSize) : kNotPresent;
 }
 
 HRESULT WINAPI MFEnumDeviceSources(IMFAttributes* attributes, IMFActivate*** sources,
                                    UINT32* count) {
-    static const auto function = Find<EnumDeviceSourcesFunction>(Mf(), "MFEnumDeviceSources");
+    static const auto function = Find<EnumDeviceSourcesFunction>(kMf, "MFEnumDeviceSources");
     if (function != nullptr) return function(attributes, sources, count);
     if (sources != nullptr) *sources = nullptr;
     if (count != nullptr) *count = 0;
@@ -79,7 +64,7 @@ HRESULT WINAPI MFEnumDeviceSources(IMFAttributes* attributes, IMFActivate*** sou
 
 HRESULT WINAPI MFCreateDeviceSourceActivate(IMFAttributes* attributes, IMFActivate** activate) {
     static const auto function =
-        Find<CreateDeviceSourceActivateFunction>(Mf(), "MFCreateDeviceSourceActivate");
+        Find<CreateDeviceSourceActivateFunction>(kMf, "MFCreateDeviceSourceActivate");
     if (function != nullptr) return function(attributes, activate);
     if (activate != nullptr) *activate = nullptr;
     return kNotPresent;

@@ -274,7 +274,7 @@ TEST_P(RescanRace, ListAndEventAfterTheRescan) {
         lab.bus->duringList = c.duringRescan;
 
         EXPECT_EQ(c.listed, Links(watcher->GetDevices()));
-        // One name, one event object: a removal ends a wait on the arrival event as well.
+        // One event for both: a removal ends a wait on the arrival event as well.
         EXPECT_EQ(c.signalled ? WAIT_OBJECT_0 : WAIT_TIMEOUT,
                   WaitForSingleObject(watcher->arrivalEvent, 0));
     }
