@@ -18,6 +18,8 @@
 
 #include <atomic>
 
+#include "platform/win32/interrupts.h"
+
 #include "platform/interrupts.h"
 
 namespace {
@@ -25,7 +27,11 @@ namespace {
 std::atomic<int> holds{0};
 std::atomic<bool> keptBack{false};
 
-BOOL WINAPI KeepBackWhileHeld(DWORD ctrlType) {
+}  // namespace
+
+namespace platform::win32 {
+
+BOOL WINAPI KeepInterruptsBackWhileHeld(DWORD ctrlType) {
     if ((ctrlType == CTRL_C_EVENT || ctrlType == CTRL_BREAK_EVENT) && holds.load() > 0) {
         keptBack.store(true);
         return TRUE;
@@ -33,16 +39,16 @@ BOOL WINAPI KeepBackWhileHeld(DWORD ctrlType) {
     return FALSE;
 }
 
-}  // namespace
+}  // namespace platform::win32
 
 namespace platform {
 
 InterruptHold::InterruptHold() {
-    if (holds.fetch_add(1) == 0) SetConsoleCtrlHandler(KeepBackWhileHeld, TRUE);
+    if (holds.fetch_add(1) == 0) SetConsoleCtrlHandler(win32::KeepInterruptsBackWhileHeld, TRUE);
 }
 
 InterruptHold::~InterruptHold() {
-    if (holds.fetch_sub(1) == 1) SetConsoleCtrlHandler(KeepBackWhileHeld, FALSE);
+    if (holds.fetch_sub(1) == 1) SetConsoleCtrlHandler(win32::KeepInterruptsBackWhileHeld, FALSE);
 }
 
 bool InterruptKeptBack() {
