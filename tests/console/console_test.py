@@ -8,13 +8,14 @@ among them, is taken whole: the `q` typed next quits), crlf-answers (a script of
 written on Windows burns the sample image), closed-stdout (a reader that has gone away ends
 neither program early, and the lab still writes its state dump), interrupted-download
 (Ctrl+C or SIGTERM in the middle of a download: the image is written whole, then the program
-ends by that signal without its pause), terminal-given-back (a signal at a pause leaves the
-terminal as it was; a stop and a continue at a pause, and the pause takes one key again).
+ends by that signal without its pause), terminal-given-back (a signal at a pause, a crash among them, leaves
+the terminal as it was; a stop and a continue at a pause, and the pause takes one key again).
 Every wait is bounded.
 """
 import json
 import os
 import pty
+import resource
 import select
 import signal
 import subprocess
@@ -37,6 +38,7 @@ def run_as_job(argv):
     """In the child of pty.fork: runs argv as a job-control shell runs a foreground job (a
     process group of its own, so that a stop stops it), then ends as the job ended."""
     signal.signal(signal.SIGTTOU, signal.SIG_IGN)
+    resource.setrlimit(resource.RLIMIT_CORE, (0, 0))  # a crash leaves no core file behind
     job = os.fork()
     if job == 0:
         os.setpgid(0, 0)
@@ -270,7 +272,8 @@ def raw_at_pause(settings):
 
 def terminal_given_back(lab, src):
     for name, sig in [("SIGTERM", signal.SIGTERM), ("SIGHUP", signal.SIGHUP),
-                      ("SIGINT", signal.SIGINT), ("stop and continue", signal.SIGTSTP)]:
+                      ("SIGINT", signal.SIGINT), ("a crash", signal.SIGSEGV),
+                      ("an abort", signal.SIGABRT), ("stop and continue", signal.SIGTSTP)]:
         session = Pty([lab], src, job=True)
         at = session.wait_for(MENU_PROMPT, 0)
         session.send(b"2\n")
