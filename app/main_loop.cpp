@@ -7,6 +7,7 @@
 #include "app/console_ops.h"
 #include "platform/com.h"
 #include "platform/console.h"
+#include "platform/interrupts.h"
 #include "platform/mf.h"
 
 void ShowMainMenu() {
@@ -25,6 +26,18 @@ void ShowMainMenu() {
         << "? ";
     std::cout.flush();
 }
+
+namespace {
+
+// After a command that writes a camera: an interrupt kept back during the write ends the
+// program now, without the pause and without another menu (false); otherwise the pause.
+bool PauseUnlessInterrupted() {
+    if (platform::InterruptKeptBack()) return false;
+    Pause();
+    return true;
+}
+
+}  // namespace
 
 int RunLynxDfu() {
     platform::InitConsole();
@@ -48,7 +61,7 @@ int RunLynxDfu() {
         switch (line[0]) {
             case '1':
                 UpdateCameraDevice();
-                Pause();
+                running = PauseUnlessInterrupted();
                 break;
             case '2':
                 ShowDevicesList(false, true, "Updatable Devices List");
@@ -56,7 +69,7 @@ int RunLynxDfu() {
                 break;
             case '3':
                 RecoverDfuDevices();
-                Pause();
+                running = PauseUnlessInterrupted();
                 break;
             case '4':
                 ShowSettingsMenu();

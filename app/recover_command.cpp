@@ -7,6 +7,7 @@
 #include "dfu/dfu_devices_factory.h"
 #include "diag/answer.h"
 #include "platform/console.h"
+#include "platform/interrupts.h"
 
 void RecoverDfuDevices() {
     std::cout << kSeparatorLine << g_vendorPrefix << "Recovering devices from DFU\n";
@@ -31,6 +32,8 @@ void RecoverDfuDevices() {
     std::cout << "Enter path and filename (e.g. c:\\Documents\\newFirmware.bin: )";
     std::cout.flush();
     const std::string path = ReadLine();
-    // The device and the protocol report progress and failures themselves.
+    // The device and the protocol report progress and failures themselves. Nothing may cut
+    // the burn in half.
+    const platform::InterruptHold hold;
     devices[static_cast<std::size_t>(index - 1)]->Burn(path.c_str());
 }

@@ -9,6 +9,7 @@
 #include "camera/camera_devices_factory.h"
 #include "diag/answer.h"
 #include "platform/console.h"
+#include "platform/interrupts.h"
 
 void UpdateCameraDevice() {
     std::cout << kSeparatorLine << g_vendorPrefix << "Firmware Update:\n";
@@ -39,7 +40,12 @@ void UpdateCameraDevice() {
     std::cout << "Enter path and filename (e.g. c:\\Documents\\newFirmware.bin: )";
     std::cout.flush();
     const std::string path = ReadLine();
-    if (updatable[static_cast<std::size_t>(number - 1)]->UpdateFirmware(path.c_str()) != 0) {
-        std::cout << "Failed to burn firmware\n";
+    HRESULT status = S_OK;
+    {
+        // From the switch into DFU mode to the end of the last burn, nothing may cut the
+        // camera's update in half.
+        const platform::InterruptHold hold;
+        status = updatable[static_cast<std::size_t>(number - 1)]->UpdateFirmware(path.c_str());
     }
+    if (status != 0) std::cout << "Failed to burn firmware\n";
 }

@@ -2,6 +2,7 @@
 #include <csignal>
 
 #include "app/main_loop.h"
+#include "platform/interrupts.h"
 #include "platform/linux/linux_backend.h"
 
 int main() {
@@ -11,5 +12,6 @@ int main() {
     platform::InstallBackend(platform::linux_hw::CreateLinuxBackend());
     const int status = RunLynxDfu();
     platform::InstallBackend(nullptr);
+    platform::EndByKeptBackInterrupt();
     return status;
 }

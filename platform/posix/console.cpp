@@ -9,6 +9,7 @@
 #include "platform/common/answer_line.h"
 #include "platform/common/wide_stream.h"
 #include "platform/console.h"
+#include "platform/posix/signals.h"
 
 HWND GetConsoleWindow() {
     return nullptr;
@@ -19,9 +20,14 @@ BOOL SetWindowPos(HWND, HWND, int, int, int, int, UINT) {
 
 namespace platform {
 
-void InitConsole() {}
+// The terminal is given back on every way out by a signal, and taken up again after a stop.
+void InitConsole() {
+    posix::InstallSignalHandlers();
+}
 
-void RestoreConsole() {}
+void RestoreConsole() {
+    posix::RemoveSignalHandlers();
+}
 
 bool ReadConsoleLine(std::string& line) {
     return ReadAnswerLine(std::cin, line);
@@ -74,7 +80,8 @@ void SkipUtf8Continuation(int lead) {
 
 // The rest of one key whose first byte has been read. A terminal sends a key as one write:
 // an escape sequence (ESC [ parameters final, ESC O final, ESC [ [ final on the Linux
-// console, ESC before a key pressed with Alt), or a UTF-8 character of several bytes.
+// console, ESC O with parameters for a function key with Shift on xterm: ESC O 2 P), ESC
+// before a key pressed with Alt, or a UTF-8 character of several bytes.
 void SkipRestOfKey(int first, int depth = 0) {
     if (first != 0x1B) {
         SkipUtf8Continuation(first);
@@ -82,14 +89,12 @@ void SkipRestOfKey(int first, int depth = 0) {
     }
     const int second = NextKeyByte();
     if (second == std::char_traits<char>::eof()) return;  // Esc on its own
-    if (second == '[') {
+    if (second == '[' || second == 'O') {
         // Parameter and intermediate bytes, then one final byte; bounded against a stream
         // of garbage.
         int byte = NextKeyByte();
-        if (byte == '[') byte = NextKeyByte();
+        if (second == '[' && byte == '[') byte = NextKeyByte();
         for (int i = 0; i < 32 && byte >= 0x20 && byte <= 0x3F; ++i) byte = NextKeyByte();
-    } else if (second == 'O') {
-        NextKeyByte();
     } else if (second == 0x1B && depth == 0) {
         SkipRestOfKey(second, depth + 1);
     } else {
@@ -109,6 +114,7 @@ void PauseConsole() {
             raw.c_lflag &= static_cast<tcflag_t>(~(ICANON | ECHO));
             raw.c_cc[VMIN] = 1;
             raw.c_cc[VTIME] = 0;
+            posix::GuardTerminal(saved, raw);
             tcsetattr(STDIN_FILENO, TCSANOW, &raw);
             const int first = std::cin.get();
             if (first != std::char_traits<char>::eof()) {
@@ -116,10 +122,12 @@ void PauseConsole() {
                 // for each further byte, so that a lone Esc does not hang the pause.
                 raw.c_cc[VMIN] = 0;
                 raw.c_cc[VTIME] = 1;
+                posix::GuardTerminal(saved, raw);
                 tcsetattr(STDIN_FILENO, TCSANOW, &raw);
                 SkipRestOfKey(first);
             }
             tcsetattr(STDIN_FILENO, TCSANOW, &saved);
+            posix::UnguardTerminal();
         } else {
             std::cin.get();
         }

@@ -10,6 +10,7 @@
 #include <string_view>
 
 #include "app/main_loop.h"
+#include "platform/interrupts.h"
 #include "platform/posix/device_backend.h"
 #include "platform/sim/sim_world.h"
 
@@ -129,5 +130,7 @@ int main(int argc, char** argv) {
             return 1;
         }
     }
+    // An interrupt kept back during a download ends the lab once the state is written.
+    platform::EndByKeptBackInterrupt();
     return status;
 }

@@ -2,6 +2,7 @@
 #include <windows.h>
 
 #include "app/main_loop.h"
+#include "platform/interrupts.h"
 
 int wmain() {
     // Before anything can load a DLL: every later load by name, the system's own included
@@ -10,5 +11,7 @@ int wmain() {
     // %windows%\system32 is searched for the DLL and its dependencies." The application's
     // folder and the current directory, which a user may be able to write, are left out.
     SetDefaultDllDirectories(LOAD_LIBRARY_SEARCH_SYSTEM32);
-    return RunLynxDfu();
+    const int status = RunLynxDfu();
+    platform::EndByKeptBackInterrupt();
+    return status;
 }

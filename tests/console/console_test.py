@@ -6,16 +6,24 @@
 CASE: pause-keys (at "Press any key" each key of a table, escape sequences and a lone Esc
 among them, is taken whole: the `q` typed next quits), crlf-answers (a script of answers
 written on Windows burns the sample image), closed-stdout (a reader that has gone away ends
-neither program early, and the lab still writes its state dump). Every wait is bounded.
+neither program early, and the lab still writes its state dump), interrupted-download
+(Ctrl+C or SIGTERM in the middle of a download: the image is written whole, then the program
+ends by that signal without its pause), terminal-given-back (a signal at a pause, a crash among them, leaves
+the terminal as it was; a stop and a continue at a pause, and the pause takes one key again).
+Every wait is bounded.
 """
 import json
 import os
 import pty
+import resource
 import select
+import signal
 import subprocess
 import sys
 import tempfile
+import termios
 import time
+import zlib
 
 PROMPT = b"Press any key to continue . . . "
 MENU_PROMPT = b"Q: Quit\n? "
@@ -26,13 +34,42 @@ def fail(case, text):
     failures.append(f"{case}: {text}")
 
 
+def run_as_job(argv):
+    """In the child of pty.fork: runs argv as a job-control shell runs a foreground job (a
+    process group of its own, so that a stop stops it), then ends as the job ended."""
+    signal.signal(signal.SIGTTOU, signal.SIG_IGN)
+    resource.setrlimit(resource.RLIMIT_CORE, (0, 0))  # a crash leaves no core file behind
+    job = os.fork()
+    if job == 0:
+        os.setpgid(0, 0)
+        os.tcsetpgrp(0, os.getpid())
+        signal.signal(signal.SIGTTOU, signal.SIG_DFL)
+        os.execv(argv[0], argv)
+    _, status = os.waitpid(job, 0)
+    if os.WIFSIGNALED(status):
+        signal.signal(os.WTERMSIG(status), signal.SIG_DFL)
+        os.kill(os.getpid(), os.WTERMSIG(status))
+    os._exit(os.waitstatus_to_exitcode(status) & 0xFF)
+
+
 class Pty:
-    def __init__(self, argv, cwd):
+    def __init__(self, argv, cwd, job=False):
         self.pid, self.fd = pty.fork()
         if self.pid == 0:
             os.chdir(cwd)
+            if job:
+                run_as_job(argv)
             os.execv(argv[0], argv)
         self.seen = b""
+        # The terminal's settings before the program could touch them.
+        self.found = termios.tcgetattr(self.fd)
+
+    def settings(self):
+        return termios.tcgetattr(self.fd)
+
+    def job(self):
+        """The process group in the terminal's foreground (the program, when run as a job)."""
+        return os.tcgetpgrp(self.fd)
 
     def wait_for(self, text, after, seconds=10.0):
         """Reads until `text` appears after offset `after`; returns the offset past it."""
@@ -62,10 +99,12 @@ class Pty:
             self.wait_for(b"\0never\0", len(self.seen), 0.05)
             pid, status = os.waitpid(self.pid, os.WNOHANG)
             if pid:
+                self.last_settings = self.settings()
                 os.close(self.fd)
                 return os.waitstatus_to_exitcode(status)
         os.kill(self.pid, 9)
         os.waitpid(self.pid, 0)
+        self.last_settings = self.settings()
         os.close(self.fd)
         return None
 
@@ -81,6 +120,7 @@ KEYS = [
     ("e acute", "é".encode(), 0),
     ("euro sign", "€".encode(), 0),
     ("emoji", "\U0001F4F7".encode(), 0),
+    ("shift+F1 on xterm", b"\x1bO2P", 0),
     ("lone Esc", b"\x1b", 0.5),
     ("plain key", b"x", 0),
 ]
@@ -155,11 +195,133 @@ def closed_stdout(lab, linux, src):
                 os.close(write_end)
 
 
+def until(condition, seconds=10.0):
+    """Polls `condition` until it holds or the bound passes; returns whether it held."""
+    deadline = time.monotonic() + seconds
+    while not condition():
+        if time.monotonic() > deadline:
+            return False
+        time.sleep(0.01)
+    return True
+
+
+# Devices that take a while over each block, so that a signal lands in the middle: a camera
+# of the family (key 1), a device already in DFU mode (key 3).
+SLOW_DFU = {"busyPolls": 1, "pollTimeoutMs": 200}
+CAMERA = {"cameras": [{
+    "name": "Lynx LX20 Depth Camera", "lynx": True, "firmware": "5.10.0.28",
+    "firmwareAfterUpdate": "5.16.0.1",
+    "dfu": dict(SLOW_DFU, link="\\\\?\\USB#VID_3C5E&PID_0F1C#8&3d2e1f0a&0&2#"
+                               "{a5dcbf10-6530-11d2-901f-00c04fb951ed}")}]}
+STUCK = {"dfuDevices": [dict(SLOW_DFU, link="\\\\?\\USB#VID_3C5E&PID_0F1C#5&1f2e3d4c&0&1#"
+                                             "{a5dcbf10-6530-11d2-901f-00c04fb951ed}")]}
+LAST_BLOCK = b"Downloaded 880, bytes remaining 0\n"
+
+# name | world | answers up to the image path | signal typed (bytes) or sent | the signal
+INTERRUPTS = [
+    ("key 3, Ctrl+C typed", STUCK, b"3\n1\n", b"\x03", signal.SIGINT),
+    ("key 3, SIGTERM", STUCK, b"3\n1\n", None, signal.SIGTERM),
+    ("key 1, Ctrl+C typed", CAMERA, b"1\n1\n", b"\x03", signal.SIGINT),
+    ("key 1, SIGHUP", CAMERA, b"1\n1\n", None, signal.SIGHUP),
+]
+
+
+def interrupted_download(lab, src):
+    image = os.path.join(src, "lab", "sample-firmware.bin")
+    crc = "%08x" % zlib.crc32(open(image, "rb").read())
+    with tempfile.TemporaryDirectory() as scratch:
+        world, dump = os.path.join(scratch, "world.json"), os.path.join(scratch, "state.json")
+        for name, world_spec, answers, typed, sig in INTERRUPTS:
+            with open(world, "w") as out:
+                json.dump(world_spec, out)
+            if os.path.exists(dump):
+                os.remove(dump)
+            session = Pty([lab, "--world=" + world, "--dump-state=" + dump], src, job=True)
+            at = session.wait_for(MENU_PROMPT, 0)
+            session.send(answers + image.encode() + b"\n")
+            at = at and session.wait_for(b"Downloaded 1024, bytes remaining 4976\n", at)
+            if at is None:
+                fail(name, "no download began: " + session.seen[-300:].decode(errors="replace"))
+                session.finish(0)
+                continue
+            if typed:
+                session.send(typed)
+            else:
+                os.killpg(session.job(), sig)
+            status = session.finish()
+            tail = session.seen[at:]
+            if status != -sig:
+                fail(name, f"exit status {status}, not the signal's {-sig}")
+            if not tail.endswith(LAST_BLOCK) or PROMPT in tail or MENU_PROMPT in tail:
+                fail(name, "the download did not end as the last thing shown:\n" +
+                     tail.decode(errors="replace"))
+            text = open(dump).read() if os.path.exists(dump) else ""
+            state = json.loads(text) if text else {}
+            downloads = [(d.get("bytes"), d.get("crc32"), d.get("manifested"))
+                         for d in state.get("downloads", [])]
+            if downloads != [(6000, crc, True)]:
+                fail(name, f"the image was not written whole: {state}")
+            firmware = [c.get("firmware") for c in state.get("cameras", [])]
+            if world_spec is CAMERA and firmware != ["5.16.0.1"]:
+                fail(name, f"the camera did not come back updated: {firmware}")
+
+
+def raw_at_pause(settings):
+    return not settings[3] & termios.ICANON
+
+
+def terminal_given_back(lab, src):
+    for name, sig in [("SIGTERM", signal.SIGTERM), ("SIGHUP", signal.SIGHUP),
+                      ("SIGINT", signal.SIGINT), ("a crash", signal.SIGSEGV),
+                      ("an abort", signal.SIGABRT), ("stop and continue", signal.SIGTSTP)]:
+        session = Pty([lab], src, job=True)
+        at = session.wait_for(MENU_PROMPT, 0)
+        session.send(b"2\n")
+        at = at and session.wait_for(PROMPT, at)
+        if at is None or not until(lambda: raw_at_pause(session.settings())):
+            fail(name, "the pause did not take single keys")
+            session.finish(0)
+            continue
+        job = session.job()
+        os.killpg(job, sig)
+        if sig != signal.SIGTSTP:
+            status = session.finish()
+            # Under a sanitizer, a SIGSEGV is reported and ends the program with its status.
+            sanitized = sig == signal.SIGSEGV and status not in (None, 0)
+            if status != -sig and not sanitized:
+                fail(name, f"exit status {status}, not the signal's {-sig}")
+        else:
+            stopped = until(lambda: open(f"/proc/{job}/stat").read().split(")")[1].split()[0]
+                            == "T")
+            if not stopped:
+                fail(name, "the program did not stop")
+            if session.settings() != session.found:
+                fail(name, "the stopped program kept the terminal's settings")
+            # As a shell does while its job is stopped: the terminal is the shell's.
+            termios.tcsetattr(session.fd, termios.TCSANOW, session.found)
+            os.killpg(job, signal.SIGCONT)
+            if not until(lambda: raw_at_pause(session.settings())):
+                fail(name, "the pause did not take single keys again after the continue")
+            # One key, no Enter: the menu comes back, and q quits.
+            session.send(b"x")
+            if session.wait_for(MENU_PROMPT, at) is None:
+                fail(name, "one key did not end the pause after the continue")
+            session.send(b"q\n")
+            status = session.finish()
+            if status != 0:
+                fail(name, f"exit status {status} after q")
+        if session.last_settings != session.found:
+            fail(name, f"the terminal was left as {session.last_settings}, "
+                       f"not as found {session.found}")
+
+
 def main():
     case, lab, linux, src = sys.argv[1:5]
     cases = {"pause-keys": lambda: pause_keys(lab, src),
              "crlf-answers": lambda: crlf_answers(lab, src),
-             "closed-stdout": lambda: closed_stdout(lab, linux, src)}
+             "closed-stdout": lambda: closed_stdout(lab, linux, src),
+             "interrupted-download": lambda: interrupted_download(lab, src),
+             "terminal-given-back": lambda: terminal_given_back(lab, src)}
     if case not in cases:
         sys.exit(f"unknown case {case}")
     cases[case]()
