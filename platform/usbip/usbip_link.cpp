@@ -162,7 +162,7 @@ bool Link::ServeOne(const ControlHandler& handler) {
         if (!ReadExact(out.data(), length)) return false;
     }
     if (packets != 0 && packets != 0xFFFFFFFFu) {
-        // Isochronous descriptors follow; nothing here streams, so none is answered.
+        // Isochronous descriptors follow; the streams are bulk, so none is ever answered.
         Bytes skip(16 * packets);
         if (!ReadExact(skip.data(), skip.size())) return false;
     }

@@ -54,7 +54,7 @@ class Stream {
 
 // The pattern: a moving bar over a ramp, the firmware version in large digits, and the same
 // text as plain bytes at the start of the last row, where a program can read it back.
-// `bytesPerPixel` 2; `depth` draws distances in millimetres instead of YUYV.
+// Two bytes a pixel: YUYV, or with `depth` distances in millimetres.
 void DrawPattern(usbip::Bytes& frame, unsigned width, unsigned height, bool depth,
                  std::uint32_t count, const std::string& text);
 
