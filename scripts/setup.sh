@@ -16,7 +16,7 @@ case "${1:-}" in
       python3 clang clang-format libclang-rt-14-dev
       libgtest-dev libgmock-dev libbenchmark-dev
       dpkg-dev mingw-w64 wine wine64
-      qemu-system-x86 busybox-static dfu-util
+      qemu-system-x86 busybox-static dfu-util v4l-utils
       gcovr
     )
     ;;

@@ -14,8 +14,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <set>
 
+#include "platform/linux/camera_functions.h"
 #include "platform/linux/settings_store.h"
 #include "platform/linux/sysfs.h"
 #include "platform/linux/uevent_monitor.h"
@@ -154,7 +156,9 @@ struct CaptureNode {
 
 class V4l2Connection final : public VideoDeviceConnection {
   public:
-    V4l2Connection(int fd, UvcControlInterface control) : fd_(fd), control_(std::move(control)) {}
+    // `fds`: the function's capture nodes, lowest first.
+    V4l2Connection(std::vector<std::unique_ptr<FileDescriptor>> fds, UvcControlInterface control)
+        : fds_(std::move(fds)), control_(std::move(control)) {}
 
     HRESULT GetNodeCount(std::uint32_t* count) override {
         *count = static_cast<std::uint32_t>(control_.entities.size());
@@ -225,12 +229,17 @@ class V4l2Connection final : public VideoDeviceConnection {
         request.query = query;
         request.size = static_cast<std::uint16_t>(size);
         request.data = data;
-        return RetryIoctl(fd_.get(), UVCIOC_CTRL_QUERY, &request) < 0 ? ErrorFromErrno(errno)
-                                                                      : ERROR_SUCCESS;
+        // uvcvideo answers for a unit only on a node whose chain holds it: the lowest such
+        // node is found once and kept.
+        const int error = QueryThroughChains(fds_.size(), &unitNode_[unit], [&](std::size_t node) {
+            return RetryIoctl(fds_[node]->get(), UVCIOC_CTRL_QUERY, &request) < 0 ? errno : 0;
+        });
+        return error == 0 ? ERROR_SUCCESS : ErrorFromErrno(error);
     }
 
-    FileDescriptor fd_;
+    std::vector<std::unique_ptr<FileDescriptor>> fds_;
     UvcControlInterface control_;
+    std::map<std::uint8_t, std::size_t> unitNode_;
 };
 
 std::wstring WidenUtf8(const std::string& text) {
@@ -301,9 +310,14 @@ class LinuxBackend final : public DeviceBackend {
 
     std::vector<VideoCaptureDeviceInfo> ListVideoCaptureDevices(VideoCategory category) override {
         std::vector<VideoCaptureDeviceInfo> devices;
-        // Linux has no sensor-camera category; every capture node is a plain one.
+        // Linux has no sensor-camera category; every camera is a plain one, named by the
+        // lowest capture node of its function.
         if (category != VideoCategory::kVideoCapture) return devices;
-        for (const CaptureNode& node : CaptureNodes()) {
+        const std::vector<CaptureNode> nodes = CaptureNodes();
+        for (const CameraFunction& function : GroupCameraFunctions(Records(nodes))) {
+            const CaptureNode& node = *std::find_if(nodes.begin(), nodes.end(), [&](const auto& n) {
+                return NodeNumber(n.nodeName) == function.nodes.front();
+            });
             devices.push_back({node.friendlyName,
                                BuildVideoLink(node.address, node.interfaceNumber, node.nodeName)});
         }
@@ -328,9 +342,19 @@ class LinuxBackend final : public DeviceBackend {
         const auto control =
             FindControlInterface(*descriptors, *configuration, node->interfaceNumber);
         if (!control) return HResultFromError(ERROR_NOT_SUPPORTED);
-        const int fd = ::open((paths_.dev + "/" + node->nodeName).c_str(), O_RDWR | O_CLOEXEC);
-        if (fd < 0) return HResultFromError(ErrorFromErrno(errno));
-        *connection = std::make_unique<V4l2Connection>(fd, std::move(*control));
+        std::vector<std::unique_ptr<FileDescriptor>> fds;
+        for (const CaptureNode& sibling : CaptureNodes()) {
+            if (sibling.address.sysName != node->address.sysName ||
+                sibling.interfaceNumber != node->interfaceNumber) {
+                continue;
+            }
+            const int fd =
+                ::open((paths_.dev + "/" + sibling.nodeName).c_str(), O_RDWR | O_CLOEXEC);
+            if (fd < 0) return HResultFromError(ErrorFromErrno(errno));
+            fds.push_back(std::make_unique<FileDescriptor>(fd));
+        }
+        if (fds.empty()) return HResultFromError(ERROR_DEVICE_NOT_CONNECTED);
+        *connection = std::make_unique<V4l2Connection>(std::move(fds), std::move(*control));
         return S_OK;
     }
 
@@ -397,17 +421,32 @@ class LinuxBackend final : public DeviceBackend {
         return node;
     }
 
+    static unsigned NodeNumber(const std::string& name) {
+        unsigned index = 0;
+        std::sscanf(name.c_str(), "video%u", &index);
+        return index;
+    }
+
+    static std::vector<CaptureNodeRecord> Records(const std::vector<CaptureNode>& nodes) {
+        std::vector<CaptureNodeRecord> records;
+        for (const CaptureNode& node : nodes) {
+            records.push_back(
+                {NodeNumber(node.nodeName), node.address.sysName, node.interfaceNumber});
+        }
+        return records;
+    }
+
+    // Every capture node, lowest number first.
     std::vector<CaptureNode> CaptureNodes() const {
-        std::vector<std::pair<unsigned, CaptureNode>> numbered;
+        std::vector<CaptureNode> nodes;
         for (const std::string& name : ListDirectory(paths_.sys + "/class/video4linux")) {
             unsigned index = 0;
             if (std::sscanf(name.c_str(), "video%u", &index) != 1) continue;
-            if (auto node = DescribeNode(name)) numbered.emplace_back(index, std::move(*node));
+            if (auto node = DescribeNode(name)) nodes.push_back(std::move(*node));
         }
-        std::sort(numbered.begin(), numbered.end(),
-                  [](const auto& a, const auto& b) { return a.first < b.first; });
-        std::vector<CaptureNode> nodes;
-        for (auto& entry : numbered) nodes.push_back(std::move(entry.second));
+        std::sort(nodes.begin(), nodes.end(), [](const auto& a, const auto& b) {
+            return NodeNumber(a.nodeName) < NodeNumber(b.nodeName);
+        });
         return nodes;
     }
 

@@ -85,7 +85,7 @@ bool Link::Attach(std::string* error) {
         return false;
     }
     socket_ = pair[0];
-    pending_.clear();
+    held_.clear();
     return true;
 }
 
@@ -131,7 +131,17 @@ bool Link::ServeOne(const ControlHandler& handler) {
     if (command == kCmdUnlink) {
         // Only requests held back can still be unlinked; control requests are answered at
         // once.
-        const bool held = pending_.erase(GetBe32(header + 20)) > 0;
+        bool held = false;
+        for (auto& [endpoint, queue] : held_) {
+            const auto found = std::find_if(queue.begin(), queue.end(), [&](const Held& h) {
+                return h.seqnum == GetBe32(header + 20);
+            });
+            if (found != queue.end()) {
+                queue.erase(found);
+                held = true;
+                break;
+            }
+        }
         Bytes reply(kHeaderSize, 0);
         PutBe32(reply.data(), kRetUnlink);
         PutBe32(reply.data() + 4, seqnum);
@@ -152,14 +162,13 @@ bool Link::ServeOne(const ControlHandler& handler) {
         if (!ReadExact(out.data(), length)) return false;
     }
     if (packets != 0 && packets != 0xFFFFFFFFu) {
-        // Isochronous descriptors follow; nothing here streams, so none is answered.
+        // Isochronous descriptors follow; the streams are bulk, so none is ever answered.
         Bytes skip(16 * packets);
         if (!ReadExact(skip.data(), skip.size())) return false;
     }
     if (endpoint != 0) {
-        // An interrupt endpoint: the device has nothing to report, so the request stays
-        // pending until the kernel unlinks it.
-        pending_.insert(seqnum);
+        // Interrupt and streaming endpoints: answered when the device has something to say.
+        held_[static_cast<std::uint8_t>(endpoint)].push_back({seqnum, length});
         return true;
     }
     const std::uint8_t* setup = header + 40;
@@ -182,6 +191,26 @@ bool Link::ServeOne(const ControlHandler& handler) {
         if (in) answer.insert(answer.end(), reply.data.begin(), reply.data.begin() + actual);
     }
     return WriteAll(answer) || socket_ < 0;
+}
+
+std::uint32_t Link::HeldLength(std::uint8_t endpoint) const {
+    const auto queue = held_.find(endpoint);
+    return queue == held_.end() || queue->second.empty() ? 0 : queue->second.front().length;
+}
+
+bool Link::Answer(std::uint8_t endpoint, const Bytes& data) {
+    auto& queue = held_[endpoint];
+    if (queue.empty() || socket_ < 0) return socket_ >= 0;
+    const Held request = queue.front();
+    queue.pop_front();
+    const std::uint32_t actual =
+        static_cast<std::uint32_t>(std::min<std::size_t>(data.size(), request.length));
+    Bytes answer(kHeaderSize, 0);
+    PutBe32(answer.data(), kRetSubmit);
+    PutBe32(answer.data() + 4, request.seqnum);
+    PutBe32(answer.data() + 24, actual);
+    answer.insert(answer.end(), data.begin(), data.begin() + actual);
+    return WriteAll(answer);
 }
 
 }  // namespace usbip

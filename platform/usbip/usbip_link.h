@@ -3,8 +3,9 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <functional>
-#include <set>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -39,8 +40,15 @@ class Link {
     int Socket() const { return socket_; }
 
     // Serves one request that is waiting on the socket. Returns false when the kernel has
-    // gone (the device is then detached).
+    // gone (the device is then detached). Requests to other endpoints than 0 are held until
+    // the device answers them (Answer) or the kernel takes them back.
     bool ServeOne(const ControlHandler& handler);
+
+    // The length of the oldest request held on an IN endpoint, 0 when none is held.
+    std::uint32_t HeldLength(std::uint8_t endpoint) const;
+    // Completes that request with `data` (at most its length). False when the kernel has
+    // gone.
+    bool Answer(std::uint8_t endpoint, const Bytes& data);
 
   private:
     bool ReadExact(std::uint8_t* buffer, std::size_t length);
@@ -50,7 +58,11 @@ class Link {
     int socket_ = -1;
     int port_ = -1;
     unsigned devnum_ = 0;
-    std::set<std::uint32_t> pending_;  // interrupt requests held until the kernel unlinks them
+    struct Held {
+        std::uint32_t seqnum;
+        std::uint32_t length;
+    };
+    std::map<std::uint8_t, std::deque<Held>> held_;  // by endpoint number, oldest first
 };
 
 }  // namespace usbip

@@ -155,6 +155,8 @@ class VirtualCamera {
                     return Control(setup, out);
                 })) {
                 Leave("host closed");
+            } else if (face_ == Face::kCamera && link_.Attached() && !camera_->Pump(link_)) {
+                Leave("host closed");
             }
         }
         Leave("end of run");
@@ -194,7 +196,9 @@ class VirtualCamera {
                       options_.world.cameras[0].dfu->transferSize);
         } else {
             camera_ = std::make_unique<uvc::Camera>(world_, 0);
-            log_.Line("attach camera 3c5e:0b64 version %s", camera_->Version().c_str());
+            const sim::usb_device_descriptor& device = camera_->Description().device;
+            log_.Line("attach camera %04x:%04x version %s", device.idVendor, device.idProduct,
+                      camera_->Version().c_str());
         }
         return true;
     }

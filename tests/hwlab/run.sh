@@ -2,16 +2,17 @@
 # The hardware lab: lynx-dfu against an emulated camera of the family, through the real
 # Linux kernel (vhci-hcd, usbfs, uvcvideo, uevents) in a qemu VM with no network.
 #
-#   tests/hwlab/run.sh [--build DIR] [--bench] [--keep] [--record DIR]
+#   tests/hwlab/run.sh [--build DIR] [--bench] [--keep] [--record DIR] [--case NAME]...
 #
 # --build DIR  the native build whose app/lynx-dfu is tested (default: build/default)
 # --bench      run the measurements of bench/hwlab instead of the sessions (see README.md)
 # --keep       keep the work directory and print where it is
 # --record DIR copy every case's actual output and device log to DIR (to review before
 #              taking any of it as an expectation)
+# --case NAME  run only this case of tests/hwlab/cases (may be given more than once)
 #
 # Installs nothing. Needs these Debian packages (CI installs them):
-#   qemu-system-x86 busybox-static dfu-util g++ (and apt/dpkg to fetch two packages)
+#   qemu-system-x86 busybox-static dfu-util v4l-utils g++ (and apt/dpkg to fetch two packages)
 # The distribution's kernel package and its udev package (for the udev daemon that runs in
 # the VM) are fetched with apt-get download, unpacked with dpkg -x and kept in a cache
 # outside the build tree, so that a new build or a clean checkout does not fetch them again:
@@ -25,20 +26,22 @@ build="$repo/build/default"
 mode=sessions
 keep=0
 record=""
+only=()
 while [ $# -gt 0 ]; do
     case "$1" in
         --build) build="$(cd "$2" && pwd)"; shift 2 ;;
         --bench) mode=bench; shift ;;
         --keep) keep=1; shift ;;
         --record) mkdir -p "$2"; record="$(cd "$2" && pwd)"; shift 2 ;;
-        *) echo "usage: $0 [--build DIR] [--bench] [--keep] [--record DIR]" >&2; exit 2 ;;
+        --case) [ -d "$here/cases/$2" ] || { echo "no case $2" >&2; exit 2; }; only+=("$2"); shift 2 ;;
+        *) echo "usage: $0 [--build DIR] [--bench] [--keep] [--record DIR] [--case NAME]..." >&2; exit 2 ;;
     esac
 done
 
 fail() { echo "hwlab: $*" >&2; exit 1; }
 
-for tool in qemu-system-x86_64 dfu-util g++ apt-get dpkg; do
-    command -v "$tool" >/dev/null || fail "missing $tool (apt-get install qemu-system-x86 busybox-static dfu-util g++)"
+for tool in qemu-system-x86_64 dfu-util v4l2-compliance v4l2-ctl g++ apt-get dpkg; do
+    command -v "$tool" >/dev/null || fail "missing $tool (apt-get install qemu-system-x86 busybox-static dfu-util v4l-utils g++)"
 done
 busybox=/bin/busybox
 [ -x "$busybox" ] && "$busybox" --list | grep -x cpio >/dev/null || fail "missing a static busybox with cpio (busybox-static)"
@@ -104,9 +107,15 @@ g++ -std=c++20 -O2 -Wall -Wextra -Werror -I"$repo/platform/include" -I"$repo" \
 cp "$busybox" "$root/bin/busybox"
 cp "$here/guest/init" "$root/init"
 cp "$here/guest/sessions.sh" "$here/guest/devices.sh" "$repo/bench/hwlab/bench.sh" "$root/hwlab/"
-cp -r "$here/cases" "$root/hwlab/cases"
+if [ ${#only[@]} -eq 0 ]; then
+    cp -r "$here/cases" "$root/hwlab/cases"
+else
+    mkdir -p "$root/hwlab/cases"
+    for name in "${only[@]}"; do cp -r "$here/cases/$name" "$root/hwlab/cases/"; done
+fi
 cp "$lynx" "$root/hwlab/lynx-dfu"
-cp "$(command -v dfu-util)" "$root/hwlab/dfu-util"
+# Tools that nobody here wrote: dfu-util, and v4l-utils' compliance suite and capture tool.
+for tool in dfu-util v4l2-compliance v4l2-ctl; do cp "$(command -v "$tool")" "$root/hwlab/$tool"; done
 cp "$repo/lab/sample-firmware.bin" "$root/hwlab/fw-small.bin"
 (yes "Lynx LX20 firmware image, 2 MiB, for the hardware lab" || true) | head -c 2097152 > "$root/hwlab/fw-2m.bin"
 printf 'root:x:0:0:root:/:/bin/sh\noperator:x:1000:1000:operator:/tmp:/bin/sh\nvisitor:x:1001:1001:visitor:/tmp:/bin/sh\n' > "$root/etc/passwd"
@@ -121,6 +130,7 @@ cp "$repo/platform/linux/70-lynx-dfu.rules" "$root/lib/udev/rules.d/"
 
 # The programs' shared libraries, as the dynamic loader finds them.
 for program in "$root/hwlab/lynx-dfu" "$root/hwlab/dfu-util" "$root/hwlab/arrival-probe" \
+               "$root/hwlab/v4l2-compliance" "$root/hwlab/v4l2-ctl" \
                "$root/hwlab/lynx-virtual-camera" "$root/bin/udevadm"; do
     for lib in $(ldd "$program" | grep -o '/[^ )]*'); do
         [ -e "$root$lib" ] && continue

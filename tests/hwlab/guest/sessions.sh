@@ -9,7 +9,9 @@
 #   user            optional: run lynx-dfu as this user instead of root
 #   setup.sh        optional: run as root once the device is on the bus and udev has handled
 #                   it, before the sessions
-#   program         optional: a command run instead of the sessions (output not compared)
+#   program         optional: a command run instead of the sessions (output not compared;
+#                   its lines that begin "HWLAB: " are reported)
+#   timeout         optional: seconds the program may take (120 unless given)
 #   check.sh        optional: further checks, run last; non-zero fails the case
 # Device numbers are the kernel's running count, so "&NNN#" stands for them in expectations.
 cd /tmp
@@ -52,8 +54,11 @@ run_case() {
         sh "$dir/setup.sh" >"$out/setup.txt" 2>&1 || { echo "HWLAB: $name: setup failed"; cat "$out/setup.txt"; ok=0; }
     fi
     if [ "$ok" = 1 ] && [ -f "$dir/program" ]; then
-        (cd "$out" && timeout 120 sh "$dir/program" >"$out/program.txt" 2>&1) || {
+        limit=120
+        [ -f "$dir/timeout" ] && limit="$(cat "$dir/timeout")"
+        (cd "$out" && timeout "$limit" sh "$dir/program" >"$out/program.txt" 2>&1) || {
             echo "HWLAB: $name: program failed"; cat "$out/program.txt"; ok=0; }
+        grep '^HWLAB: ' "$out/program.txt"
     fi
     for step in 1 2; do
         [ "$ok" = 1 ] && [ -f "$dir/input$step.txt" ] || continue
