@@ -6,13 +6,16 @@
 #
 #   sudo scripts/fresh-check.sh [--run-only] [--keep]
 #
-# --run-only  stop after the run command (a quick check of setup.sh and the build)
-# --keep      keep the root afterwards and print where it is
+# --run-only  only the run command (a quick check of setup.sh and the build)
+# --keep      keep the roots afterwards and print where they are
 #
+# Each command gets a root of its own, as on a machine where it is the first thing typed, and
+# the two run side by side: the run command's build overlaps the test command's installs.
 # Needs root (chroot, mounts), mmdebstrap and git: `scripts/setup.sh --fresh-check`.
-# Only downloads are kept between runs, outside the root, in $LYNX_FRESH_CACHE (default
+# Only downloads are kept between runs, outside the roots, in $LYNX_FRESH_CACHE (default
 # /var/cache/lynx-dfu/fresh-check): the bare bootstrap (rebuilt when a week old), apt's
-# package files and the hardware lab's kernel download. Nothing installed or built is kept.
+# package files (linked into a root before, and new ones back after) and the hardware lab's
+# kernel download. Nothing installed or built is kept. Delete the folder to free its room.
 # Commits only: uncommitted changes are not part of the check.
 set -euo pipefail
 
@@ -63,24 +66,22 @@ if [ "${1:-}" = --inside ]; then
   ln -s pts/ptmx "$root/dev/ptmx"
   mnt /dev/shm -t tmpfs -o mode=1777,nosuid,nodev tmpfs
   mnt /run -t tmpfs -o mode=755,nosuid,nodev tmpfs
-  mnt /var/cache/apt/archives --bind "$cache/apt-archives"
-  mnt /root/.cache/lynx-dfu/hwlab --bind "$cache/hwlab"
+  [ "$stage" = run ] || mnt /root/.cache/lynx-dfu/hwlab --bind "$cache/hwlab"
 
   # The commands run as a new user's login would: root, home /root, the default PATH, no
   # locale, no terminal. CI=true only tells the tests they run unattended.
+  # The trace shows each command of the line as it starts, with the time.
   in_root() {
     chroot "$root" /usr/bin/env -i HOME=/root USER=root LOGNAME=root SHELL=/bin/bash \
       PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin CI=true \
-      /bin/bash -c "cd /root/lynx-dfu && $1"
+      /bin/bash -c "PS4='+ [\$(date -u +%T)] '; set -x; cd /root/lynx-dfu && $1"
   }
   command="$(cat "$root/root/command")"
-  echo "+ $command"
   case "$stage" in
     run)
       # The lab waits for keys: list the devices (2, then Enter), then quit.
-      printf '2\n\nq\n' | in_root "$command" >"$root/root/run-output.txt" 2>&1 ||
-        { tail -n 40 "$root/root/run-output.txt"; fail "the run command failed"; }
-      tail -n 25 "$root/root/run-output.txt"
+      printf '2\n\nq\n' | in_root "$command" 2>&1 | tee "$root/root/run-output.txt"
+      echo
       grep -x 'Q: Quit' "$root/root/run-output.txt" >/dev/null || fail "the lab showed no menu"
       grep -x 'Vantrel (TM) Updatable Devices List' "$root/root/run-output.txt" >/dev/null ||
         fail "the lab listed no devices"
@@ -106,20 +107,20 @@ done
 commit="$(git -C "$repo" rev-parse HEAD)"
 git -C "$repo" diff --quiet HEAD -- || echo "fresh-check: uncommitted changes are left out; checking $commit"
 
-mkdir -p "$cache/apt-archives/partial" "$cache/hwlab"
-root="$(mktemp -d /var/tmp/lynx-fresh.XXXXXX)"
-inside=""
+mkdir -p "$cache/apt-archives" "$cache/hwlab"
+work="$(mktemp -d /var/tmp/lynx-fresh.XXXXXX)"
+stages=()  # the budgets' timeout processes still running
 cleanup() {
-  local status=$?
-  [ -z "$inside" ] || kill -TERM "$inside" 2>/dev/null || true
+  local status=$? pid
+  for pid in "${stages[@]}"; do kill -TERM "$pid" 2>/dev/null || true; done
   wait 2>/dev/null || true
-  # The mounts live in the inner namespace only; never delete through one that survived.
-  if grep -F " $root/" /proc/self/mountinfo >/dev/null; then
-    echo "fresh-check: mounts left under $root; not removing it" >&2
+  # The mounts live in the stages' own namespaces; never delete through one that survived.
+  if grep -F " $work/" /proc/self/mountinfo >/dev/null; then
+    echo "fresh-check: mounts left under $work; not removing it" >&2
   elif [ "$keep" = 1 ]; then
-    echo "fresh-check: the root is kept in $root"
+    echo "fresh-check: the roots are kept in $work"
   else
-    rm -rf --one-file-system "$root"
+    rm -rf --one-file-system "$work"
   fi
   exit "$status"
 }
@@ -127,52 +128,56 @@ trap cleanup EXIT
 trap 'exit 130' INT TERM
 
 total_start=$(date +%s)
-# step NAME BUDGET COMMAND...: runs it with its budget and says how long it took.
-step() {
-  local name="$1" budget="$2" start status=0
-  shift 2
-  printf '\n=== fresh-check: %s (budget %d s) ===\n' "$name" "$budget"
-  start=$(date +%s)
-  timeout --kill-after=30 "$budget" "$@" &
-  inside=$!
-  wait "$inside" || status=$?
-  inside=""
-  local took=$(( $(date +%s) - start ))
-  if [ "$status" = 124 ] || [ "$status" = 137 ]; then
-    fail "$name ran out of its budget of $budget s and was stopped"
+# budget NAME SECONDS STATUS START: a step's end, loudly when it failed or ran out of time.
+budget() {
+  local took=$(( $(date +%s) - $4 ))
+  if [ "$3" = 124 ] || [ "$3" = 137 ]; then
+    fail "$1 ran out of its budget of $2 s and was stopped"
   fi
-  [ "$status" = 0 ] || fail "$name failed after $took s (status $status)"
-  printf '=== fresh-check: %s took %d s (budget %d s) ===\n' "$name" "$took" "$budget"
+  [ "$3" = 0 ] || fail "$1 failed after $took s (status $3)"
+  printf '=== fresh-check: %s took %d s (budget %d s) ===\n' "$1" "$took" "$2"
 }
 
-bootstrap() {
-  local tarball="$cache/bootstrap-bookworm.tar"
-  if [ -z "$(find "$tarball" -mtime -7 2>/dev/null)" ]; then
-    echo "bootstrapping a minimal Debian 12 (kept in $tarball for a week)"
-    rm -f "$tarball.tmp"
-    mmdebstrap --variant=minbase --format=tar --quiet bookworm "$tarball.tmp" \
-      "deb $mirror/debian bookworm main" \
-      "deb $mirror/debian bookworm-updates main" \
-      "deb $mirror/debian-security bookworm-security main"
-    mv "$tarball.tmp" "$tarball"
-  else
-    echo "the bare bootstrap from $(date -r "$tarball" '+%F %H:%M') ($tarball)"
-  fi
+# --- the bare bootstrap, cached ---
+printf '\n=== fresh-check: a minimal Debian 12 (budget %d s) ===\n' "$budget_bootstrap"
+start=$(date +%s)
+tarball="$cache/bootstrap-bookworm.tar"
+if [ -z "$(find "$tarball" -mtime -7 2>/dev/null)" ]; then
+  echo "bootstrapping a minimal Debian 12 (kept in $tarball for a week)"
+  rm -f "$tarball.tmp"
+  status=0
+  timeout "$budget_bootstrap" mmdebstrap --variant=minbase --format=tar --quiet bookworm "$tarball.tmp" \
+    "deb $mirror/debian bookworm main" \
+    "deb $mirror/debian bookworm-updates main" \
+    "deb $mirror/debian-security bookworm-security main" || status=$?
+  budget "the bootstrap" "$budget_bootstrap" "$status" "$start"
+  mv "$tarball.tmp" "$tarball"
+else
+  echo "the bare bootstrap of $(date -r "$tarball" '+%F %H:%M') from $tarball"
+fi
+
+# fresh_root NAME COMMAND: a root of its own with a plain clone of the commit, for COMMAND.
+fresh_root() {
+  local root="$work/$1"
+  mkdir "$root"
   tar -xf "$tarball" -C "$root" --numeric-owner
   cp -L /etc/resolv.conf "$root/etc/resolv.conf"
-  echo "root $root: $(du -sh --one-file-system "$root" | cut -f1), $(chroot "$root" dpkg-query -W | wc -l) packages"
-}
-export root cache mirror repo commit
-export -f bootstrap
-step "a fresh minimal Debian 12 root" "$budget_bootstrap" bash -c 'set -euo pipefail; bootstrap'
-
-clone() {
+  # apt's package files from earlier runs, as links: new ones are linked back afterwards.
+  cp -al "$cache/apt-archives/." "$root/var/cache/apt/archives/" 2>/dev/null ||
+    cp -a "$cache/apt-archives/." "$root/var/cache/apt/archives/"
   git clone --quiet --no-hardlinks "$repo" "$root/root/lynx-dfu"
   git -C "$root/root/lynx-dfu" checkout --quiet --detach "$commit"
-  echo "cloned $commit into $root/root/lynx-dfu"
+  printf '%s\n' "$2" >"$root/root/command"
 }
-export -f clone
-step "a plain clone of $commit" 120 bash -c 'set -euo pipefail; clone'
+keep_downloads() {
+  cp -aln "$work/$1/var/cache/apt/archives/"*.deb "$cache/apt-archives/" 2>/dev/null ||
+    cp -an "$work/$1/var/cache/apt/archives/"*.deb "$cache/apt-archives/" 2>/dev/null || true
+}
+# installed NAME: packages and their installed size, as dpkg counts them
+installed() {
+  chroot "$work/$1" dpkg-query -W -f='${Installed-Size}\n' |
+    awk '{ kb += $1 } END { printf "%d packages, %d MB", NR, kb / 1024 }'
+}
 
 # readme_command SECTION: the first line of the first sh block under that README heading.
 readme_command() {
@@ -187,22 +192,56 @@ test_command="$(readme_command '## Run all the tests')"
 [ -n "$run_command" ] || fail "README.md has no run command under its heading"
 [ -n "$test_command" ] || fail "README.md has no test command under its heading"
 
-measure() { # what is installed: packages and room
-  chroot "$root" dpkg-query -W -f='${Installed-Size}\n' | awk '{ kb += $1 } END { printf "%d packages, %d MB\n", NR, kb / 1024 }'
-  echo "root now $(du -sh --one-file-system "$root" | cut -f1) on disk"
-}
-packages_before="$(chroot "$root" dpkg-query -W | wc -l)"
+fresh_root run "$run_command"
+[ "$run_only" = 1 ] || fresh_root test "$test_command"
+echo "the bare root: $(installed run); the commit $commit cloned into each root"
+budget "a minimal Debian 12 and the clones" "$budget_bootstrap" 0 "$start"
 
-printf '%s\n' "$run_command" >"$root/root/command"
-step "the README's run command" "$budget_run" unshare --mount --pid --fork --propagation private "$0" --inside "$root" run
-echo "after the run command: $(measure | tr '\n' ';') ($packages_before packages before)"
+# stage NAME BUDGET: the README's command in root NAME, in the background, within its budget.
+stage() {
+  timeout --kill-after=30 "$2" unshare --mount --pid --fork --propagation private \
+    "$0" --inside "$work/$1" "$1" &
+  stages+=($!)
+}
+
+printf '\n=== fresh-check: the README'"'"'s run command, in a fresh root (budget %d s) ===\n' "$budget_run"
+echo "+ $run_command"
+run_start=$(date +%s)
 if [ "$run_only" = 1 ]; then
-  echo "fresh-check: run command passed (--run-only); total $(( $(date +%s) - total_start )) s"
+  stage run "$budget_run"
+  status=0; wait "${stages[0]}" || status=$?; stages=()
+  keep_downloads run
+  budget "the README's run command" "$budget_run" "$status" "$run_start"
+  echo "installed: $(installed run)"
+  echo "fresh-check: the run command passed; total $(( $(date +%s) - total_start )) s"
   exit 0
 fi
+# Its output waits in a file while the test command's goes to the log.
+stage run "$budget_run" >"$work/run.log" 2>&1
+run_pid=$!
 
-printf '%s\n' "$test_command" >"$root/root/command"
-step "the README's test command" "$budget_test" unshare --mount --pid --fork --propagation private "$0" --inside "$root" test
-echo "after the test command: $(measure | tr '\n' ';')"
+printf '\n=== fresh-check: the README'"'"'s test command, in another fresh root, beside it (budget %d s) ===\n' "$budget_test"
+echo "+ $test_command"
+test_start=$(date +%s)
+stage test "$budget_test"
+test_pid=$!
+
+status=0; wait "$run_pid" || status=$?
+run_end=$(date +%s)
+printf '\n=== fresh-check: the run command ended after %d s (status %d); its output is shown at the end ===\n' \
+  $(( run_end - run_start )) "$status"
+run_status=$status
+status=0; wait "$test_pid" || status=$?
+stages=()
+keep_downloads run
+keep_downloads test
+
+printf '\n=== fresh-check: the README'"'"'s run command, its output ===\n'
+cat "$work/run.log"
+budget "the README's run command" "$budget_run" "$run_status" "$run_start"
+echo "installed by it: $(installed run)"
+budget "the README's test command" "$budget_test" "$status" "$test_start"
+echo "installed by it: $(installed test)"
+echo "root of the test command: $(du -sh --one-file-system "$work/test" | cut -f1) on disk"
 echo
-echo "fresh-check: the README's two commands passed on a fresh Debian 12 root in $(( $(date +%s) - total_start )) s"
+echo "fresh-check: the README's two commands passed on fresh Debian 12 roots in $(( $(date +%s) - total_start )) s"

@@ -69,9 +69,22 @@ fi
 # Typed on a console rather than piped: with a terminal as standard input Wine gives the
 # program a console, and answers are read with ReadConsoleW. The terminal's cursor moves
 # are dropped from the output, with the blanks they stand for.
-typed=$( (sleep 6; printf '3\r'; sleep 3; printf '\r'; sleep 3; printf 'q\r'; sleep 3) |
-  timeout 120 script -qfec "$wine $exe; echo exitstatus=\$?" /dev/null 2>/dev/null | tr -d '\033 ' |
-  sed 's/\[[0-9;?]*[a-zA-Z]//g') || true
+# Each key is typed once the screen shows what it answers (at most 60 s each).
+screen="$WINEPREFIX/typed-screen.txt"
+: >"$screen"
+shown() { tr -d '\033 ' <"$screen" | sed 's/\[[0-9;?]*[a-zA-Z]//g'; }
+type_when() { # type_when TEXT COUNT KEYS: KEYS once TEXT is on the screen COUNT times
+  local i
+  for i in $(seq 600); do
+    [ "$(shown | grep -acF "$1")" -ge "$2" ] && break
+    sleep 0.1
+  done
+  printf "$3"
+}
+typed=$( (type_when 'Q:Quit' 1 '3\r'; type_when 'Pressanykey' 1 '\r'; type_when 'Q:Quit' 2 'q\r'
+          type_when 'exitstatus=' 1 '') |
+  timeout 300 script -qfec "$wine $exe; echo exitstatus=\$?" /dev/null 2>/dev/null | tee "$screen" |
+  tr -d '\033 ' | sed 's/\[[0-9;?]*[a-zA-Z]//g') || true
 if grep -aF 'NodevicesarestuckinDFUmode' <<<"$typed" >/dev/null &&
   [ "$(grep -acF 'Q:Quit' <<<"$typed")" -ge 2 ] && grep -aF 'exitstatus=0' <<<"$typed" >/dev/null; then
   echo "ok   answers typed on a console"
