@@ -163,15 +163,19 @@ fresh_root() {
   tar -xf "$tarball" -C "$root" --numeric-owner
   cp -L /etc/resolv.conf "$root/etc/resolv.conf"
   # apt's package files from earlier runs, as links: new ones are linked back afterwards.
-  cp -al "$cache/apt-archives/." "$root/var/cache/apt/archives/" 2>/dev/null ||
-    cp -a "$cache/apt-archives/." "$root/var/cache/apt/archives/"
+  find "$cache/apt-archives" -maxdepth 1 -name '*.deb' -exec ln -t "$root/var/cache/apt/archives/" {} + 2>/dev/null ||
+    find "$cache/apt-archives" -maxdepth 1 -name '*.deb' -exec cp -t "$root/var/cache/apt/archives/" {} +
   git clone --quiet --no-hardlinks "$repo" "$root/root/lynx-dfu"
   git -C "$root/root/lynx-dfu" checkout --quiet --detach "$commit"
   printf '%s\n' "$2" >"$root/root/command"
 }
+# keep_downloads NAME: the package files that root NAME fetched itself, into the cache
 keep_downloads() {
-  cp -aln "$work/$1/var/cache/apt/archives/"*.deb "$cache/apt-archives/" 2>/dev/null ||
-    cp -an "$work/$1/var/cache/apt/archives/"*.deb "$cache/apt-archives/" 2>/dev/null || true
+  local deb
+  for deb in "$work/$1"/var/cache/apt/archives/*.deb; do
+    [ -e "$cache/apt-archives/${deb##*/}" ] || ln "$deb" "$cache/apt-archives/" 2>/dev/null ||
+      cp "$deb" "$cache/apt-archives/"
+  done
 }
 # installed NAME: packages and their installed size, as dpkg counts them
 installed() {
