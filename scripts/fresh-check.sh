@@ -129,8 +129,8 @@ trap 'exit 130' INT TERM
 
 total_start=$(date +%s)
 # budget NAME SECONDS STATUS START: a step's end, loudly when it failed or ran out of time.
-budget() {
-  local took=$(( $(date +%s) - $4 ))
+budget() { # budget NAME SECONDS STATUS START [END]
+  local took=$(( ${5:-$(date +%s)} - $4 ))
   if [ "$3" = 124 ] || [ "$3" = 137 ]; then
     fail "$1 ran out of its budget of $2 s and was stopped"
   fi
@@ -242,7 +242,7 @@ keep_downloads test
 
 printf '\n=== fresh-check: the README'"'"'s run command, its output ===\n'
 cat "$work/run.log"
-budget "the README's run command" "$budget_run" "$run_status" "$run_start"
+budget "the README's run command" "$budget_run" "$run_status" "$run_start" "$run_end"
 echo "installed by it: $(installed run)"
 budget "the README's test command" "$budget_test" "$status" "$test_start"
 echo "installed by it: $(installed test)"
