@@ -6,7 +6,9 @@ set(CPACK_PACKAGE_NAME "lynx-dfu")
 set(CPACK_PACKAGE_VENDOR "lynx-dfu project")
 set(CPACK_PACKAGE_VERSION "${PROJECT_VERSION}")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "Firmware update and DFU recovery for Lynx Series USB depth cameras")
-set(CPACK_PACKAGE_CONTACT "lynx-dfu maintainers <lynx-dfu@localhost>")
+set(LYNX_PACKAGE_MAINTAINER "lynx-dfu maintainers <maintainers@users.noreply.c-seed-91e1967e.example>"
+    CACHE STRING "The Debian package's Maintainer field, name <address>")
+set(CPACK_PACKAGE_CONTACT "${LYNX_PACKAGE_MAINTAINER}")
 set(CPACK_STRIP_FILES ON)
 
 if(LYNX_TARGET_WINDOWS)
@@ -22,15 +24,38 @@ if(LYNX_TARGET_WINDOWS)
   set(CPACK_INCLUDE_TOPLEVEL_DIRECTORY ON)
 else()
   install(TARGETS lynx-dfu-lab RUNTIME DESTINATION bin)
-  # man(1) reads compressed pages; -n keeps the archive identical from build to build.
+  # man(1) reads compressed pages, and Debian wants its changelog the same way; -n keeps the
+  # archives identical from build to build.
   find_program(LYNX_GZIP gzip REQUIRED)
-  set(lynx_man_page ${CMAKE_CURRENT_BINARY_DIR}/lynx-dfu.1.gz)
-  add_custom_command(OUTPUT ${lynx_man_page}
-                     COMMAND ${LYNX_GZIP} -9 -n -c ${PROJECT_SOURCE_DIR}/docs/lynx-dfu.1 > ${lynx_man_page}
-                     DEPENDS ${PROJECT_SOURCE_DIR}/docs/lynx-dfu.1
+  set(lynx_gzipped)
+  foreach(program lynx-dfu lynx-dfu-lab lynx-virtual-camera)
+    set(page ${CMAKE_CURRENT_BINARY_DIR}/${program}.1.gz)
+    add_custom_command(OUTPUT ${page}
+                       COMMAND ${LYNX_GZIP} -9 -n -c ${PROJECT_SOURCE_DIR}/docs/${program}.1 > ${page}
+                       DEPENDS ${PROJECT_SOURCE_DIR}/docs/${program}.1
+                       VERBATIM)
+    list(APPEND lynx_gzipped ${page})
+    install(FILES ${page} DESTINATION share/man/man1)
+  endforeach()
+  configure_file(${PROJECT_SOURCE_DIR}/packaging/debian/changelog.in
+                 ${CMAKE_CURRENT_BINARY_DIR}/changelog @ONLY)
+  set(lynx_changelog ${CMAKE_CURRENT_BINARY_DIR}/changelog.gz)
+  add_custom_command(OUTPUT ${lynx_changelog}
+                     COMMAND ${LYNX_GZIP} -9 -n -c ${CMAKE_CURRENT_BINARY_DIR}/changelog > ${lynx_changelog}
+                     DEPENDS ${CMAKE_CURRENT_BINARY_DIR}/changelog
                      VERBATIM)
-  add_custom_target(lynx_man_page ALL DEPENDS ${lynx_man_page})
-  install(FILES ${lynx_man_page} DESTINATION share/man/man1)
+  list(APPEND lynx_gzipped ${lynx_changelog})
+  add_custom_target(lynx_gzipped_docs ALL DEPENDS ${lynx_gzipped})
+
+  # What the manual pages point at: the sample worlds and image to try the lab with, and the
+  # longer documents.
+  install(DIRECTORY ${PROJECT_SOURCE_DIR}/lab/ DESTINATION share/lynx-dfu/worlds
+          FILES_MATCHING PATTERN "*.json")
+  install(FILES ${PROJECT_SOURCE_DIR}/lab/sample-firmware.bin DESTINATION share/lynx-dfu)
+  install(FILES ${PROJECT_SOURCE_DIR}/packaging/debian/copyright ${lynx_changelog}
+                ${PROJECT_SOURCE_DIR}/docs/lab.md ${PROJECT_SOURCE_DIR}/docs/world-file.md
+                ${PROJECT_SOURCE_DIR}/docs/virtual-camera.md ${PROJECT_SOURCE_DIR}/docs/linux.md
+          DESTINATION share/doc/lynx-dfu)
 
   set(CPACK_GENERATOR DEB)
   set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
@@ -40,8 +65,9 @@ else()
   string(CONCAT CPACK_DEBIAN_PACKAGE_DESCRIPTION
          "lynx-dfu updates the firmware of the Lynx Series depth cameras through UVC and\n"
          "USB DFU 1.1 and recovers cameras stuck in DFU mode. lynx-dfu-lab runs the same\n"
-         "program over a simulated world of devices. The udev rule lets members of the\n"
-         "plugdev group reach the cameras.")
+         "program over a simulated world of devices, and lynx-virtual-camera attaches a\n"
+         "simulated camera to the machine's own USB bus through USB/IP. The udev rule\n"
+         "lets members of the plugdev group reach the cameras.")
 endif()
 
 include(CPack)

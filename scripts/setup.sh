@@ -1,14 +1,19 @@
 #!/usr/bin/env bash
 # Installs what lynx-dfu needs on Debian 12, with apt-get (through sudo when not root).
 #
-#   scripts/setup.sh          what building and running the programs and the lab needs
-#   scripts/setup.sh --test   that, and the test tools: GoogleTest, clang for the fuzzer,
-#                             mingw-w64 and Wine for the Windows program, qemu, busybox
-#                             and dfu-util for the hardware lab, gcovr for the coverage
-#                             report (about 2 GB)
+#   scripts/setup.sh               what building, packaging and running the programs and
+#                                  the lab needs
+#   scripts/setup.sh --test        that, and the test tools: GoogleTest, clang for the
+#                                  fuzzer, mingw-w64 and Wine for the Windows program, qemu,
+#                                  busybox, dfu-util and v4l-utils for the hardware lab, lintian,
+#                                  gcovr for the coverage report
+#   scripts/setup.sh --fresh-check what scripts/fresh-check.sh needs to bootstrap a root
+#
+# Written for a minimal Debian 12: nothing here assumes a package that such a system lacks.
 set -euo pipefail
 
-packages=(build-essential cmake ninja-build git nlohmann-json3-dev)
+# file: CPack reads the programs' shared-library dependencies through it.
+packages=(build-essential cmake ninja-build git nlohmann-json3-dev file)
 case "${1:-}" in
   "") ;;
   --test)
@@ -16,11 +21,12 @@ case "${1:-}" in
       python3 clang clang-format libclang-rt-14-dev
       libgtest-dev libgmock-dev libbenchmark-dev
       dpkg-dev mingw-w64 wine wine64
-      qemu-system-x86 busybox-static dfu-util v4l-utils
+      qemu-system-x86 busybox-static dfu-util v4l-utils lintian
       gcovr
     )
     ;;
-  *) echo "usage: $0 [--test]" >&2; exit 2 ;;
+  --fresh-check) packages=(mmdebstrap git) ;;
+  *) echo "usage: $0 [--test | --fresh-check]" >&2; exit 2 ;;
 esac
 
 missing=()

@@ -5,7 +5,16 @@ cd "$(dirname "$0")/.."
 
 jobs="${LYNX_JOBS:-2}"
 
-step() { printf '\n=== %s ===\n' "$*"; }
+# Each step says how long the one before it took, so that a slow step shows in the log.
+step_name="" step_start=$(date +%s) run_start=$step_start
+step_took() {
+  [ -z "$step_name" ] || printf -- '--- %s: %d s\n' "$step_name" $(( $(date +%s) - step_start ))
+}
+step() {
+  step_took
+  step_name="$*" step_start=$(date +%s)
+  printf '\n=== %s ===\n' "$*"
+}
 sudo=""
 if [ "$(id -u)" -ne 0 ]; then sudo="sudo"; fi
 
@@ -29,22 +38,40 @@ cmake --preset default
 cmake --build --preset default -j "$jobs"
 ctest --preset default --no-tests=error
 
-step "Debian package: build, install, run, remove"
+step "Debian package: build, lint, install, run, remove"
 (cd build/default && rm -f lynx-dfu_*.deb && cpack -G DEB >/dev/null)
 deb="$(ls build/default/lynx-dfu_*.deb)"
-packaged=(/usr/bin/lynx-dfu /usr/bin/lynx-dfu-lab /usr/lib/udev/rules.d/70-lynx-dfu.rules
-          /usr/share/man/man1/lynx-dfu.1.gz)
+packaged=(/usr/bin/lynx-dfu /usr/bin/lynx-dfu-lab /usr/bin/lynx-virtual-camera
+          /usr/lib/udev/rules.d/70-lynx-dfu.rules
+          /usr/share/man/man1/lynx-dfu.1.gz /usr/share/man/man1/lynx-dfu-lab.1.gz
+          /usr/share/man/man1/lynx-virtual-camera.1.gz
+          /usr/share/doc/lynx-dfu/copyright /usr/share/doc/lynx-dfu/changelog.gz
+          /usr/share/lynx-dfu/sample-firmware.bin
+          /usr/share/lynx-dfu/worlds/camera-stuck-in-dfu-mode.json)
 for file in "${packaged[@]}"; do
   dpkg-deb -c "$deb" | grep -E " \.$file\$" >/dev/null || { echo "$deb lacks $file"; exit 1; }
 done
+# Debian's own checks, with nothing waived: an error or a warning fails the run.
+lintian --fail-on error,warning "$deb"
+echo "lintian: no error, no warning"
 if dpkg-query -W -f='${Status}' lynx-dfu 2>/dev/null | grep "install ok installed" >/dev/null; then
   echo "lynx-dfu is installed on this machine already: install test left out"
 else
+  # A failing check below must not leave the package on the machine.
+  trap '$sudo dpkg --purge lynx-dfu >/dev/null 2>&1 || true' EXIT
   $sudo dpkg -i "$deb" >/dev/null
   printf '2\n\nq\n' | /usr/bin/lynx-dfu >build/default/deb-run.txt
   grep -x 'Vantrel (TM) Updatable Devices List' build/default/deb-run.txt >/dev/null ||
     { echo "the installed lynx-dfu did not list"; cat build/default/deb-run.txt; exit 1; }
+  # The manual page's example, with the installed sample world and image.
+  printf '3\n1\n/usr/share/lynx-dfu/sample-firmware.bin\n\n2\n\nq\n' |
+    /usr/bin/lynx-dfu-lab --world=/usr/share/lynx-dfu/worlds/camera-stuck-in-dfu-mode.json \
+      >build/default/deb-lab-run.txt
+  grep -Fx '[1]Lynx LX20 Depth Camera (FW Version: 5.16.0.1)' build/default/deb-lab-run.txt >/dev/null ||
+    { echo "the installed lab did not recover the sample camera"; cat build/default/deb-lab-run.txt; exit 1; }
+  echo "installed size: $(dpkg-query -W -f='${Installed-Size}' lynx-dfu) KiB"
   $sudo dpkg --purge lynx-dfu >/dev/null
+  trap - EXIT
   for file in "${packaged[@]}"; do
     [ ! -e "$file" ] || { echo "$file left behind after dpkg --purge"; exit 1; }
   done
@@ -127,5 +154,6 @@ echo "$zip holds lynx-dfu.exe and README.txt"
 step "Windows smoke test under Wine"
 ./scripts/wine-smoke.sh build/mingw/app/lynx-dfu.exe
 
+step_took
 echo
-echo "all tests passed"
+echo "all tests passed in $(( $(date +%s) - run_start )) s"

@@ -9,3 +9,7 @@ remove_wine_prefix() {
   rm -rf "$WINEPREFIX"
 }
 trap remove_wine_prefix EXIT
+# Wine turns file names into the Unix locale's encoding: without a UTF-8 locale (containers,
+# chroots, CI runners) no name outside ASCII could be created. C.UTF-8 ships with every
+# Debian libc.
+export LC_ALL=C.UTF-8

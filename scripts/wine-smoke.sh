@@ -95,10 +95,23 @@ fi
 # program a console, and answers are read with ReadConsoleW. Keys 2, 3 and Q, a key at each
 # pause: seven clears (Wine's cls homes the cursor, ESC [ H), two pauses. The terminal's
 # cursor moves are dropped from the output, with the blanks they stand for.
-raw=$( (sleep 6; printf '2\r'; sleep 3; printf '\r'; sleep 3; printf '3\r'; sleep 3; printf '\r'; sleep 3
-  printf 'q\r'; sleep 3) | timeout 120 script -qfec "$wine $exe; echo exitstatus=\$?" /dev/null 2>/dev/null) || true
-clears=$(grep -ao $'\033\\[H' <<<"$raw" | wc -l) || true
-typed=$(tr -d '\033 ' <<<"$raw" | sed 's/\[[0-9;?]*[a-zA-Z]//g')
+# Each key is typed once the screen shows what it answers (at most 60 s each).
+screen="$WINEPREFIX/typed-screen.txt"
+: >"$screen"
+shown() { tr -d '\033 ' <"$screen" | sed 's/\[[0-9;?]*[a-zA-Z]//g'; }
+type_when() { # type_when TEXT COUNT KEYS: KEYS once TEXT is on the screen COUNT times
+  local i
+  for i in $(seq 600); do
+    [ "$(shown | grep -acF "$1")" -ge "$2" ] && break
+    sleep 0.1
+  done
+  printf "$3"
+}
+( type_when 'Q:Quit' 1 '2\r'; type_when 'Pressanykey' 1 '\r'; type_when 'Q:Quit' 2 '3\r'
+  type_when 'Pressanykey' 2 '\r'; type_when 'Q:Quit' 3 'q\r'; type_when 'exitstatus=' 1 '') |
+  timeout 300 script -qfec "$wine $exe; echo exitstatus=\$?" /dev/null >"$screen" 2>/dev/null || true
+clears=$(grep -ao $'\033\\[H' "$screen" | wc -l) || true
+typed=$(shown)
 if grep -aF 'NodevicesarestuckinDFUmode' <<<"$typed" >/dev/null &&
   grep -aF 'UpdatableDevicesList' <<<"$typed" >/dev/null &&
   [ "$(grep -acF 'Pressanykeytocontinue' <<<"$typed")" -ge 2 ] && [ "$clears" -ge 7 ] &&

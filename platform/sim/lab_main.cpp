@@ -28,8 +28,10 @@ constexpr const char* kHelp =
     "                           default world: one camera of the family and one webcam\n"
     "  --dump-state FILE        on exit, write the world's final state to FILE as JSON\n"
     "\n"
-    "Both options also take the form --world=FILE. Sample worlds are in lab/; the\n"
-    "world file and the state dump are described in docs/lab.md and docs/world-file.md.\n";
+    "Both options also take the form --world=FILE. Sample worlds and a sample image:\n"
+    "/usr/share/lynx-dfu/ when installed, lab/ in the source tree. The world file and\n"
+    "the state dump: the manual page (man lynx-dfu-lab), and docs/lab.md and\n"
+    "docs/world-file.md, installed in /usr/share/doc/lynx-dfu/.\n";
 
 struct Options {
     std::string worldPath;

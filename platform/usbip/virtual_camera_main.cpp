@@ -40,7 +40,8 @@ volatile sig_atomic_t stopRequested = 0;
 constexpr const char* kUsage =
     "usage: lynx-virtual-camera [--log FILE] [--mode camera|dfu] [--version A.B.C.D] "
     "[--new-version A.B.C.D] [--transfer-size N] [--unplug-at-block N] [--dfu-delay-ms N] "
-    "[--lifetime-s N] [--image-out FILE]";
+    "[--lifetime-s N] [--image-out FILE]\n"
+    "(options: man lynx-virtual-camera, or /usr/share/doc/lynx-dfu/virtual-camera.md)";
 
 const wchar_t* const kCameraLink =
     L"\\\\?\\usb#vid_3c5e&pid_0b64&mi_00#1&1&0&0000#{e5323777-f976-4f5b-9b55-b94699c46e44}";

@@ -12,7 +12,8 @@
 # --case NAME  run only this case of tests/hwlab/cases (may be given more than once)
 #
 # Installs nothing. Needs these Debian packages (CI installs them):
-#   qemu-system-x86 busybox-static dfu-util v4l-utils g++ (and apt/dpkg to fetch two packages)
+#   qemu-system-x86 busybox-static dfu-util v4l-utils, and the build's own CMake (apt/dpkg
+#   fetch two packages)
 # The distribution's kernel package and its udev package (for the udev daemon that runs in
 # the VM) are fetched with apt-get download, unpacked with dpkg -x and kept in a cache
 # outside the build tree, so that a new build or a clean checkout does not fetch them again:
@@ -40,16 +41,13 @@ done
 
 fail() { echo "hwlab: $*" >&2; exit 1; }
 
-for tool in qemu-system-x86_64 dfu-util v4l2-compliance v4l2-ctl g++ apt-get dpkg; do
-    command -v "$tool" >/dev/null || fail "missing $tool (apt-get install qemu-system-x86 busybox-static dfu-util v4l-utils g++)"
+for tool in qemu-system-x86_64 dfu-util v4l2-compliance v4l2-ctl cmake apt-get dpkg; do
+    command -v "$tool" >/dev/null || fail "missing $tool (scripts/setup.sh --test installs it)"
 done
 busybox=/bin/busybox
 [ -x "$busybox" ] && "$busybox" --list | grep -x cpio >/dev/null || fail "missing a static busybox with cpio (busybox-static)"
 lynx="$build/app/lynx-dfu"
 [ -x "$lynx" ] || fail "no $lynx: build first (cmake --preset default && cmake --build build/default)"
-for lib in platform/liblynx_backend_linux.a platform/liblynx_platform_posix.a; do
-    [ -f "$build/$lib" ] || fail "no $build/$lib"
-done
 
 # --- the kernel and the udev daemon -------------------------------------------------------
 cache="${LYNX_HWLAB_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/lynx-dfu/hwlab}"
@@ -70,11 +68,6 @@ kpkg="$(apt-cache depends linux-image-amd64 2>/dev/null | awk '/Depends: linux-i
 [ -n "$kpkg" ] || fail "apt knows no linux-image-amd64 (run apt-get update)"
 kroot="$cache/$kpkg"
 [ -d "$kroot/boot" ] || rm -rf "$kroot"
-# Earlier runs kept the kernel inside the build folder: take it from there once.
-if [ ! -d "$kroot" ] && [ -d "$build/hwlab-cache/$kpkg/boot" ]; then
-    mv "$build/hwlab-cache/$kpkg" "$kroot" && rm -rf "$build/hwlab-cache"
-    echo "hwlab: moved $kpkg from $build/hwlab-cache to the cache $cache"
-fi
 fetch "$kpkg" "$kroot"
 uver="$(apt-cache policy udev 2>/dev/null | awk '/Candidate:/ {print $2; exit}')"
 [ -n "$uver" ] && [ "$uver" != "(none)" ] || fail "apt knows no udev (run apt-get update)"
@@ -97,12 +90,10 @@ mkdir -p "$root"/{bin,hwlab,proc,sys,dev,tmp,run,etc/udev/rules.d,lib/udev/rules
 # The device: the product's virtual camera, built with the tool.
 [ -x "$build/platform/lynx-virtual-camera" ] || fail "no $build/platform/lynx-virtual-camera"
 cp "$build/platform/lynx-virtual-camera" "$root/hwlab/lynx-virtual-camera"
-# The probe links the build's own backend, so it takes that build's sanitizers.
-sanitize="$(sed -n 's/^LYNX_SANITIZE:[A-Z]*=//p' "$build/CMakeCache.txt" 2>/dev/null | tr ';' ',')"
-g++ -std=c++20 -O2 -Wall -Wextra -Werror -I"$repo/platform/include" -I"$repo" \
-    ${sanitize:+-fsanitize=$sanitize} \
-    -o "$root/hwlab/arrival-probe" "$repo/bench/hwlab/arrival_probe.cpp" \
-    "$build/platform/liblynx_backend_linux.a" "$build/platform/liblynx_platform_posix.a" -pthread
+# The probe is built by the build under test, with its flags and sanitizers.
+probe="$build/tests/hwlab/arrival-probe"
+cmake --build "$build" --target hwlab_arrival_probe >/dev/null || fail "could not build the probe in $build"
+cp "$probe" "$root/hwlab/arrival-probe"
 
 cp "$busybox" "$root/bin/busybox"
 cp "$here/guest/init" "$root/init"
@@ -154,7 +145,8 @@ echo "$mode" > "$root/hwlab/mode"
 (cd "$root" && find . | "$busybox" cpio -o -H newc 2>/dev/null | gzip -1) > "$work/initrd.gz"
 
 # --- the VM ------------------------------------------------------------------------------
-# KVM is present on these machines but hangs; software emulation boots in seconds.
+# Software emulation: it boots in seconds, and needs no /dev/kvm (containers, chroots, CI
+# runners have none, or one that hangs).
 echo "hwlab: booting $kpkg ($mode)"
 start=$(date +%s)
 status=0
