@@ -21,7 +21,12 @@ set -euo pipefail
 
 repo="$(cd "$(dirname "$0")/.." && pwd)"
 cache="${LYNX_FRESH_CACHE:-/var/cache/lynx-dfu/fresh-check}"
-mirror="${LYNX_DEBIAN_MIRROR:-http://deb.debian.org}"
+# The archive this machine's own apt uses (the one CI can reach), unless told otherwise.
+host_mirror() {
+  cat /etc/apt/sources.list.d/*.sources /etc/apt/sources.list 2>/dev/null |
+    sed -n 's#^URIs: *\([^ ]*\)/debian/*$#\1#p; s#^deb  *\([^ ]*\)/debian/* bookworm .*#\1#p' | head -n 1
+}
+mirror="${LYNX_DEBIAN_MIRROR:-$(host_mirror)}"
 
 # What each step may take on two cores, cold, with room to spare; past it the step is
 # stopped and the check fails, saying which step ran out of time.
@@ -30,6 +35,7 @@ budget_run=1200
 budget_test=3600
 
 fail() { echo "fresh-check: $*" >&2; exit 1; }
+[ -n "$mirror" ] || fail "no Debian archive in this machine's apt sources: set LYNX_DEBIAN_MIRROR"
 
 if [ "${1:-}" = --inside ]; then
   # --- in a mount and process namespace of its own: mounts and processes end with it ----
