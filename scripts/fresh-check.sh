@@ -23,8 +23,9 @@ repo="$(cd "$(dirname "$0")/.." && pwd)"
 cache="${LYNX_FRESH_CACHE:-/var/cache/lynx-dfu/fresh-check}"
 # The archive this machine's own apt uses (the one CI can reach), unless told otherwise.
 host_mirror() {
-  cat /etc/apt/sources.list.d/*.sources /etc/apt/sources.list 2>/dev/null |
-    sed -n 's#^URIs: *\([^ ]*\)/debian/*$#\1#p; s#^deb  *\([^ ]*\)/debian/* bookworm .*#\1#p' | head -n 1
+  { cat /etc/apt/sources.list.d/*.sources /etc/apt/sources.list 2>/dev/null || true; } |
+    sed -n 's#^URIs: *\([^ ]*\)/debian/*$#\1#p; s#^deb  *\([^ ]*\)/debian/* bookworm .*#\1#p' |
+    awk 'NR == 1'
 }
 mirror="${LYNX_DEBIAN_MIRROR:-$(host_mirror)}"
 
