@@ -28,13 +28,6 @@ constexpr std::uint8_t kGetCur = 0x81;
 constexpr std::uint8_t kGetLen = 0x85;
 constexpr std::uint8_t kGetInfo = 0x86;
 
-// The family's extension unit, and another vendor's unit that many webcams carry: the search
-// for the family's unit has to pass over it.
-constexpr GUID kFamilyUnitSet = {
-    0x5B3E9A10, 0x7C2D, 0x4F61, {0x9E, 0x84, 0x2A, 0x6D, 0x0C, 0x1F, 0x7B, 0x39}};
-constexpr GUID kForeignUnitSet = {
-    0x0F3F95DC, 0x2632, 0x4C4E, {0x92, 0xC9, 0xA0, 0x47, 0x82, 0xF4, 0x3B, 0xC8}};
-
 constexpr std::uint32_t kFrameSize = 1024;
 constexpr std::uint32_t kHeaderLength = 20;  // opcode and four parameters
 constexpr std::uint32_t kDeviceInfoCommand = 0x10;
@@ -121,26 +114,18 @@ class SimVideoConnection final : public platform::VideoDeviceConnection {
 SimCamera::SimCamera(SimWorld& world, CameraSpec spec, int index)
     : firmware(spec.firmware), world_(world), spec_(std::move(spec)), index_(index) {}
 
-// The topology as the world describes it: the camera terminal first, the streaming output
-// last, other vendors' extension units just before the family's, processing units elsewhere.
-// A camera without the family's unit has a processing unit in its place.
 std::uint32_t SimCamera::NodeCount() const {
-    return spec_.nodes;
-}
-
-const GUID* SimCamera::UnitSet(std::uint32_t node) const {
-    if (node == spec_.unitNode) return spec_.lynx ? &kFamilyUnitSet : nullptr;
-    if (node < spec_.unitNode && node + spec_.foreignUnits >= spec_.unitNode) {
-        return &kForeignUnitSet;
-    }
-    return nullptr;
+    return static_cast<std::uint32_t>(spec_.topology.size());
 }
 
 GUID SimCamera::NodeType(std::uint32_t node) const {
-    if (UnitSet(node) != nullptr) return KSNODETYPE_DEV_SPECIFIC;
-    if (node == 0) return KSNODETYPE_VIDEO_CAMERA_TERMINAL;
-    if (node + 1 == spec_.nodes) return KSNODETYPE_VIDEO_STREAMING;
-    return KSNODETYPE_VIDEO_PROCESSING;
+    const auto& entity = spec_.topology[node];
+    // A camera without the family's unit has a processing unit in its place.
+    if (!spec_.lynx && entity.kind == platform::linux_hw::UvcEntityKind::kExtensionUnit &&
+        entity.extensionCode != kForeignUnitSet) {
+        return KSNODETYPE_VIDEO_PROCESSING;
+    }
+    return platform::linux_hw::NodeTypeOf(entity);
 }
 
 HRESULT SimCamera::NodeProperty(std::uint32_t node, const GUID& propertySet, std::uint32_t id,
@@ -150,8 +135,10 @@ HRESULT SimCamera::NodeProperty(std::uint32_t node, const GUID& propertySet, std
     if (node >= NodeCount()) return Error(ERROR_NOT_FOUND);
     // Without the topology flag the driver would take the request for the whole filter.
     if (!(flags & kTopology)) return Error(ERROR_SET_NOT_FOUND);
-    const GUID* unitSet = UnitSet(node);
-    if (unitSet == nullptr || *unitSet != propertySet) return Error(ERROR_SET_NOT_FOUND);
+    if (NodeType(node) != KSNODETYPE_DEV_SPECIFIC ||
+        spec_.topology[node].extensionCode != propertySet) {
+        return Error(ERROR_SET_NOT_FOUND);
+    }
     // Each unit has one control, the one with selector 1.
     if (id != 1) return Error(ERROR_NOT_FOUND);
 
@@ -161,7 +148,7 @@ HRESULT SimCamera::NodeProperty(std::uint32_t node, const GUID& propertySet, std
         return data == nullptr && length == 0 ? S_OK : Error(ERROR_INVALID_PARAMETER);
     }
     // Another vendor's unit: its control exists, but its protocol is not this lab's business.
-    if (unitSet != &kFamilyUnitSet) return Error(ERROR_GEN_FAILURE);
+    if (propertySet == kForeignUnitSet) return Error(ERROR_GEN_FAILURE);
     // The driver turns a property request into the unit's UVC requests: it asks the
     // control's length and sends or reads exactly that many bytes.
     std::uint8_t lengthBytes[2] = {};

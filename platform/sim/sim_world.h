@@ -123,8 +123,6 @@ class SimCamera {
   private:
     // Returns false when the command never reaches the firmware (its SET fails).
     bool RunCommand(const std::uint8_t* frame);
-    // The property set of an extension-unit node; null for other nodes.
-    const GUID* UnitSet(std::uint32_t node) const;
     bool ReadReply(std::uint8_t* data, std::uint32_t* returned);
     void LeaveForDfu();
 

@@ -3,6 +3,7 @@
 #include <nlohmann/json.hpp>
 
 #include <sys/stat.h>
+#include <algorithm>
 #include <cwctype>
 #include <fstream>
 #include <limits>
@@ -11,11 +12,13 @@
 #include <sstream>
 
 #include "platform/common/wide_stream.h"
+#include "platform/sim/camera_description.h"
 
 namespace sim {
 namespace {
 
 using nlohmann::json;
+using platform::linux_hw::UvcEntityKind;
 
 constexpr const char* kStateNames[] = {"appIDLE",          "appDETACH",   "dfuIDLE",
                                        "dfuDNLOAD_SYNC",   "dfuDNBUSY",   "dfuDNLOAD_IDLE",
@@ -255,17 +258,30 @@ DfuDeviceSpec ParseDfuDevice(const json& object, const std::string& where) {
     return spec;
 }
 
-// Where the family's extension unit sits among the camera's nodes. A camera without the unit
-// keeps the node count and the other vendors' units (the ones just before where it would be).
-void ParseTopology(const json& object, const std::string& at, CameraSpec& spec) {
+// The family's camera varied: `nodes` nodes, its extension unit at `unitNode` with
+// `foreignUnits` units of another vendor just before it. Its other entities keep their order
+// around them, processing units follow, and the last are left out.
+void ParseTopology(const json& object, const std::string& at, Topology& topology) {
     CheckKeys(object, at, {"nodes", "unitNode", "foreignUnits"});
-    if (object.contains("nodes")) spec.nodes = Count(object, "nodes", at, 1, 64);
-    if (object.contains("unitNode")) spec.unitNode = Count(object, "unitNode", at, 0, 63);
-    if (object.contains("foreignUnits")) {
-        spec.foreignUnits = Count(object, "foreignUnits", at, 0, 63);
-    }
-    if (spec.unitNode >= spec.nodes) Fail(at + ".unitNode", "must be below nodes");
-    if (spec.foreignUnits > spec.unitNode) Fail(at + ".foreignUnits", "must not exceed unitNode");
+    const auto unit = std::find_if(topology.begin(), topology.end(), [](const auto& entity) {
+        return entity.kind == UvcEntityKind::kExtensionUnit;
+    });
+    const auto family = *unit;
+    std::uint32_t nodes = static_cast<std::uint32_t>(topology.size()), foreignUnits = 0;
+    auto unitNode = static_cast<std::uint32_t>(unit - topology.begin());
+    topology.erase(unit);
+    if (object.contains("nodes")) nodes = Count(object, "nodes", at, 1, 64);
+    if (object.contains("unitNode")) unitNode = Count(object, "unitNode", at, 0, 63);
+    if (object.contains("foreignUnits")) foreignUnits = Count(object, "foreignUnits", at, 0, 63);
+    if (unitNode >= nodes) Fail(at + ".unitNode", "must be below nodes");
+    if (foreignUnits > unitNode) Fail(at + ".foreignUnits", "must not exceed unitNode");
+    topology.resize(std::max<std::size_t>(topology.size(), nodes),
+                    {.kind = UvcEntityKind::kProcessingUnit, .controls = {}});
+    topology.insert(
+        topology.begin() + (unitNode - foreignUnits), foreignUnits,
+        {.kind = UvcEntityKind::kExtensionUnit, .extensionCode = kForeignUnitSet, .controls = {1}});
+    topology.insert(topology.begin() + unitNode, family);
+    topology.resize(nodes);
 }
 
 CameraSpec ParseCamera(const json& object, const std::string& where, std::size_t index) {
@@ -303,7 +319,8 @@ CameraSpec ParseCamera(const json& object, const std::string& where, std::size_t
         spec.infoFailures = static_cast<std::uint32_t>(
             Unsigned(object["infoFailures"], where + ".infoFailures", 0, 1000000));
     }
-    if (object.contains("topology")) ParseTopology(object["topology"], where + ".topology", spec);
+    if (object.contains("topology"))
+        ParseTopology(object["topology"], where + ".topology", spec.topology);
     if (object.contains("dfu")) spec.dfu = ParseDfuDevice(object["dfu"], where + ".dfu");
     if (object.contains("dfuDelayMs")) {
         spec.dfuDelayMs = static_cast<std::uint32_t>(
@@ -449,6 +466,14 @@ WorldSpec LoadWorldFile(const std::string& path) {
     } catch (const WorldError& error) {
         throw WorldError(path + ": " + error.what());
     }
+}
+
+Topology DescribedTopology() {
+    const CameraDescription camera = LynxDepthCamera({});
+    const DescriptorBytes config = camera.ConfigurationDescriptor();
+    return platform::linux_hw::ParseUvcControlInterface(config.data(), config.size(),
+                                                        camera.ControlInterface())
+        ->entities;
 }
 
 WorldSpec DefaultWorld() {

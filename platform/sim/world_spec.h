@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "platform/linux/uvc_descriptors.h"
+
 namespace sim {
 
 // A world file that cannot be used; what() names the problem and the JSON path.
@@ -91,6 +93,15 @@ struct CommandFault {
     std::optional<std::uint32_t> times;
 };
 
+// A node for each unit and terminal, numbered in the order the descriptors list them.
+using Topology = std::vector<platform::linux_hw::UvcEntity>;
+// The family's camera as camera_description.h describes it, seen as the driver sees it.
+Topology DescribedTopology();
+// The extension unit of another vendor that many webcams carry: the search for the family's
+// unit has to pass over it.
+inline constexpr GUID kForeignUnitSet = {
+    0x0F3F95DC, 0x2632, 0x4C4E, {0x92, 0xC9, 0xA0, 0x47, 0x82, 0xF4, 0x3B, 0xC8}};
+
 struct CameraSpec {
     std::wstring name;
     std::wstring link;
@@ -98,11 +109,8 @@ struct CameraSpec {
     bool lynx = false;
     FirmwareVersion firmware{0, 0, 0, 0};
     std::uint32_t infoFailures = 0;
-    // Its kernel-streaming topology: how many nodes, where the family's extension unit is,
-    // and how many other vendors' extension units come just before it.
-    std::uint32_t nodes = 5;
-    std::uint32_t unitNode = 3;
-    std::uint32_t foreignUnits = 1;
+    // Its kernel-streaming topology: the family's camera as described, unless the world varies it.
+    Topology topology = DescribedTopology();
     std::optional<DfuDeviceSpec> dfu;
     std::uint32_t dfuDelayMs = 300;
     FirmwareVersion firmwareAfterUpdate{0, 0, 0, 0};
