@@ -114,18 +114,13 @@ class SimVideoConnection final : public platform::VideoDeviceConnection {
 SimCamera::SimCamera(SimWorld& world, CameraSpec spec, int index)
     : firmware(spec.firmware), world_(world), spec_(std::move(spec)), index_(index) {}
 
-std::uint32_t SimCamera::NodeCount() const {
-    return static_cast<std::uint32_t>(spec_.topology.size());
-}
-
 GUID SimCamera::NodeType(std::uint32_t node) const {
     const auto& entity = spec_.topology[node];
     // A camera without the family's unit has a processing unit in its place.
-    if (!spec_.lynx && entity.kind == platform::linux_hw::UvcEntityKind::kExtensionUnit &&
-        entity.extensionCode != kForeignUnitSet) {
-        return KSNODETYPE_VIDEO_PROCESSING;
-    }
-    return platform::linux_hw::NodeTypeOf(entity);
+    const bool family = entity.kind == platform::linux_hw::UvcEntityKind::kExtensionUnit &&
+                        entity.extensionCode != kForeignUnitSet;
+    return family && !spec_.lynx ? KSNODETYPE_VIDEO_PROCESSING
+                                 : platform::linux_hw::NodeTypeOf(entity);
 }
 
 HRESULT SimCamera::NodeProperty(std::uint32_t node, const GUID& propertySet, std::uint32_t id,

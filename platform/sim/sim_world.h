@@ -105,7 +105,7 @@ class SimCamera {
 
     // The camera's kernel-streaming topology and, behind its extension unit, the firmware's
     // command channel (camera_model.cpp). Called with the world's lock held.
-    std::uint32_t NodeCount() const;
+    std::uint32_t NodeCount() const { return static_cast<std::uint32_t>(spec_.topology.size()); }
     GUID NodeType(std::uint32_t node) const;
     // Its entry of the state dump, with the firmware commands it took by opcode (decimal).
     nlohmann::json Dump() const;
