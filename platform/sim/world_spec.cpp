@@ -263,13 +263,11 @@ DfuDeviceSpec ParseDfuDevice(const json& object, const std::string& where) {
 // around them, processing units follow, and the last are left out.
 void ParseTopology(const json& object, const std::string& at, Topology& topology) {
     CheckKeys(object, at, {"nodes", "unitNode", "foreignUnits"});
-    const auto unit = std::find_if(topology.begin(), topology.end(), [](const auto& entity) {
-        return entity.kind == UvcEntityKind::kExtensionUnit;
-    });
-    const auto family = *unit;
-    std::uint32_t nodes = static_cast<std::uint32_t>(topology.size()), foreignUnits = 0;
-    auto unitNode = static_cast<std::uint32_t>(unit - topology.begin());
-    topology.erase(unit);
+    std::uint32_t nodes = static_cast<std::uint32_t>(topology.size()), unitNode = 0,
+                  foreignUnits = 0;
+    while (topology[unitNode].kind != UvcEntityKind::kExtensionUnit) ++unitNode;
+    const auto family = topology[unitNode];
+    topology.erase(topology.begin() + unitNode);
     if (object.contains("nodes")) nodes = Count(object, "nodes", at, 1, 64);
     if (object.contains("unitNode")) unitNode = Count(object, "unitNode", at, 0, 63);
     if (object.contains("foreignUnits")) foreignUnits = Count(object, "foreignUnits", at, 0, 63);
