@@ -1,8 +1,7 @@
 #!/bin/sh
-# Builds every fuzz target with the fuzz preset and runs each for a bounded time under
-# AddressSanitizer and UndefinedBehaviorSanitizer. Every input kept under
-# fuzz/regressions/<target>/ (a crash once found) runs first, every time.
-# Usage: fuzz/run_fuzz.sh [seconds-per-target] [build-dir] [target...]   (defaults: 20, build/fuzz, all)
+# Builds every fuzz target with the fuzz preset and runs each for a bounded time under ASan and
+# UBSan, after every input kept under fuzz/regressions/<target>/ (a crash once found).
+# Usage: fuzz/run_fuzz.sh [seconds-per-target] [build-dir] [target...]  (20, build/fuzz, all)
 set -eu
 seconds="${1:-20}"
 build="${2:-build/fuzz}"

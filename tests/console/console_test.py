@@ -3,14 +3,11 @@
 
     console_test.py CASE LAB_BINARY LINUX_BINARY SOURCE_DIR
 
-CASE: pause-keys (at "Press any key" each key of a table, escape sequences and a lone Esc
-among them, is taken whole: the `q` typed next quits), crlf-answers (a script of answers
-written on Windows burns the sample image), closed-stdout (a reader that has gone away ends
-neither program early, and the lab still writes its state dump), interrupted-download
-(Ctrl+C or SIGTERM in the middle of a download: the image is written whole, then the program
-ends by that signal without its pause), terminal-given-back (a signal at a pause, a crash among them, leaves
-the terminal as it was; a stop and a continue at a pause, and the pause takes one key again).
-Every wait is bounded.
+CASE: pause-keys (each key of a table, a lone Esc among them, is taken whole at a pause),
+crlf-answers (answers written on Windows), closed-stdout (a reader gone away ends neither
+program early), interrupted-download (a signal amid a download: the image is written whole,
+then the program ends by that signal), terminal-given-back (a signal, crash, or stop and
+continue at a pause leaves the terminal as found). Every wait is bounded.
 """
 import json
 import os
@@ -67,10 +64,6 @@ class Pty:
     def settings(self):
         return termios.tcgetattr(self.fd)
 
-    def job(self):
-        """The process group in the terminal's foreground (the program, when run as a job)."""
-        return os.tcgetpgrp(self.fd)
-
     def wait_for(self, text, after, seconds=10.0):
         """Reads until `text` appears after offset `after`; returns the offset past it."""
         deadline = time.monotonic() + seconds
@@ -88,9 +81,6 @@ class Pty:
             if not chunk:
                 return None
             self.seen += chunk.replace(b"\r\n", b"\n")
-
-    def send(self, data):
-        os.write(self.fd, data)
 
     def finish(self, seconds=10.0):
         """The exit status, or None (and the program killed) after the bound."""
@@ -130,7 +120,7 @@ def pause_keys(lab, src):
     for name, key, gap in KEYS:
         session = Pty([lab], src)
         at = session.wait_for(MENU_PROMPT, 0)
-        session.send(b"2\n")
+        os.write(session.fd, b"2\n")
         at = at and session.wait_for(PROMPT, at)
         if at is None:
             fail(name, "no pause after key 2")
@@ -138,16 +128,21 @@ def pause_keys(lab, src):
             continue
         # What follows the key arrives in the same write unless the key needs a gap.
         if gap:
-            session.send(key)
+            os.write(session.fd, key)
             at = session.wait_for(MENU_PROMPT, at)
             time.sleep(gap)
-            session.send(b"q\n")
+            os.write(session.fd, b"q\n")
         else:
-            session.send(key + b"q\n")
+            os.write(session.fd, key + b"q\n")
         status = session.finish()
         if status != 0:
             fail(name, f"q after the key did not quit (status {status}); the console showed:\n"
                  + session.seen[-400:].decode(errors="replace"))
+
+
+def read_state(dump):
+    text = open(dump).read() if os.path.exists(dump) else ""
+    return json.loads(text) if text else {}
 
 
 def run_lab(lab, src, answers, scratch, stdout):
@@ -155,14 +150,13 @@ def run_lab(lab, src, answers, scratch, stdout):
     result = subprocess.run([lab, "--world=lab/default-world.json", "--dump-state=" + dump],
                             cwd=src, input=answers, stdout=stdout, stderr=subprocess.PIPE,
                             timeout=60)
-    text = open(dump).read() if os.path.exists(dump) else ""
-    return result, json.loads(text) if text else None
+    return result, read_state(dump)
 
 
 def expect_burned(case, result, state):
     if result.returncode != 0:
         fail(case, f"exit status {result.returncode}, stderr {result.stderr!r}")
-    downloads = (state or {}).get("downloads", [])
+    downloads = state.get("downloads", [])
     if [(d.get("bytes"), d.get("manifested")) for d in downloads] != [(6000, True)]:
         fail(case, f"the sample image was not burned: {state}")
 
@@ -177,22 +171,18 @@ def crlf_answers(lab, src):
 
 
 def closed_stdout(lab, linux, src):
-    with tempfile.TemporaryDirectory() as scratch:
-        for argv, answers in [([lab], b'1\n1\nlab/sample-firmware.bin\n\nq\n'),
-                              ([linux], b"2\n\nq\n")]:
-            read_end, write_end = os.pipe()
-            os.close(read_end)
-            try:
-                if argv[0] == lab:
-                    result, state = run_lab(lab, src, answers, scratch, write_end)
-                    expect_burned("closed stdout, lab", result, state)
-                else:
-                    result = subprocess.run(argv, cwd=src, input=answers, stdout=write_end,
-                                            stderr=subprocess.PIPE, timeout=60)
-                    if result.returncode != 0:
-                        fail("closed stdout, lynx-dfu", f"exit status {result.returncode}")
-            finally:
-                os.close(write_end)
+    read_end, write_end = os.pipe()
+    os.close(read_end)
+    try:
+        with tempfile.TemporaryDirectory() as scratch:
+            answers = b"1\n1\nlab/sample-firmware.bin\n\nq\n"
+            expect_burned("closed stdout, lab", *run_lab(lab, src, answers, scratch, write_end))
+        result = subprocess.run([linux], cwd=src, input=b"2\n\nq\n", stdout=write_end,
+                                stderr=subprocess.PIPE, timeout=60)
+        if result.returncode != 0:
+            fail("closed stdout, lynx-dfu", f"exit status {result.returncode}")
+    finally:
+        os.close(write_end)
 
 
 def until(condition, seconds=10.0):
@@ -238,16 +228,16 @@ def interrupted_download(lab, src):
                 os.remove(dump)
             session = Pty([lab, "--world=" + world, "--dump-state=" + dump], src, job=True)
             at = session.wait_for(MENU_PROMPT, 0)
-            session.send(answers + image.encode() + b"\n")
+            os.write(session.fd, answers + image.encode() + b"\n")
             at = at and session.wait_for(b"Downloaded 1024, bytes remaining 4976\n", at)
             if at is None:
                 fail(name, "no download began: " + session.seen[-300:].decode(errors="replace"))
                 session.finish(0)
                 continue
             if typed:
-                session.send(typed)
+                os.write(session.fd, typed)
             else:
-                os.killpg(session.job(), sig)
+                os.killpg(os.tcgetpgrp(session.fd), sig)
             status = session.finish()
             tail = session.seen[at:]
             if status != -sig:
@@ -255,8 +245,7 @@ def interrupted_download(lab, src):
             if not tail.endswith(LAST_BLOCK) or PROMPT in tail or MENU_PROMPT in tail:
                 fail(name, "the download did not end as the last thing shown:\n" +
                      tail.decode(errors="replace"))
-            text = open(dump).read() if os.path.exists(dump) else ""
-            state = json.loads(text) if text else {}
+            state = read_state(dump)
             downloads = [(d.get("bytes"), d.get("crc32"), d.get("manifested"))
                          for d in state.get("downloads", [])]
             if downloads != [(6000, crc, True)]:
@@ -266,23 +255,20 @@ def interrupted_download(lab, src):
                 fail(name, f"the camera did not come back updated: {firmware}")
 
 
-def raw_at_pause(settings):
-    return not settings[3] & termios.ICANON
-
-
 def terminal_given_back(lab, src):
     for name, sig in [("SIGTERM", signal.SIGTERM), ("SIGHUP", signal.SIGHUP),
                       ("SIGINT", signal.SIGINT), ("a crash", signal.SIGSEGV),
                       ("an abort", signal.SIGABRT), ("stop and continue", signal.SIGTSTP)]:
         session = Pty([lab], src, job=True)
+        raw = lambda: not session.settings()[3] & termios.ICANON  # noqa: E731
         at = session.wait_for(MENU_PROMPT, 0)
-        session.send(b"2\n")
+        os.write(session.fd, b"2\n")
         at = at and session.wait_for(PROMPT, at)
-        if at is None or not until(lambda: raw_at_pause(session.settings())):
+        if at is None or not until(raw):
             fail(name, "the pause did not take single keys")
             session.finish(0)
             continue
-        job = session.job()
+        job = os.tcgetpgrp(session.fd)
         os.killpg(job, sig)
         if sig != signal.SIGTSTP:
             status = session.finish()
@@ -291,22 +277,21 @@ def terminal_given_back(lab, src):
             if status != -sig and not sanitized:
                 fail(name, f"exit status {status}, not the signal's {-sig}")
         else:
-            stopped = until(lambda: open(f"/proc/{job}/stat").read().split(")")[1].split()[0]
-                            == "T")
-            if not stopped:
+            if not until(lambda: open(f"/proc/{job}/stat").read().split(")")[1].split()[0]
+                         == "T"):
                 fail(name, "the program did not stop")
             if session.settings() != session.found:
                 fail(name, "the stopped program kept the terminal's settings")
             # As a shell does while its job is stopped: the terminal is the shell's.
             termios.tcsetattr(session.fd, termios.TCSANOW, session.found)
             os.killpg(job, signal.SIGCONT)
-            if not until(lambda: raw_at_pause(session.settings())):
+            if not until(raw):
                 fail(name, "the pause did not take single keys again after the continue")
             # One key, no Enter: the menu comes back, and q quits.
-            session.send(b"x")
+            os.write(session.fd, b"x")
             if session.wait_for(MENU_PROMPT, at) is None:
                 fail(name, "one key did not end the pause after the continue")
-            session.send(b"q\n")
+            os.write(session.fd, b"q\n")
             status = session.finish()
             if status != 0:
                 fail(name, f"exit status {status} after q")

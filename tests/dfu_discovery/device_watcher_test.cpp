@@ -5,7 +5,9 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
+#include <cwctype>
+#include <future>
+#include <mutex>
 #include <optional>
 #include <sstream>
 #include <thread>
@@ -30,9 +32,8 @@ const std::wstring kOtherProduct = L"\\\\?\\USB#VID_3C5E&PID_0B64#5&77aa0011&0&3
 const std::wstring kOtherVendor = L"\\\\?\\USB#VID_0C45&PID_0F1C#5&77aa0011&0&4" + kClass;
 
 std::wstring Lower(std::wstring text) {
-    for (auto& unit : text) {
-        if (unit >= L'A' && unit <= L'Z') unit = static_cast<wchar_t>(unit - L'A' + L'a');
-    }
+    std::transform(text.begin(), text.end(), text.begin(),
+                   [](wchar_t c) { return std::towlower(c); });
     return text;
 }
 
@@ -119,7 +120,6 @@ INSTANTIATE_TEST_SUITE_P(
         WaitCase{"From110ATenth", 110, {}, 0, kFirstLower, 2, 110, 270},
         WaitCase{"OtherPresent", 250, {kSecond}, 0, kFirstLower, 2, 250, 550},
         WaitCase{"TenSecondsOtherPresent", 10000, {kSecond}, 0, kFirstLower, 2, 10000, 20050, 100},
-        WaitCase{"TenSeconds", 10000, {}, 0, kFirstLower, 2, 10000, 20050, 100},
         WaitCase{"PresentAtOnce", 10000, {kSecond, kFirst}, 0, kFirstLower, 0, 0, 500},
         // The list holds lower-cased paths and is compared exactly.
         WaitCase{"UpperCaseNever", 0, {kFirst}, 0, kFirst, 2, 100, 250},
@@ -131,25 +131,19 @@ INSTANTIATE_TEST_SUITE_P(
 // blocking subscriber, in the same delivery, and must still find the watcher alive.
 TEST(DeviceWatcher, TeardownDuringANotificationEndsAfterTheCallback) {
     LabBus bus({});
-    std::mutex mutex;
-    std::condition_variable changed;
-    bool entered = false;
-    bool release = false;
+    std::promise<void> entered, release;
+    const std::shared_future<void> released = release.get_future().share();
+    std::once_flag first;
     const auto blocker =
         bus.world->SubscribeUsbEvents([&](platform::UsbEvent, const std::wstring&) {
-            std::unique_lock lock(mutex);
-            entered = true;
-            changed.notify_all();
-            changed.wait_for(lock, std::chrono::seconds(10), [&] { return release; });
+            std::call_once(first, [&] { entered.set_value(); });
+            released.wait_for(std::chrono::seconds(10));
         });
 
     auto watcher = std::make_unique<std::optional<DeviceWatcher>>();
     MakeWatcher(*watcher);
     bus.Plug(bus.MakeDevice(kFirst));
-    {
-        std::unique_lock lock(mutex);
-        ASSERT_TRUE(changed.wait_for(lock, std::chrono::seconds(10), [&] { return entered; }));
-    }
+    ASSERT_EQ(std::future_status::ready, entered.get_future().wait_for(std::chrono::seconds(10)));
 
     std::atomic<bool> tornDown{false};
     std::thread teardown([&] {
@@ -158,11 +152,7 @@ TEST(DeviceWatcher, TeardownDuringANotificationEndsAfterTheCallback) {
     });
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     EXPECT_FALSE(tornDown);
-    {
-        std::lock_guard lock(mutex);
-        release = true;
-    }
-    changed.notify_all();
+    release.set_value();
     teardown.join();
     EXPECT_TRUE(tornDown);
     bus.world->UnsubscribeUsbEvents(blocker);
@@ -239,15 +229,6 @@ struct RaceBus final : platform::EmptyDeviceBackend {
     }
 };
 
-struct RaceLab {
-    explicit RaceLab(std::vector<std::wstring> present) : bus(std::make_shared<RaceBus>()) {
-        bus->present = std::move(present);
-        platform::InstallBackend(bus);
-    }
-    ~RaceLab() { platform::InstallBackend(nullptr); }
-    std::shared_ptr<RaceBus> bus;
-};
-
 struct RaceCase {
     const char* name;
     std::vector<std::wstring> present;
@@ -262,16 +243,18 @@ class RescanRace : public testing::TestWithParam<RaceCase> {};
 
 TEST_P(RescanRace, ListAndEventAfterTheRescan) {
     const auto& c = GetParam();
-    RaceLab lab(c.present);
-    lab.bus->refuseSubscriptions = c.registrationRefused;
-    lab.bus->growths = c.growths;
+    const auto bus = std::make_shared<RaceBus>();
+    bus->present = c.present;
+    bus->refuseSubscriptions = c.registrationRefused;
+    bus->growths = c.growths;
+    platform::InstallBackend(bus);
     {
         std::optional<DeviceWatcher> watcher;
         MakeWatcher(watcher);
         // Nothing is listed before the first rescan, and each rescan starts from a reset event.
         EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObject(watcher->arrivalEvent, 0));
         SetEvent(watcher->arrivalEvent);
-        lab.bus->duringList = c.duringRescan;
+        bus->duringList = c.duringRescan;
 
         EXPECT_EQ(c.listed, Links(watcher->GetDevices()));
         // One event for both: a removal ends a wait on the arrival event as well.
@@ -279,8 +262,9 @@ TEST_P(RescanRace, ListAndEventAfterTheRescan) {
                   WaitForSingleObject(watcher->arrivalEvent, 0));
     }
     // What was never registered is not unregistered.
-    EXPECT_EQ(c.registrationRefused ? 0 : 1, lab.bus->unsubscriptions);
-    EXPECT_LE(lab.bus->lists, 20);
+    EXPECT_EQ(c.registrationRefused ? 0 : 1, bus->unsubscriptions);
+    EXPECT_LE(bus->lists, 20);
+    platform::InstallBackend(nullptr);
 }
 
 const auto kArrival = UsbEvent::kArrival;

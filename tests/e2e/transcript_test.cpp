@@ -1,17 +1,11 @@
 // Runs lynx-dfu-lab over each case folder of tests/e2e/cases and compares what it printed.
-//
-// A case folder holds:
-//   input.txt            the operator's answers, one line per prompt or pause (required)
-//   world.json           the world (absent: the lab's default world)
-//   expected.txt         the whole standard output, byte for byte (required)
-//   expected_stderr.txt  the whole standard error (absent: must be empty)
-//   exit_code            the expected exit status (absent: 0)
-//   expected_state.json  fields the state dump must hold (a subset match: objects by key,
-//                        arrays element by element and of equal length)
-//   args                 extra arguments, one per line, instead of --world; the runner's own
-//                        --dump-state is left out when they name one
-// Any of them may name the source tree as @SOURCE_DIR@ and the case's scratch folder as
-// @SCRATCH@.
+// A case folder holds input.txt (the operator's answers, one line per prompt or pause) and
+// expected.txt (the whole standard output, byte for byte); it may hold world.json (absent:
+// the lab's default world), expected_stderr.txt (absent: must be empty), exit_code (absent:
+// 0), expected_state.json (fields the state dump must hold: objects by key, arrays element
+// by element and of equal length) and args (extra arguments, one per line, instead of
+// --world; the runner's own --dump-state is left out when they name one). Any of them may
+// name the source tree as @SOURCE_DIR@ and the case's scratch folder as @SCRATCH@.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -21,6 +15,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -31,9 +26,7 @@ namespace fs = std::filesystem;
 
 std::string ReadFile(const fs::path& path) {
     std::ifstream file(path, std::ios::binary);
-    std::ostringstream text;
-    text << file.rdbuf();
-    return text.str();
+    return {std::istreambuf_iterator<char>(file), {}};
 }
 
 std::string Quoted(const std::string& text) {
@@ -132,13 +125,8 @@ TEST_P(Transcript, MatchesExpectedOutput) {
     if (!HasFailure()) fs::remove_all(scratch);
 }
 
+// Folder names are test names: lower case, digits and underscores only.
 INSTANTIATE_TEST_SUITE_P(Lab, Transcript, testing::ValuesIn(CaseNames()),
-                         [](const testing::TestParamInfo<std::string>& info) {
-                             std::string name = info.param;
-                             for (auto& ch : name) {
-                                 if (!std::isalnum(static_cast<unsigned char>(ch))) ch = '_';
-                             }
-                             return name;
-                         });
+                         [](const auto& info) { return info.param; });
 
 }  // namespace

@@ -1,23 +1,15 @@
 #!/usr/bin/env bash
 # The hardware lab: lynx-dfu against an emulated camera of the family, through the real
-# Linux kernel (vhci-hcd, usbfs, uvcvideo, uevents) in a qemu VM with no network.
+# Linux kernel (vhci-hcd, usbfs, uvcvideo, uevents) in a qemu VM with no network. Installs
+# nothing; the packages it needs and the kernel cache it keeps: tests/hwlab/README.md.
 #
 #   tests/hwlab/run.sh [--build DIR] [--bench] [--keep] [--record DIR] [--case NAME]...
 #
 # --build DIR  the native build whose app/lynx-dfu is tested (default: build/default)
-# --bench      run the measurements of bench/hwlab instead of the sessions (see README.md)
+# --bench      run the measurements of bench/hwlab instead of the sessions
 # --keep       keep the work directory and print where it is
-# --record DIR copy every case's actual output and device log to DIR (to review before
-#              taking any of it as an expectation)
+# --record DIR copy every case's actual output and device log to DIR, for review
 # --case NAME  run only this case of tests/hwlab/cases (may be given more than once)
-#
-# Installs nothing. Needs these Debian packages (CI installs them):
-#   qemu-system-x86 busybox-static dfu-util v4l-utils, and the build's own CMake (apt/dpkg
-#   fetch two packages)
-# The distribution's kernel package and its udev package (for the udev daemon that runs in
-# the VM) are fetched with apt-get download, unpacked with dpkg -x and kept in a cache
-# outside the build tree, so that a new build or a clean checkout does not fetch them again:
-#   $LYNX_HWLAB_CACHE, default ${XDG_CACHE_HOME:-$HOME/.cache}/lynx-dfu/hwlab
 # Exits non-zero on any failure.
 set -euo pipefail
 
@@ -53,8 +45,7 @@ lynx="$build/app/lynx-dfu"
 cache="${LYNX_HWLAB_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/lynx-dfu/hwlab}"
 mkdir -p "$cache"
 
-# fetch PACKAGE DIR: the package unpacked into DIR, once; said aloud, with where it went and
-# how much room it takes, because the kernel is some 400 MB.
+# fetch PACKAGE DIR: the package unpacked into DIR, once; said aloud, as the kernel is 400 MB.
 fetch() {
     [ -d "$2" ] && return 0
     echo "hwlab: fetching the Debian package $1 into the cache $cache (once; kept for later runs)"

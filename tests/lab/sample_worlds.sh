@@ -1,7 +1,6 @@
 #!/bin/sh
 # Every sample world under lab/ loads and shows what its name promises, with the command
-# line that docs/lab.md gives for it (the world's clock sped up, so that the waits
-# of a camera that never comes back take a tenth of a second).
+# line that docs/lab.md gives for it (the world's clock sped up 100 times).
 #   sample_worlds.sh LAB_BINARY SOURCE_DIR
 set -eu
 lab="$1"
@@ -21,21 +20,13 @@ camera-never-comes-back|No DFU device was connected |"present": false'
 for world in "$src"/lab/*.json; do
     name="$(basename "$world" .json)"
     row="$(printf '%s\n' "$rows" | grep "^$name|" || true)"
-    if [ -z "$row" ]; then
-        echo "FAIL $name: a sample world without a row here"
-        failed=1
-        continue
-    fi
+    [ -n "$row" ] || { echo "FAIL $name: a sample world without a row"; failed=1; continue; }
     line="$(printf '%s' "$row" | cut -d'|' -f2)"
     state="$(printf '%s' "$row" | cut -d'|' -f3)"
     # The answers are those of the command line in the documentation's table.
     answers="$(grep -F -- "--world=lab/$name.json\`" "$src/docs/lab.md" |
         sed -n "s/.*printf '\([^']*\)'.*/\1/p" | head -n 1)"
-    if [ -z "$answers" ]; then
-        echo "FAIL $name: docs/lab.md gives no command line for it"
-        failed=1
-        continue
-    fi
+    [ -n "$answers" ] || { echo "FAIL $name: no command line in docs/lab.md"; failed=1; continue; }
     awk '!sped && sub(/\{/, "{ \"speedup\": 100,") { sped = 1 } { print }' "$world" >"$scratch/$name.json"
     status=0
     (cd "$src" && printf "$answers" | timeout 60 "$lab" --world="$scratch/$name.json" \

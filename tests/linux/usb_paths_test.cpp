@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cwctype>
 #include <string>
 
@@ -66,11 +67,9 @@ TEST(UsbPaths, OthersAreNotOpened) {
     }
 }
 
-std::string Datagram(const std::string& fields) {
-    std::string out = fields;
-    for (char& c : out)
-        if (c == '|') c = '\0';
-    return out;
+std::string Datagram(std::string fields) {
+    std::replace(fields.begin(), fields.end(), '|', '\0');
+    return fields;
 }
 
 struct UeventCase {

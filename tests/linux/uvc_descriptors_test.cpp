@@ -44,8 +44,7 @@ Bytes CameraConfiguration(const Bytes& extensionUnit) {
     Append(config, {8, 0x0B, 0, 2, 0x0E, 0x03, 0, 0});                     // association
     Append(config, {9, 0x04, 0, 0, 1, 0x0E, 0x01, 0, 0});                  // VC interface
     Append(config, {13, 0x24, 0x01, 0x00, 0x01, 0, 0, 0, 0, 0, 0, 1, 1});  // VC header 1.00
-    Append(config, {18, 0x24, 0x02, 1, 0x01, 0x02, 0, 0, 0, 0, 0, 0, 0, 0, 0, 3, 0, 0, 0});
-    config.resize(config.size() - 1);  // the terminal above is 18 bytes long
+    Append(config, {18, 0x24, 0x02, 1, 0x01, 0x02, 0, 0, 0, 0, 0, 0, 0, 0, 0, 3, 0, 0});
     Append(config, {11, 0x24, 0x05, 2, 1, 0, 0, 2, 0x01, 0x00, 0});  // processing unit
     Append(config, extensionUnit);
     Append(config, {9, 0x24, 0x03, 4, 0x01, 0x01, 0, 3, 0});  // streaming output terminal
@@ -58,7 +57,7 @@ Bytes CameraConfiguration(const Bytes& extensionUnit) {
     return config;
 }
 
-TEST(UvcDescriptors, CameraUnitsInDescriptorOrderOnlyUnderTheControlInterface) {
+TEST(UvcDescriptors, UnitsInDescriptorOrderOnlyUnderTheControlInterfaceAndWideBitmaps) {
     const Bytes config = CameraConfiguration(ExtensionUnit(3, 1, {2}, {0x01}));
     const auto parsed = ParseUvcControlInterface(config.data(), config.size(), 0);
     ASSERT_TRUE(parsed);
@@ -85,19 +84,17 @@ TEST(UvcDescriptors, CameraUnitsInDescriptorOrderOnlyUnderTheControlInterface) {
     EXPECT_FALSE(ParseUvcControlInterface(config.data(), config.size(), 1));  // streaming
     EXPECT_FALSE(ParseUvcControlInterface(config.data(), config.size(), 7));  // absent
     EXPECT_FALSE(ParseUvcControlInterface(nullptr, 0, 0));
-}
 
-TEST(UvcDescriptors, ControlBitmapPastTheSourcePinsOfAWideUnit) {
     // Two source pins move bControlSize; control 10 lives in the second bitmap byte.
-    const Bytes config = CameraConfiguration(ExtensionUnit(5, 10, {1, 2}, {0x00, 0x02}));
-    const auto parsed = ParseUvcControlInterface(config.data(), config.size(), 0);
-    ASSERT_TRUE(parsed && parsed->entities.size() == 4u);
-    const UvcEntity& unit = parsed->entities[2];
-    EXPECT_EQ(unit.id, 5);
-    EXPECT_EQ(unit.controlCount, 10);
-    EXPECT_TRUE(unit.HasControl(10));
-    EXPECT_FALSE(unit.HasControl(1));
-    EXPECT_FALSE(unit.HasControl(17));  // beyond the bitmap
+    const Bytes wide = CameraConfiguration(ExtensionUnit(5, 10, {1, 2}, {0x00, 0x02}));
+    const auto widened = ParseUvcControlInterface(wide.data(), wide.size(), 0);
+    ASSERT_TRUE(widened && widened->entities.size() == 4u);
+    const UvcEntity& wideUnit = widened->entities[2];
+    EXPECT_EQ(wideUnit.id, 5);
+    EXPECT_EQ(wideUnit.controlCount, 10);
+    EXPECT_TRUE(wideUnit.HasControl(10));
+    EXPECT_FALSE(wideUnit.HasControl(1));
+    EXPECT_FALSE(wideUnit.HasControl(17));  // beyond the bitmap
 }
 
 struct Damage {

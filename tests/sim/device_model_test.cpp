@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "../dfu/named_row.h"
@@ -18,10 +19,8 @@ const std::string kLink = R"("link": "\\\\?\\USB#VID_3C5E&PID_0F1C#1")";
 constexpr GUID kFamilyUnit = {
     0x5B3E9A10, 0x7C2D, 0x4F61, {0x9E, 0x84, 0x2A, 0x6D, 0x0C, 0x1F, 0x7B, 0x39}};
 
-// A DFU request (wIndex names the DFU interface unless a row says otherwise), or with
-// type 0 a camera command: the information command's frame with one byte changed, its
-// reply read `value` world milliseconds later; `request` 1 sends the support query with a
-// data buffer instead.
+// A DFU request, or with type 0 a camera command (see the camera rows); `request` 1 of a
+// camera step sends the support query with a data buffer.
 struct Step {
     std::uint8_t type;
     std::uint8_t request;
@@ -46,10 +45,10 @@ struct Rule {
 class Bus : public testing::Test {
   protected:
     void TearDown() override {
-        for (auto handle : handles) {
-            if (handle != nullptr) WinUsb_Free(handle);
+        for (auto& handle : handles) {
+            if (handle != nullptr) WinUsb_Free(std::exchange(handle, nullptr));
         }
-        if (file != INVALID_HANDLE_VALUE) CloseHandle(file);
+        if (file != INVALID_HANDLE_VALUE) CloseHandle(std::exchange(file, INVALID_HANDLE_VALUE));
         platform::InstallBackend(nullptr);
     }
 
@@ -221,8 +220,6 @@ TEST_P(StateTable, EveryRequestInTheState) {
         EXPECT_EQ(!refused, DfuRequest(requests[r])) << "request " << r;
         EXPECT_EQ(expected, world->DumpState()["dfuDevices"][0]["state"]) << "request " << r;
         TearDown();
-        handles[0] = handles[1] = nullptr;
-        file = INVALID_HANDLE_VALUE;
     }
 }
 

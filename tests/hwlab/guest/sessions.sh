@@ -41,10 +41,7 @@ run_case() {
     args="$(cat "$dir/emulator.args")"
     lynx-virtual-camera --log "$out/device.log" --lifetime-s 300 $args 2>"$out/emulator.err" &
     emulator=$!
-    if ! wait_for has_family_device 100; then
-        echo "HWLAB: $name: the emulated device never appeared"
-        ok=0
-    fi
+    wait_for has_family_device 100 || { echo "HWLAB: $name: the emulated device never appeared"; ok=0; }
     case " $args " in *" --mode dfu "*) ;; *) wait_for has_camera_node 100 || ok=0 ;; esac
     sleep 0.5  # let the drivers finish binding before anyone lists devices
     udevadm settle --timeout=10  # and udev apply the rules to their nodes
@@ -63,18 +60,14 @@ run_case() {
     for step in 1 2; do
         [ "$ok" = 1 ] && [ -f "$dir/input$step.txt" ] || continue
         if [ "$step" = 2 ] && ! wait_for has_camera_node 150; then
-            echo "HWLAB: $name: the camera did not come back"
-            ok=0
-            continue
+            echo "HWLAB: $name: the camera did not come back"; ok=0; continue
         fi
         [ "$step" = 2 ] && sleep 0.5 && udevadm settle --timeout=10
         run_lynx "$dir/input$step.txt" "$out/output$step.txt" "$user"
         echo "exit $?" >>"$out/output$step.txt"
         normalize "$out/output$step.txt" >"$out/actual$step.txt"
         if ! diff -u "$dir/expected$step.txt" "$out/actual$step.txt" >"$out/diff$step.txt"; then
-            echo "HWLAB: $name: console output of session $step differs:"
-            cat "$out/diff$step.txt"
-            ok=0
+            echo "HWLAB: $name: console output of session $step differs:"; cat "$out/diff$step.txt"; ok=0
         fi
     done
     # A device that has just manifested resets into the camera on its own; let it arrive,
@@ -88,9 +81,7 @@ run_case() {
     wait_for no_family_device 100
     grep -v -e '^clock ' -e '^timing ' "$out/device.log" | normalize >"$out/device.txt"
     if ! diff -u "$dir/device.txt" "$out/device.txt" >"$out/device.diff"; then
-        echo "HWLAB: $name: the device received something else:"
-        cat "$out/device.diff"
-        ok=0
+        echo "HWLAB: $name: the device received something else:"; cat "$out/device.diff"; ok=0
     fi
     if [ "$ok" = 1 ] && [ -f "$dir/check.sh" ]; then
         (cd "$out" && sh "$dir/check.sh" >"$out/check.txt" 2>&1) || {
@@ -106,14 +97,9 @@ run_case() {
     fi
 }
 
-if [ "$(cat /hwlab/mode)" = bench ]; then
-    sh /hwlab/bench.sh
-    exit $?
-fi
+[ "$(cat /hwlab/mode)" = bench ] && { sh /hwlab/bench.sh; exit $?; }
 
-for dir in /hwlab/cases/*/; do
-    run_case "${dir%/}"
-done
+for dir in /hwlab/cases/*/; do run_case "${dir%/}"; done
 if [ -f /hwlab/record ]; then
     echo "HWLAB-RECORD-BEGIN"
     tar c -C /tmp/out . | gzip | base64
