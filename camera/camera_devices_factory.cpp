@@ -41,21 +41,20 @@ class ActivationArray {
 
 CameraDevicesFactory::CameraDevicesFactory(
     std::ostream* log, std::list<std::shared_ptr<ICameraDeviceFactory>> familyFactories,
-    std::shared_ptr<ICameraDeviceFactory> fallbackFactory, DeviceSourceCalls calls)
+    std::shared_ptr<ICameraDeviceFactory> fallbackFactory)
     : DfuLogger(log),
       familyFactories(std::move(familyFactories)),
-      fallbackFactory(std::move(fallbackFactory)),
-      calls(calls) {}
+      fallbackFactory(std::move(fallbackFactory)) {}
 
 std::vector<std::shared_ptr<ICameraDevice>> CameraDevicesFactory::GetDevices() {
     std::vector<std::shared_ptr<ICameraDevice>> devices;
     for (const auto& attributeSet : DeviceSourceAttributeSets) {
         Microsoft::WRL::ComPtr<IMFAttributes> store;
-        if (calls.createAttributes(store.GetAddressOf(), 1) != S_OK || !store) break;
+        if (MFCreateAttributes(store.GetAddressOf(), 1) != S_OK || !store) break;
         for (const auto& [key, value] : attributeSet) store->SetGUID(key, value);
 
         ActivationArray found;
-        if (calls.enumDeviceSources(store.Get(), &found.items, &found.count) != S_OK) break;
+        if (MFEnumDeviceSources(store.Get(), &found.items, &found.count) != S_OK) break;
         for (UINT32 i = 0; i < found.count; ++i) {
             Microsoft::WRL::ComPtr<IMFActivate> activation = found.Take(i);
             if (!activation) continue;

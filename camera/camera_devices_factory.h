@@ -18,22 +18,14 @@ using DeviceSourceAttributeSet = std::vector<std::pair<GUID, GUID>>;
 // Sensor-camera category first, then the default video-capture category.
 extern const std::vector<DeviceSourceAttributeSet> DeviceSourceAttributeSets;
 
-// The two platform calls the enumeration makes, replaceable where the platform's own
-// behaviour cannot be arranged (a store that cannot be made, an enumeration that fails).
-struct DeviceSourceCalls {
-    decltype(&MFCreateAttributes) createAttributes = &MFCreateAttributes;
-    decltype(&MFEnumDeviceSources) enumDeviceSources = &MFEnumDeviceSources;
-};
-
 class CameraDevicesFactory : public DfuLogger {
   public:
     // The program's enumerator: the family factories of the updatable layer, then the plain
-    // fallback.
+    // fallback. Defined in app/default_enumeration.cpp, where both layers are visible.
     explicit CameraDevicesFactory(std::ostream* log);
     CameraDevicesFactory(std::ostream* log,
                          std::list<std::shared_ptr<ICameraDeviceFactory>> familyFactories,
-                         std::shared_ptr<ICameraDeviceFactory> fallbackFactory,
-                         DeviceSourceCalls calls = {});
+                         std::shared_ptr<ICameraDeviceFactory> fallbackFactory);
 
     // Enumerates afresh on every call. A platform failure ends the enumeration early and the
     // devices found until then are returned; nothing is printed.
@@ -42,5 +34,4 @@ class CameraDevicesFactory : public DfuLogger {
   private:
     std::list<std::shared_ptr<ICameraDeviceFactory>> familyFactories;
     std::shared_ptr<ICameraDeviceFactory> fallbackFactory;
-    DeviceSourceCalls calls;
 };

@@ -2,7 +2,6 @@
 
 #include <string>
 
-#include "camera/camera_devices_factory.h"
 #include "platform/sync.h"
 
 LynxUpdatableDevice::LynxUpdatableDevice() {
@@ -69,9 +68,3 @@ std::shared_ptr<ICameraDevice> LynxUpdatableDeviceFactory::CreateDevice(
 std::shared_ptr<ICameraDevice> CreateLynxUpdatableDevice() {
     return std::make_shared<LynxUpdatableDevice>();
 }
-
-// The enumerator's family list is put together here, where the families are known; the
-// enumeration itself stays independent of them.
-CameraDevicesFactory::CameraDevicesFactory(std::ostream* log)
-    : CameraDevicesFactory(log, {std::make_shared<LynxUpdatableDeviceFactory>()},
-                           std::make_shared<CameraDeviceFactory>()) {}

@@ -1,2 +1,0 @@
-// Until the first sources of this layer land.
-namespace {}
