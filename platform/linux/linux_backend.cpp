@@ -17,6 +17,7 @@
 #include <map>
 #include <set>
 
+#include "platform/ks.h"
 #include "platform/linux/camera_functions.h"
 #include "platform/linux/settings_store.h"
 #include "platform/linux/sysfs.h"
@@ -26,14 +27,6 @@
 
 namespace platform::linux_hw {
 namespace {
-
-constexpr DWORD ERROR_SET_NOT_FOUND = 1170;
-constexpr DWORD ERROR_NOT_FOUND = 1168;
-
-constexpr std::uint32_t kGet = 0x1;
-constexpr std::uint32_t kSet = 0x2;
-constexpr std::uint32_t kSetSupport = 0x100;
-constexpr std::uint32_t kTopology = 0x10000000;
 
 constexpr std::uint8_t kUvcSetCur = 0x01;
 constexpr std::uint8_t kUvcGetCur = 0x81;
@@ -180,7 +173,7 @@ class V4l2Connection final : public VideoDeviceConnection {
                          std::uint32_t* returned) override {
         *returned = 0;
         if (node >= control_.entities.size()) return HResultFromError(ERROR_NOT_FOUND);
-        if (!(flags & kTopology)) return HResultFromError(ERROR_SET_NOT_FOUND);
+        if (!(flags & KSPROPERTY_TYPE_TOPOLOGY)) return HResultFromError(ERROR_SET_NOT_FOUND);
         const UvcEntity& unit = control_.entities[node];
         if (unit.kind != UvcEntityKind::kExtensionUnit || unit.extensionCode != propertySet) {
             return HResultFromError(ERROR_SET_NOT_FOUND);
@@ -189,21 +182,22 @@ class V4l2Connection final : public VideoDeviceConnection {
             return HResultFromError(ERROR_NOT_FOUND);
         }
         const auto selector = static_cast<std::uint8_t>(id);
-        const std::uint32_t request = flags & ~kTopology;
+        const std::uint32_t request = flags & ~KSPROPERTY_TYPE_TOPOLOGY;
 
-        if (request == kSetSupport) {
+        if (request == KSPROPERTY_TYPE_SETSUPPORT) {
             std::uint8_t info = 0;
             const ErrorCode error = Query(unit.id, selector, kUvcGetInfo, &info, 1);
             if (error != ERROR_SUCCESS) return HResultFromError(error);
             return (info & kInfoSupportsSet) ? S_OK : HResultFromError(ERROR_NOT_SUPPORTED);
         }
-        if (request != kGet && request != kSet) return HResultFromError(ERROR_NOT_SUPPORTED);
+        if (request != KSPROPERTY_TYPE_GET && request != KSPROPERTY_TYPE_SET)
+            return HResultFromError(ERROR_NOT_SUPPORTED);
 
         std::uint8_t lengthBytes[2] = {};
         ErrorCode error = Query(unit.id, selector, kUvcGetLen, lengthBytes, 2);
         if (error != ERROR_SUCCESS) return HResultFromError(error);
         const std::uint32_t size = lengthBytes[0] | (lengthBytes[1] << 8);
-        if (request == kGet) {
+        if (request == KSPROPERTY_TYPE_GET) {
             if (data == nullptr || length < size) {
                 // As kernel streaming does: the caller learns the size it needs.
                 *returned = size;

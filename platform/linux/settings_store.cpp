@@ -8,11 +8,11 @@
 #include <vector>
 
 #include "platform/linux/sysfs.h"
+#include "platform/registry.h"
 
 namespace platform::linux_hw {
 namespace {
 
-constexpr std::uint32_t kRegSz = 1;
 constexpr mode_t kDirectoryMode = 0700;  // the value steers a system service: root only
 constexpr mode_t kFileMode = 0600;
 
@@ -116,7 +116,7 @@ ErrorCode SettingsStore::SetValue(const std::wstring& keyPath, const std::wstrin
     const auto name = Component(valueName);
     if (!directory || !name) return ERROR_INVALID_PARAMETER;
     if (size > 0 && data == nullptr) return ERROR_INVALID_PARAMETER;
-    const std::string content = type == kRegSz
+    const std::string content = type == REG_SZ
                                     ? Utf8FromUtf16(data, size)
                                     : std::string(reinterpret_cast<const char*>(data), size);
     // Written aside and renamed, so a reader never sees half a value.

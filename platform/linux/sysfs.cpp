@@ -9,11 +9,6 @@
 #include <sstream>
 
 namespace platform::linux_hw {
-namespace {
-constexpr ErrorCode ERROR_BUSY = 170;
-constexpr ErrorCode ERROR_NOT_FOUND = 1168;
-}  // namespace
-
 ErrorCode ErrorFromErrno(int error) {
     switch (error) {
         case 0:

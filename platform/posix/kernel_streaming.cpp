@@ -6,9 +6,6 @@
 namespace platform::posix {
 namespace {
 
-constexpr DWORD ERROR_NOT_FOUND = 1168;
-constexpr DWORD ERROR_SET_NOT_FOUND = 1170;
-
 class NodeControl final : public IKsControl, private RefCounted {
   public:
     NodeControl(std::shared_ptr<ActivatedVideoDevice> device, DWORD node)

@@ -14,14 +14,6 @@
 namespace sim {
 namespace {
 
-constexpr DWORD ERROR_NOT_FOUND = 1168;
-constexpr DWORD ERROR_SET_NOT_FOUND = 1170;
-
-constexpr std::uint32_t kGet = 0x1;
-constexpr std::uint32_t kSet = 0x2;
-constexpr std::uint32_t kSetSupport = 0x100;
-constexpr std::uint32_t kTopology = 0x10000000;
-
 // UVC class requests (UVC 1.5, table A-8).
 constexpr std::uint8_t kSetCur = 0x01;
 constexpr std::uint8_t kGetCur = 0x81;
@@ -129,7 +121,7 @@ HRESULT SimCamera::NodeProperty(std::uint32_t node, const GUID& propertySet, std
     *returned = 0;
     if (node >= NodeCount()) return Error(ERROR_NOT_FOUND);
     // Without the topology flag the driver would take the request for the whole filter.
-    if (!(flags & kTopology)) return Error(ERROR_SET_NOT_FOUND);
+    if (!(flags & KSPROPERTY_TYPE_TOPOLOGY)) return Error(ERROR_SET_NOT_FOUND);
     if (NodeType(node) != KSNODETYPE_DEV_SPECIFIC ||
         spec_.topology[node].extensionCode != propertySet) {
         return Error(ERROR_SET_NOT_FOUND);
@@ -137,9 +129,9 @@ HRESULT SimCamera::NodeProperty(std::uint32_t node, const GUID& propertySet, std
     // Each unit has one control, the one with selector 1.
     if (id != 1) return Error(ERROR_NOT_FOUND);
 
-    const std::uint32_t request = flags & ~kTopology;
+    const std::uint32_t request = flags & ~KSPROPERTY_TYPE_TOPOLOGY;
     // A support query carries no data: the driver refuses one with a buffer.
-    if (request == kSetSupport) {
+    if (request == KSPROPERTY_TYPE_SETSUPPORT) {
         return data == nullptr && length == 0 ? S_OK : Error(ERROR_INVALID_PARAMETER);
     }
     // Another vendor's unit: its control exists, but its protocol is not this lab's business.
@@ -150,14 +142,14 @@ HRESULT SimCamera::NodeProperty(std::uint32_t node, const GUID& propertySet, std
     std::uint32_t got = 0;
     UnitRequest(kGetLen, static_cast<std::uint8_t>(id), lengthBytes, 2, &got);
     const std::uint32_t controlLength = lengthBytes[0] | (lengthBytes[1] << 8);
-    if (request == kSet) {
+    if (request == KSPROPERTY_TYPE_SET) {
         if (data == nullptr || length != controlLength) return Error(ERROR_INVALID_PARAMETER);
         if (!UnitRequest(kSetCur, static_cast<std::uint8_t>(id), data, length, returned)) {
             return Error(ERROR_GEN_FAILURE);
         }
         return S_OK;
     }
-    if (request == kGet) {
+    if (request == KSPROPERTY_TYPE_GET) {
         if (data == nullptr || length < controlLength) {
             *returned = controlLength;
             return Error(ERROR_INSUFFICIENT_BUFFER);

@@ -29,7 +29,6 @@ constexpr std::uint16_t kVendorId = 0x3C5E;
 constexpr std::uint16_t kDfuProductId = 0x0F1C;
 constexpr std::uint16_t kDetachTimeoutMs = 1000;
 // What a host sees of a device that does not answer at all: WinUSB's time-out.
-constexpr platform::ErrorCode kNoAnswer = 121;  // ERROR_SEM_TIMEOUT
 
 constexpr std::uint8_t Bit(DfuRequest request) {
     return static_cast<std::uint8_t>(1u << static_cast<unsigned>(request));
@@ -127,7 +126,7 @@ platform::ErrorCode SimDfuDevice::Stall() {
     // mode, goes to dfuERROR until CLRSTATUS; in appDETACH it gives up the detach. A device
     // waiting for its reset leaves that state only by the reset. While it manifests it does
     // not answer at all (DFU 1.1 allows that in dfuMANIFEST).
-    if (state_ == kManifest) return kNoAnswer;
+    if (state_ == kManifest) return ERROR_SEM_TIMEOUT;
     if (state_ == kAppDetach) {
         state_ = kAppIdle;
     } else if (state_ >= kDfuIdle && state_ != kManifestWaitReset) {

@@ -5,12 +5,15 @@
 #include <cwctype>
 #include <thread>
 
+#include "platform/registry.h"
+
 namespace sim {
 namespace {
 
-const std::wstring kServiceKey = L"system\\currentcontrolset\\services\\optyracameradfu";
+// The settings store keeps whatever keys and values the program writes. The lab knows one
+// value by name, the one a world presets and the dump reports; the key that holds it is the
+// program's business, and the lab learns it only from the program's writes.
 const std::wstring kAutoModeValue = L"dfuautomode";
-constexpr std::uint32_t kRegSz = 1;
 
 std::wstring Lower(std::wstring text) {
     for (auto& ch : text) ch = static_cast<wchar_t>(std::towlower(static_cast<wint_t>(ch)));
@@ -58,7 +61,7 @@ SimWorld::SimWorld(WorldSpec spec) : spec_(std::move(spec)) {
             std::make_unique<SimCamera>(*this, spec_.cameras[i], static_cast<int>(i)));
     }
     if (spec_.registry.dfuAutoMode) {
-        registry_[kServiceKey][kAutoModeValue] = {kRegSz, Utf16Bytes(*spec_.registry.dfuAutoMode)};
+        presetAutoMode_ = {REG_SZ, Utf16Bytes(*spec_.registry.dfuAutoMode)};
     }
     eventThread_ = std::thread([this] { RunEvents(); });
     std::lock_guard lock(mutex_);
@@ -357,14 +360,15 @@ nlohmann::json SimWorld::DumpState() const {
     std::lock_guard lock(mutex_);
     nlohmann::json state;
     state["registry"] = nlohmann::json::object();
-    if (auto key = registry_.find(kServiceKey); key != registry_.end()) {
-        if (auto value = key->second.find(kAutoModeValue); value != key->second.end()) {
-            nlohmann::json entry;
-            entry["type"] = value->second.type;
-            entry["bytes"] = value->second.bytes.size();
-            entry["text"] = Utf16BytesToUtf8(value->second.bytes);
-            state["registry"]["DFUAutoMode"] = entry;
-        }
+    const RegistryValue* autoMode = presetAutoMode_ ? &*presetAutoMode_ : nullptr;
+    for (const auto& [keyPath, values] : registry_) {
+        if (auto value = values.find(kAutoModeValue); value != values.end())
+            autoMode = &value->second;
+    }
+    if (autoMode) {
+        state["registry"]["DFUAutoMode"] = {{"type", autoMode->type},
+                                            {"bytes", autoMode->bytes.size()},
+                                            {"text", Utf16BytesToUtf8(autoMode->bytes)}};
     }
     state["cameras"] = nlohmann::json::array();
     for (const auto& camera : cameras_) {

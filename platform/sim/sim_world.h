@@ -229,6 +229,7 @@ class SimWorld final : public platform::DeviceBackend, public platform::WorldClo
         std::vector<std::uint8_t> bytes;
     };
     std::map<std::wstring, std::map<std::wstring, RegistryValue>> registry_;
+    std::optional<RegistryValue> presetAutoMode_;  // the world's value before the run
 
     // Event thread: timed actions and notifications.
     std::mutex eventMutex_;

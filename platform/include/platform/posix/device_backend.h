@@ -75,8 +75,8 @@ class VideoDeviceConnection {
     virtual HRESULT GetNodeType(std::uint32_t node, GUID* type) = 0;
     // Whether an instance of the node can be created (CreateNodeInstance).
     virtual HRESULT OpenNode(std::uint32_t node) = 0;
-    // A property request addressed to a node, flags as in KSPROPERTY (GET 1, SET 2,
-    // SETSUPPORT 0x100, TOPOLOGY 0x10000000). *returned gets the bytes delivered.
+    // A property request addressed to a node, flags as in KSPROPERTY (KSPROPERTY_TYPE_* of
+    // platform/ks.h). *returned gets the bytes delivered.
     virtual HRESULT NodeProperty(std::uint32_t node, const GUID& propertySet, std::uint32_t id,
                                  std::uint32_t flags, std::uint8_t* data, std::uint32_t length,
                                  std::uint32_t* returned) = 0;
