@@ -14,8 +14,12 @@
 
 namespace {
 // The firmware's reply delay is real time; here it need not be.
-class InstantClock final : public platform::EmptyDeviceBackend {
-    unsigned TimeScale() const override { return 1000000000u; }
+class InstantClock final : public platform::EmptyDeviceBackend, public platform::Clock {
+    platform::Clock& Time() override { return *this; }
+    std::uint64_t NowMs() override { return nowMs; }
+    void Sleep(std::uint32_t ms) override { nowMs += ms; }
+    bool Wait(std::uint32_t, platform::Signal& signal) override { return signal.Consume(); }
+    std::uint64_t nowMs = 0;
 };
 
 // The extension unit: a SET takes the frame, a GET hands back `reply` and reports `reported`.

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <atomic>
-#include <chrono>
 
 #include "platform/types.h"
 
@@ -18,12 +17,6 @@ class KernelObject {
         if (refs_.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
     }
 
-    // WaitForSingleObject on this object: true when signalled within the real-time limit.
-    // Objects that cannot be waited on fail the wait.
-    virtual DWORD Wait(std::chrono::nanoseconds /*limit*/, bool /*infinite*/) {
-        return WAIT_FAILED;
-    }
-
   private:
     std::atomic<int> refs_{1};
 };
@@ -33,8 +26,5 @@ inline HANDLE ToHandle(KernelObject* object) {
 }
 // Null for null and INVALID_HANDLE_VALUE.
 KernelObject* FromHandle(HANDLE handle);
-
-// World milliseconds as real time on the installed backend's clock.
-std::chrono::nanoseconds WorldToReal(DWORD milliseconds);
 
 }  // namespace platform::posix

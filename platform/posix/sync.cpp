@@ -1,5 +1,4 @@
-// Events, waits and the clock over the installed backend's time scale.
-#include <algorithm>
+// Events, waits and the clock of the installed backend.
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
@@ -12,7 +11,7 @@
 namespace platform::posix {
 namespace {
 
-class Event final : public KernelObject {
+class Event final : public KernelObject, public Signal {
   public:
     Event(bool manualReset, bool signalled) : manualReset_(manualReset), signalled_(signalled) {}
 
@@ -29,36 +28,61 @@ class Event final : public KernelObject {
         signalled_ = false;
     }
 
-    bool Signalled() {
+    bool Signalled() override {
         std::lock_guard lock(mutex_);
         return signalled_;
     }
 
-    // Takes the signal, as a wait that it ends would.
-    bool Consume() {
+    bool Consume() override {
         std::lock_guard lock(mutex_);
+        return TakeLocked();
+    }
+
+    bool Await(std::optional<std::chrono::nanoseconds> limit) override {
+        std::unique_lock lock(mutex_);
+        if (!limit) {
+            cv_.wait(lock, [&] { return signalled_; });
+        } else if (!cv_.wait_for(lock, *limit, [&] { return signalled_; })) {
+            return false;
+        }
+        return TakeLocked();
+    }
+
+  private:
+    bool TakeLocked() {
         if (!signalled_) return false;
         if (!manualReset_) signalled_ = false;
         return true;
     }
 
-    DWORD Wait(std::chrono::nanoseconds limit, bool infinite) override {
-        std::unique_lock lock(mutex_);
-        if (infinite) {
-            cv_.wait(lock, [&] { return signalled_; });
-        } else if (!cv_.wait_for(lock, limit, [&] { return signalled_; })) {
-            return WAIT_TIMEOUT;
-        }
-        if (!manualReset_) signalled_ = false;
-        return WAIT_OBJECT_0;
-    }
-
-  private:
     std::mutex mutex_;
     std::condition_variable cv_;
     const bool manualReset_;
     bool signalled_;
 };
+
+class SteadyClock final : public Clock {
+  public:
+    std::uint64_t NowMs() override {
+        return static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                              std::chrono::steady_clock::now() - start_)
+                                              .count());
+    }
+    void Sleep(std::uint32_t ms) override {
+        std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+    }
+    bool Wait(std::uint32_t ms, Signal& signal) override {
+        if (ms == INFINITE) return signal.Await(std::nullopt);
+        return signal.Await(std::chrono::milliseconds(ms));
+    }
+
+  private:
+    const std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
+};
+
+Event* EventFromHandle(HANDLE handle) {
+    return dynamic_cast<Event*>(FromHandle(handle));
+}
 
 }  // namespace
 
@@ -67,23 +91,12 @@ KernelObject* FromHandle(HANDLE handle) {
     return static_cast<KernelObject*>(handle);
 }
 
-std::chrono::nanoseconds WorldToReal(DWORD milliseconds) {
-    const unsigned scale = std::max(1u, Backend().TimeScale());
-    return std::chrono::nanoseconds(std::chrono::milliseconds(milliseconds)) / scale;
-}
-
-namespace {
-Event* EventFromHandle(HANDLE handle) {
-    return dynamic_cast<Event*>(FromHandle(handle));
-}
-
-const std::chrono::steady_clock::time_point& ClockStart() {
-    static const auto start = std::chrono::steady_clock::now();
-    return start;
-}
-}  // namespace
-
 }  // namespace platform::posix
+
+platform::Clock& platform::MachineClock() {
+    static posix::SteadyClock clock;
+    return clock;
+}
 
 using platform::posix::Event;
 using platform::posix::EventFromHandle;
@@ -121,20 +134,16 @@ BOOL ResetEvent(HANDLE event) {
 }
 
 DWORD WaitForSingleObject(HANDLE handle, DWORD milliseconds) {
-    auto* object = FromHandle(handle);
-    if (!object) {
+    if (!FromHandle(handle)) {
         SetLastError(ERROR_INVALID_HANDLE);
         return WAIT_FAILED;
     }
+    // Events are the only objects of this layer that can be waited on.
     Event* event = EventFromHandle(handle);
-    if (platform::WorldClock* clock = platform::Backend().Clock(); clock && event) {
-        const auto signalled = [event] { return event->Signalled(); };
-        do {
-            clock->Pass(milliseconds == INFINITE ? 3600000 : milliseconds, signalled);
-        } while (milliseconds == INFINITE && !event->Signalled());
-        return event->Consume() ? WAIT_OBJECT_0 : WAIT_TIMEOUT;
-    }
-    return object->Wait(platform::posix::WorldToReal(milliseconds), milliseconds == INFINITE);
+    if (!event) return WAIT_FAILED;
+    // The backend is held for the wait, so that one installed meanwhile cannot end its clock.
+    const auto backend = platform::CurrentBackend();
+    return backend->Time().Wait(milliseconds, *event) ? WAIT_OBJECT_0 : WAIT_TIMEOUT;
 }
 
 BOOL CloseHandle(HANDLE handle) {
@@ -148,17 +157,10 @@ BOOL CloseHandle(HANDLE handle) {
 }
 
 void Sleep(DWORD milliseconds) {
-    if (platform::WorldClock* clock = platform::Backend().Clock()) {
-        clock->Pass(milliseconds, nullptr);
-        return;
-    }
-    std::this_thread::sleep_for(platform::posix::WorldToReal(milliseconds));
+    const auto backend = platform::CurrentBackend();
+    backend->Time().Sleep(milliseconds);
 }
 
 ULONGLONG GetTickCount64() {
-    if (platform::WorldClock* clock = platform::Backend().Clock()) return clock->NowMs();
-    const auto real = std::chrono::steady_clock::now() - platform::posix::ClockStart();
-    const auto us = std::chrono::duration_cast<std::chrono::microseconds>(real).count();
-    const unsigned scale = std::max(1u, platform::Backend().TimeScale());
-    return static_cast<ULONGLONG>(us) * scale / 1000u;
+    return platform::Backend().Time().NowMs();
 }

@@ -191,6 +191,14 @@ bool SimWorld::Pass(std::uint32_t ms, const std::function<bool()>& done) {
     }
 }
 
+bool SimWorld::Wait(std::uint32_t ms, platform::Signal& signal) {
+    const auto signalled = [&signal] { return signal.Signalled(); };
+    do {
+        Pass(ms == INFINITE ? 3600000 : ms, signalled);
+    } while (ms == INFINITE && !signal.Signalled());
+    return signal.Consume();
+}
+
 void SimWorld::PostUsbEvent(platform::UsbEvent event, std::wstring interfacePath) {
     // An event reaches those registered when it happened, as on a real bus: a registration made
     // after a device arrived learns of it by listing, not by a late notification.

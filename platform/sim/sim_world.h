@@ -138,11 +138,11 @@ class SimCamera {
     std::uint32_t generation_ = 0;
 };
 
-// Above speedup 1 the world keeps its own time (WorldClock): it passes only in the program's
+// Above speedup 1 the world keeps its own time (its Clock): it passes only in the program's
 // sleeps and waits, by exactly what they ask, and every timed event of the world happens at
 // its world time before time moves past it. So a run ends as it would at speedup 1, however
 // late the machine wakes the program. At speedup 1 the world runs on the machine's clock.
-class SimWorld final : public platform::DeviceBackend, public platform::WorldClock {
+class SimWorld final : public platform::DeviceBackend, public platform::Clock {
   public:
     explicit SimWorld(WorldSpec spec);
     ~SimWorld() override;
@@ -152,10 +152,13 @@ class SimWorld final : public platform::DeviceBackend, public platform::WorldClo
     // The final state as the lab's --dump-state writes it.
     nlohmann::json DumpState() const;
 
-    unsigned TimeScale() const override { return spec_.speedup; }
-    platform::WorldClock* Clock() override { return spec_.speedup > 1 ? this : nullptr; }
+    platform::Clock& Time() override {
+        return spec_.speedup > 1 ? *this : platform::MachineClock();
+    }
+    // The world's time in milliseconds, on whichever clock it runs.
     std::uint64_t NowMs() override;
-    bool Pass(std::uint32_t ms, const std::function<bool()>& done) override;
+    void Sleep(std::uint32_t ms) override { Pass(ms, nullptr); }
+    bool Wait(std::uint32_t ms, platform::Signal& signal) override;
 
     std::vector<std::wstring> ListUsbDeviceInterfaces() override;
     platform::ErrorCode OpenUsbDevice(
@@ -204,6 +207,10 @@ class SimWorld final : public platform::DeviceBackend, public platform::WorldClo
         }
     };
 
+    // Lets up to `ms` of world time pass, and ends early once `done` (when given) holds; it is
+    // asked at once, after whatever the world had due meanwhile has happened, and while the
+    // real time that paces the span goes by. Returns whether `done` held.
+    bool Pass(std::uint32_t ms, const std::function<bool()>& done);
     void RunEvents();
     void Push(std::int64_t due, std::function<void()> action);
     std::int64_t NowLocked() const;

@@ -7,9 +7,11 @@
 // firmware commands. Failures are reported as the Windows call would report them.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -82,27 +84,42 @@ class VideoDeviceConnection {
                                  std::uint32_t* returned) = 0;
 };
 
-// A clock of a backend's own. World time passes only while the program sleeps or waits, and
-// then by exactly the span asked for: a machine that wakes late does not make the world late.
-class WorldClock {
+// An event as a clock waits on it.
+class Signal {
   public:
-    virtual ~WorldClock() = default;
+    virtual bool Signalled() = 0;
+    // Takes the signal, as a wait that it ends would; false when it is not set.
+    virtual bool Consume() = 0;
+    // Blocks on the machine's time until the signal is set (then takes it), for at most
+    // `limit` when given. Returns whether it was set.
+    virtual bool Await(std::optional<std::chrono::nanoseconds> limit) = 0;
+
+  protected:
+    ~Signal() = default;
+};
+
+// The time the platform's sleeps, waits and tick count run on.
+class Clock {
+  public:
+    virtual ~Clock() = default;
 
     virtual std::uint64_t NowMs() = 0;
-    // Lets up to `ms` of world time pass, and ends early once `done` (when given) holds; it is
-    // asked at once, after whatever the world had due meanwhile has happened, and while the
-    // real time that paces the span goes by. Returns whether `done` held.
-    virtual bool Pass(std::uint32_t ms, const std::function<bool()>& done) = 0;
+    virtual void Sleep(std::uint32_t ms) = 0;
+    // Waits up to `ms` (INFINITE: without end) for the signal; true when it ended the wait.
+    virtual bool Wait(std::uint32_t ms, Signal& signal) = 0;
 };
+
+// The machine's steady clock, which a backend's devices run on unless it has a clock of its
+// own.
+Clock& MachineClock();
 
 class DeviceBackend {
   public:
     virtual ~DeviceBackend() = default;
 
-    // The backend's clock runs this many times faster than real time (at least 1).
-    virtual unsigned TimeScale() const { return 1; }
-    // The backend's own clock, or null for the machine's (scaled by TimeScale).
-    virtual WorldClock* Clock() { return nullptr; }
+    // What sleeps, waits and the tick count run on while this backend is installed: the
+    // machine's clock, unless the backend's devices keep a time of their own.
+    virtual Clock& Time() { return MachineClock(); }
 
     // USB device interfaces present now, in the form the Windows configuration manager
     // lists them (\\?\USB#VID_xxxx&PID_xxxx#instance#{a5dcbf10-...}).
