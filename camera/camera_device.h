@@ -15,6 +15,10 @@ class ICameraDevice : public DfuLogger {
     virtual bool IsUpdatable() const = 0;
     virtual HRESULT UpdateFirmware(const char* imagePath) = 0;
     virtual HRESULT SwitchToDfu() = 0;
+    // The DFU service's setting belongs to a camera type, not to a camera, yet it is written
+    // through the device: the DFU-mode menu picks a device of the type and asks it, so a
+    // family with a setting of its own per device fits the same menu. "Auto" has no caller;
+    // the interface carries all three values the setting takes.
     virtual HRESULT SetDfuAutoModeDisabled() = 0;
     virtual HRESULT SetDfuAutoModeAuto() = 0;
     virtual HRESULT SetDfuAutoModeServiceControlled() = 0;

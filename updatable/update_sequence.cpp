@@ -40,7 +40,9 @@ HRESULT LynxUpdatableDevice::UpdateFirmware(const char* imagePath) {
         return disabled;
     }
 
-    // The camera leaves the bus as it obeys, so its answer is not looked at.
+    // The camera leaves the bus as it obeys, so its answer is not looked at. The command goes
+    // out here rather than through the virtual SwitchToDfu: a subclass may redefine what the
+    // interface's switch does, but not what the update sends.
     commandPipe->SendCommand(kSwitchToDfuCommand, nullptr, 0, 1, 0, 0, 0);
 
     LynxDfuDevicesFactory discovery(log);
