@@ -38,8 +38,6 @@ class SimDfuDevice {
 
     const DfuDeviceSpec& Spec() const { return spec_; }
     const std::wstring& Link() const { return spec_.link; }
-    // The camera it came from, or -1 when it was in DFU mode from the start.
-    int CameraIndex() const { return cameraIndex_; }
 
     // Called with the world's lock held.
     platform::ErrorCode GetDescriptor(std::uint8_t type, std::uint8_t index, std::uint8_t* buffer,
@@ -48,9 +46,6 @@ class SimDfuDevice {
     platform::ErrorCode ControlTransfer(const platform::UsbSetupPacket& setup, std::uint8_t* buffer,
                                         std::uint32_t length, std::uint32_t* transferred);
 
-    std::uint8_t State() const { return state_; }
-    // The wValue of the last DETACH, the time the host said it would reset within.
-    std::optional<std::uint16_t> DetachTimeout() const { return detachTimeout_; }
     bool present = true;
     // Its entry of the state dump: state, the class requests it saw by kind, and whether the
     // host asked for its status once more before it reset after manifestation.

@@ -14,7 +14,6 @@ using DEVINSTID_W = wchar_t*;
 using PZZWSTR = wchar_t*;
 
 constexpr CONFIGRET CR_SUCCESS = 0x00;
-constexpr CONFIGRET CR_OUT_OF_MEMORY = 0x02;
 constexpr CONFIGRET CR_INVALID_POINTER = 0x03;
 constexpr CONFIGRET CR_INVALID_DATA = 0x1F;
 constexpr CONFIGRET CR_FAILURE = 0x13;

@@ -19,7 +19,6 @@ inline constexpr IID IID_IUnknown = {
     0x00000000, 0x0000, 0x0000, {0xC0, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x46}};
 
 constexpr DWORD COINIT_MULTITHREADED = 0;
-constexpr DWORD COINIT_APARTMENTTHREADED = 2;
 
 HRESULT CoInitializeEx(void* reserved, DWORD coInit);
 void* CoTaskMemAlloc(std::size_t size);
@@ -31,8 +30,6 @@ namespace Microsoft::WRL {
 template <class T>
 class ComPtr {
   public:
-    using InterfaceType = T;
-
     ComPtr() noexcept = default;
     ComPtr(std::nullptr_t) noexcept {}
     ComPtr(T* p) noexcept : ptr_(p) { InternalAddRef(); }
@@ -77,12 +74,6 @@ class ComPtr {
     T* Detach() noexcept { return std::exchange(ptr_, nullptr); }
     unsigned long Reset() noexcept { return InternalRelease(); }
     void Swap(ComPtr& other) noexcept { std::swap(ptr_, other.ptr_); }
-
-    HRESULT CopyTo(T** out) const noexcept {
-        InternalAddRef();
-        *out = ptr_;
-        return S_OK;
-    }
 
   private:
     void InternalAddRef() const noexcept {

@@ -30,7 +30,6 @@ inline constexpr IID IID_IKsControl = {
 constexpr ULONG KSPROPERTY_TYPE_GET = 0x00000001;
 constexpr ULONG KSPROPERTY_TYPE_SET = 0x00000002;
 constexpr ULONG KSPROPERTY_TYPE_SETSUPPORT = 0x00000100;
-constexpr ULONG KSPROPERTY_TYPE_BASICSUPPORT = 0x00000200;
 constexpr ULONG KSPROPERTY_TYPE_TOPOLOGY = 0x10000000;
 
 // The system's identifier is a union with a 64-bit member, hence the alignment.
@@ -42,7 +41,6 @@ struct alignas(8) KSIDENTIFIER {
 using KSPROPERTY = KSIDENTIFIER;
 using KSMETHOD = KSIDENTIFIER;
 using KSEVENT = KSIDENTIFIER;
-using PKSIDENTIFIER = KSIDENTIFIER*;
 using PKSPROPERTY = KSPROPERTY*;
 using PKSMETHOD = KSMETHOD*;
 using PKSEVENT = KSEVENT*;
@@ -52,7 +50,6 @@ struct KSP_NODE {
     ULONG NodeId;
     ULONG Reserved;
 };
-using PKSP_NODE = KSP_NODE*;
 
 static_assert(sizeof(KSPROPERTY) == 24 && sizeof(KSP_NODE) == 32);
 

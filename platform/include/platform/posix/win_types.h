@@ -9,20 +9,15 @@ using LONG = std::int32_t;
 using ULONG = std::uint32_t;
 using DWORD = std::uint32_t;
 using UINT = std::uint32_t;
-using INT = std::int32_t;
 using BOOL = int;
 using BYTE = std::uint8_t;
 using UCHAR = std::uint8_t;
 using PUCHAR = UCHAR*;
 using USHORT = std::uint16_t;
-using WORD = std::uint16_t;
 using ULONGLONG = std::uint64_t;
-using ULONG_PTR = std::uintptr_t;
 using WCHAR = wchar_t;
 using LPWSTR = wchar_t*;
 using LPCWSTR = const wchar_t*;
-using PCWSTR = const wchar_t*;
-using PWSTR = wchar_t*;
 using LPVOID = void*;
 using PVOID = void*;
 using HANDLE = void*;
@@ -48,19 +43,14 @@ struct GUID {
     std::uint8_t Data4[8];
 };
 using IID = GUID;
-using CLSID = GUID;
 using REFGUID = const GUID&;
 using REFIID = const IID&;
-using REFCLSID = const CLSID&;
 
 inline bool operator==(const GUID& a, const GUID& b) {
     return std::memcmp(&a, &b, sizeof(GUID)) == 0;
 }
 inline bool operator!=(const GUID& a, const GUID& b) {
     return !(a == b);
-}
-inline bool IsEqualGUID(const GUID& a, const GUID& b) {
-    return a == b;
 }
 inline constexpr GUID GUID_NULL = {0, 0, 0, {0, 0, 0, 0, 0, 0, 0, 0}};
 
@@ -70,7 +60,6 @@ struct OVERLAPPED;
 using LPOVERLAPPED = OVERLAPPED*;
 
 constexpr HRESULT S_OK = 0;
-constexpr HRESULT S_FALSE = 1;
 constexpr HRESULT E_FAIL = static_cast<HRESULT>(0x80004005u);
 constexpr HRESULT E_NOINTERFACE = static_cast<HRESULT>(0x80004002u);
 constexpr HRESULT E_NOTIMPL = static_cast<HRESULT>(0x80004001u);
@@ -83,9 +72,6 @@ constexpr HRESULT E_INVALIDARG = static_cast<HRESULT>(0x80070057u);
 inline constexpr bool SUCCEEDED(HRESULT hr) {
     return hr >= 0;
 }
-inline constexpr bool FAILED(HRESULT hr) {
-    return hr < 0;
-}
 
 constexpr DWORD ERROR_SUCCESS = 0;
 constexpr DWORD ERROR_FILE_NOT_FOUND = 2;
@@ -93,7 +79,6 @@ constexpr DWORD ERROR_PATH_NOT_FOUND = 3;
 constexpr DWORD ERROR_ACCESS_DENIED = 5;
 constexpr DWORD ERROR_INVALID_HANDLE = 6;
 constexpr DWORD ERROR_NOT_ENOUGH_MEMORY = 8;
-constexpr DWORD ERROR_BAD_LENGTH = 24;
 constexpr DWORD ERROR_GEN_FAILURE = 31;
 constexpr DWORD ERROR_NOT_SUPPORTED = 50;
 constexpr DWORD ERROR_INVALID_PARAMETER = 87;

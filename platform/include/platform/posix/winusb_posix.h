@@ -38,7 +38,6 @@ struct USB_INTERFACE_DESCRIPTOR {
     UCHAR iInterface;
 };
 #pragma pack(pop)
-using PWINUSB_SETUP_PACKET = WINUSB_SETUP_PACKET*;
 using PUSB_INTERFACE_DESCRIPTOR = USB_INTERFACE_DESCRIPTOR*;
 
 HANDLE CreateFileW(LPCWSTR fileName, DWORD desiredAccess, DWORD shareMode,
