@@ -1,9 +1,10 @@
 # Fails when the program PROGRAM carries code of the lab. A lab symbol is one that
 #  - lies in the lab's namespace (sim::), or
-#  - has a name part that begins with Sim or World (SimWorld, WorldSpec, a world clock), or
+#  - has a name part that begins with World, or with Sim and a capital (SimWorld, SimCamera,
+#    WorldSpec, WorldClock), or
 #  - is defined in a source file of the lab: platform/sim/ or platform/usbip/ (from the debug
 #    information, which `nm -l` reads).
-# The program is checked as built (unstripped), so that the last test has something to read:
+# The program is checked as built (unstripped), so that the last rule has something to read:
 # at least one symbol must come from platform/posix/, or the check would pass on a binary
 # without debug information.
 execute_process(COMMAND nm -C -l ${PROGRAM} OUTPUT_VARIABLE symbols RESULT_VARIABLE status)
