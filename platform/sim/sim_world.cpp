@@ -300,6 +300,7 @@ void SimWorld::Unplug(SimDfuDevice& device) {
 }
 
 void SimWorld::Replug(std::size_t index, std::uint32_t afterMs) {
+    std::lock_guard lock(mutex_);
     SimCamera& camera = *cameras_[index];
     camera.LeaveBus();
     for (const auto& device : dfuDevices_) {

@@ -167,6 +167,9 @@ class SimWorld final : public platform::DeviceBackend, public platform::WorldClo
     platform::ErrorCode OpenUsbDevice(
         const std::wstring& interfacePath,
         std::unique_ptr<platform::UsbDeviceConnection>* connection) override;
+    // An operator pulls camera `index` out and plugs it back in; `afterMs` later its boot
+    // loader starts afresh.
+    void Replug(std::size_t index, std::uint32_t afterMs);
     std::uint64_t SubscribeUsbEvents(platform::UsbEventCallback callback) override;
     void UnsubscribeUsbEvents(std::uint64_t subscription) override;
 
@@ -191,9 +194,6 @@ class SimWorld final : public platform::DeviceBackend, public platform::WorldClo
     void Plug(const std::shared_ptr<SimDfuDevice>& device);
     void PlugAt(std::uint32_t delayMs, std::shared_ptr<SimDfuDevice> device);
     void Unplug(SimDfuDevice& device);
-    // An operator pulls camera `index` out and plugs it back in; `afterMs` later its boot
-    // loader starts afresh.
-    void Replug(std::size_t index, std::uint32_t afterMs);
     std::vector<DownloadRecord>& Downloads() { return downloads_; }
     std::vector<std::unique_ptr<SimCamera>>& Cameras() { return cameras_; }
     std::recursive_mutex& Lock() const { return mutex_; }

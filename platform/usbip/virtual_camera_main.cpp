@@ -10,12 +10,12 @@
 //   lynx-virtual-camera [--log FILE] [--mode camera|dfu] [--version A.B.C.D]
 //                       [--new-version A.B.C.D] [--transfer-size N] [--unplug-at-block N]
 //                       [--dfu-delay-ms N] [--lifetime-s N] [--image-out FILE]
-//                       [--hold-after-block N]
+//                       [--hold-at-block N]
 //
 // Runs as root (it writes to vhci-hcd's sysfs files) until --lifetime-s has passed or it
 // gets SIGTERM or SIGINT; the device leaves the bus when it ends. SIGUSR1 pulls the device
 // out and plugs it back in, as an operator does with the cable; SIGUSR2 lets a held answer
-// go (--hold-after-block).
+// go (--hold-at-block).
 #include <poll.h>
 #include <signal.h>
 #include <time.h>
@@ -53,7 +53,7 @@ constexpr auto kHoldLimit = std::chrono::seconds(4);
 constexpr const char* kUsage =
     "usage: lynx-virtual-camera [--log FILE] [--mode camera|dfu] [--version A.B.C.D] "
     "[--new-version A.B.C.D] [--transfer-size N] [--unplug-at-block N] [--dfu-delay-ms N] "
-    "[--lifetime-s N] [--image-out FILE] [--hold-after-block N]\n"
+    "[--lifetime-s N] [--image-out FILE] [--hold-at-block N]\n"
     "(options: man lynx-virtual-camera, or /usr/share/doc/lynx-dfu/virtual-camera.md)";
 
 const wchar_t* const kCameraLink =
@@ -66,7 +66,7 @@ struct Options {
     bool dfuMode = false;
     std::string imageOut;
     unsigned lifetimeS = 3600;
-    std::optional<unsigned> holdAfterBlock;
+    std::optional<unsigned> holdAtBlock;
     sim::WorldSpec world;
 };
 
@@ -104,8 +104,8 @@ bool ParseOptions(int argc, char** argv, Options* options) {
                     sim::DfuFault{static_cast<std::uint32_t>(number), sim::FaultKind::kUnplug};
             } else if (name == "--dfu-delay-ms" && isNumber && number <= 10000) {
                 camera.dfuDelayMs = static_cast<std::uint32_t>(number);
-            } else if (name == "--hold-after-block" && isNumber && number <= 0xFFFF) {
-                options->holdAfterBlock = static_cast<unsigned>(number);
+            } else if (name == "--hold-at-block" && isNumber && number <= 0xFFFF) {
+                options->holdAtBlock = static_cast<unsigned>(number);
             } else if (name == "--lifetime-s" && isNumber && number >= 1 && number <= 86400) {
                 options->lifetimeS = static_cast<unsigned>(number);
             } else {
@@ -158,7 +158,7 @@ class VirtualCamera {
         : options_(options),
           log_(options.log),
           world_(options.world),
-          holdAfterBlock_(options.holdAfterBlock) {}
+          holdAtBlock_(options.holdAtBlock) {}
 
     int Run() {
         const auto end =
@@ -173,9 +173,8 @@ class VirtualCamera {
             pollfd fd = {link_.Socket(), POLLIN, 0};
             const int ready = poll(&fd, 1, 10);
             if (ready > 0 && !link_.ServeOne([this](const std::uint8_t* setup, const Bytes& out) {
-                    const bool hold = std::exchange(holdNext_, false);
                     ControlReply reply = Control(setup, out);
-                    if (hold) Hold();
+                    if (std::exchange(holdNow_, false)) Hold();
                     return reply;
                 })) {
                 Leave("host closed");
@@ -200,8 +199,6 @@ class VirtualCamera {
     bool Follow() {
         const Face now = OnTheBus();
         if (now == face_) return true;
-        // A device that manifested while nobody asked for its status resets all the same.
-        if (face_ == Face::kDfu && leaveReason_.empty()) Manifested();
         if (face_ != Face::kNone)
             Leave(leaveReason_.empty() ? "left the bus" : leaveReason_.c_str());
         leaveReason_.clear();
@@ -231,10 +228,7 @@ class VirtualCamera {
 
     void Replug() {
         replugRequested = 0;
-        {
-            std::lock_guard lock(world_.Lock());
-            world_.Replug(0, kReplugMs);
-        }
+        world_.Replug(0, kReplugMs);
         if (face_ == Face::kNone) {
             log_.Line("replugged while off the bus");
         } else {
@@ -242,12 +236,12 @@ class VirtualCamera {
         }
     }
 
-    // The answer to the request after block N goes out late: the host waits in that request
-    // for whatever a test does at this moment, until SIGUSR2 lets the answer go.
+    // The answer to block N goes out late: the host waits in that request for whatever a
+    // test does at this moment, until SIGUSR2 lets the answer go.
     void Hold() {
         holdReleased = 0;
-        log_.Line("dfu hold after block %u", *holdAfterBlock_);
-        holdAfterBlock_.reset();
+        log_.Line("dfu hold at block %u", *holdAtBlock_);
+        holdAtBlock_.reset();
         const auto end = std::chrono::steady_clock::now() + kHoldLimit;
         while (!holdReleased && !stopRequested && std::chrono::steady_clock::now() < end) {
             poll(nullptr, 0, 5);
@@ -335,7 +329,7 @@ class VirtualCamera {
 
     void Downloaded(platform::ErrorCode status, std::uint16_t block, const Bytes& data,
                     std::uint16_t length) {
-        if (status == ERROR_SUCCESS && holdAfterBlock_ == block) holdNext_ = true;
+        if (status == ERROR_SUCCESS && holdAtBlock_ == block) holdNow_ = true;
         if (status == ERROR_DEVICE_NOT_CONNECTED) {
             log_.Line("dfu unplugged during block %u after %zu bytes crc32 %08x", block,
                       image_.size(), sim::Crc32(0, image_.data(), image_.size()));
@@ -382,8 +376,8 @@ class VirtualCamera {
     bool firstRequestSeen_ = false;
     Bytes image_;  // the bytes of the download under way, as the device took them
     std::size_t manifestedSeen_ = 0;
-    std::optional<unsigned> holdAfterBlock_;  // until the hold has happened
-    bool holdNext_ = false;                   // the answer to the next request is held
+    std::optional<unsigned> holdAtBlock_;  // until the hold has happened
+    bool holdNow_ = false;                 // the answer under way is held
     std::chrono::steady_clock::time_point started_{};
 };
 
