@@ -212,12 +212,17 @@ bool SimCamera::ReadReply(std::uint8_t* data, std::uint32_t* returned) {
 
 void SimCamera::LeaveForDfu() {
     if (!leaveAfterReply_) return;
-    leaveAfterReply_ = false;
     // The camera drops off the bus; its boot loader enumerates a little later.
+    LeaveBus();
+    world_.PlugAt(spec_.dfuDelayMs, std::make_shared<SimDfuDevice>(world_, *spec_.dfu, index_));
+}
+
+void SimCamera::LeaveBus() {
     present = false;
     ++generation_;
+    leaveAfterReply_ = false;
+    reply_.clear();
     failedInfoExchanges_ = 0;
-    world_.PlugAt(spec_.dfuDelayMs, std::make_shared<SimDfuDevice>(world_, *spec_.dfu, index_));
 }
 
 bool SimCamera::RunCommand(const std::uint8_t* frame) {

@@ -64,7 +64,12 @@ void PutWord(std::vector<std::uint8_t>& bytes, std::uint16_t value) {
 }  // namespace
 
 SimDfuDevice::SimDfuDevice(SimWorld& world, DfuDeviceSpec spec, int cameraIndex)
-    : world_(world), spec_(std::move(spec)), cameraIndex_(cameraIndex), state_(spec_.initialState) {
+    : world_(world),
+      spec_(std::move(spec)),
+      cameraIndex_(cameraIndex),
+      boot_(cameraIndex < 0 ? 0
+                            : world.Cameras()[static_cast<std::size_t>(cameraIndex)]->Generation()),
+      state_(spec_.initialState) {
     deviceDescriptor_ = {18, 1};
     PutWord(deviceDescriptor_, 0x0200);  // bcdUSB
     deviceDescriptor_.insert(deviceDescriptor_.end(), {0, 0, 0, 64});
@@ -134,6 +139,11 @@ platform::ErrorCode SimDfuDevice::Stall() {
         status_ = kErrStalledPacket;
     }
     return ERROR_GEN_FAILURE;
+}
+
+bool SimDfuDevice::Current() const {
+    return cameraIndex_ < 0 ||
+           world_.Cameras()[static_cast<std::size_t>(cameraIndex_)]->Generation() == boot_;
 }
 
 bool SimDfuDevice::Listed() {
@@ -357,7 +367,7 @@ void SimDfuDevice::EndManifest() {
     // Nothing on the host resets the bus: the device restarts by itself a while after its
     // image is in place, whether or not the host asked for its status once more.
     world_.Schedule(spec_.resetAfterManifestMs, [this] {
-        if (!resetting_ && state_ == kManifestWaitReset) ResetAfterManifest();
+        if (!resetting_ && state_ == kManifestWaitReset && Current()) ResetAfterManifest();
     });
 }
 

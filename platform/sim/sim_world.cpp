@@ -286,6 +286,7 @@ void SimWorld::UnsubscribeUsbEvents(std::uint64_t subscription) {
 }
 
 void SimWorld::Plug(const std::shared_ptr<SimDfuDevice>& device) {
+    if (!device->Current()) return;  // its camera was pulled out before it started
     device->present = true;
     if (std::find(dfuDevices_.begin(), dfuDevices_.end(), device) == dfuDevices_.end()) {
         dfuDevices_.push_back(device);
@@ -307,6 +308,32 @@ void SimWorld::Unplug(SimDfuDevice& device) {
     if (!device.present) return;
     device.present = false;
     PostUsbEvent(platform::UsbEvent::kRemoval, device.Link());
+}
+
+void SimWorld::Replug(std::size_t index, std::uint32_t afterMs) {
+    std::lock_guard lock(mutex_);
+    SimCamera& camera = *cameras_[index];
+    camera.LeaveBus();
+    for (const auto& device : dfuDevices_) {
+        if (device->CameraIndex() == static_cast<int>(index)) Unplug(*device);
+    }
+    // The boot loader starts the firmware in flash when the image there is whole: never
+    // touched, or put in place by a manifestation. A download cut off before that leaves
+    // half an image, and the boot loader stays in DFU mode, in dfuIDLE.
+    const DownloadRecord* last = nullptr;
+    for (const auto& download : downloads_) {
+        if (camera.Spec().dfu && download.link == camera.Spec().dfu->link) last = &download;
+    }
+    if (last ? !last->manifested : camera.Spec().inDfuMode) {
+        PlugAt(afterMs,
+               std::make_shared<SimDfuDevice>(*this, *camera.Spec().dfu, static_cast<int>(index)));
+        return;
+    }
+    if (last) camera.firmware = camera.Spec().firmwareAfterUpdate;
+    const std::uint32_t generation = camera.Generation();
+    Schedule(afterMs, [&camera, generation] {
+        if (camera.Generation() == generation) camera.present = true;
+    });
 }
 
 // A device that leaves after a listing is gone the next time the host looks at the bus (the

@@ -38,6 +38,11 @@ class SimDfuDevice {
 
     const DfuDeviceSpec& Spec() const { return spec_; }
     const std::wstring& Link() const { return spec_.link; }
+    // The camera it came from, or -1 when it was in DFU mode from the start.
+    int CameraIndex() const { return cameraIndex_; }
+    // False once its camera has been unplugged since this boot loader started: what it had
+    // scheduled (its arrival, its reset) no longer happens.
+    bool Current() const;
 
     // Called with the world's lock held.
     platform::ErrorCode GetDescriptor(std::uint8_t type, std::uint8_t index, std::uint8_t* buffer,
@@ -67,6 +72,7 @@ class SimDfuDevice {
     SimWorld& world_;
     DfuDeviceSpec spec_;
     int cameraIndex_;
+    std::uint32_t boot_;  // its camera's generation when it started
     std::uint8_t state_;
     std::uint8_t status_ = 0;             // bStatus of the next GETSTATUS
     std::uint32_t requestsSeen_[7] = {};  // by bRequest
@@ -114,6 +120,8 @@ class SimCamera {
                      std::uint32_t length, std::uint32_t* returned);
     // Changes each time the camera leaves the bus; handles opened before then are dead.
     std::uint32_t Generation() const { return generation_; }
+    // Off the bus, and whatever it was about to do is forgotten.
+    void LeaveBus();
 
   private:
     // Returns false when the command never reaches the firmware (its SET fails).
@@ -159,6 +167,9 @@ class SimWorld final : public platform::DeviceBackend, public platform::Clock {
     platform::ErrorCode OpenUsbDevice(
         const std::wstring& interfacePath,
         std::unique_ptr<platform::UsbDeviceConnection>* connection) override;
+    // An operator pulls camera `index` out and plugs it back in; `afterMs` later its boot
+    // loader starts afresh.
+    void Replug(std::size_t index, std::uint32_t afterMs);
     std::uint64_t SubscribeUsbEvents(platform::UsbEventCallback callback) override;
     void UnsubscribeUsbEvents(std::uint64_t subscription) override;
 

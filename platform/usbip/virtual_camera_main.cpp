@@ -10,9 +10,12 @@
 //   lynx-virtual-camera [--log FILE] [--mode camera|dfu] [--version A.B.C.D]
 //                       [--new-version A.B.C.D] [--transfer-size N] [--unplug-at-block N]
 //                       [--dfu-delay-ms N] [--lifetime-s N] [--image-out FILE]
+//                       [--hold-at-block N]
 //
 // Runs as root (it writes to vhci-hcd's sysfs files) until --lifetime-s has passed or it
-// gets SIGTERM or SIGINT; the device leaves the bus when it ends.
+// gets SIGTERM or SIGINT; the device leaves the bus when it ends. SIGUSR1 pulls the device
+// out and plugs it back in, as an operator does with the cable; SIGUSR2 lets a held answer
+// go (--hold-at-block).
 #include <poll.h>
 #include <signal.h>
 #include <time.h>
@@ -24,7 +27,9 @@
 #include <cstring>
 #include <fstream>
 #include <memory>
+#include <optional>
 #include <string>
+#include <utility>
 
 #include "platform/sim/sim_world.h"
 #include "platform/usbip/usbip_link.h"
@@ -36,11 +41,19 @@ using usbip::Bytes;
 using usbip::ControlReply;
 
 volatile sig_atomic_t stopRequested = 0;
+volatile sig_atomic_t replugRequested = 0;
+volatile sig_atomic_t holdReleased = 0;
+
+// An operator's replug: out, and back in this much later.
+constexpr std::uint32_t kReplugMs = 500;
+// A held answer goes out by itself after this, before the host's own time-out (5 s) fails
+// the request.
+constexpr auto kHoldLimit = std::chrono::seconds(4);
 
 constexpr const char* kUsage =
     "usage: lynx-virtual-camera [--log FILE] [--mode camera|dfu] [--version A.B.C.D] "
     "[--new-version A.B.C.D] [--transfer-size N] [--unplug-at-block N] [--dfu-delay-ms N] "
-    "[--lifetime-s N] [--image-out FILE]\n"
+    "[--lifetime-s N] [--image-out FILE] [--hold-at-block N]\n"
     "(options: man lynx-virtual-camera, or /usr/share/doc/lynx-dfu/virtual-camera.md)";
 
 const wchar_t* const kCameraLink =
@@ -53,6 +66,7 @@ struct Options {
     bool dfuMode = false;
     std::string imageOut;
     unsigned lifetimeS = 3600;
+    std::optional<unsigned> holdAtBlock;
     sim::WorldSpec world;
 };
 
@@ -90,6 +104,8 @@ bool ParseOptions(int argc, char** argv, Options* options) {
                     sim::DfuFault{static_cast<std::uint32_t>(number), sim::FaultKind::kUnplug};
             } else if (name == "--dfu-delay-ms" && isNumber && number <= 10000) {
                 camera.dfuDelayMs = static_cast<std::uint32_t>(number);
+            } else if (name == "--hold-at-block" && isNumber && number <= 0xFFFF) {
+                options->holdAtBlock = static_cast<unsigned>(number);
             } else if (name == "--lifetime-s" && isNumber && number >= 1 && number <= 86400) {
                 options->lifetimeS = static_cast<unsigned>(number);
             } else {
@@ -139,12 +155,16 @@ double MonotonicMs() {
 class VirtualCamera {
   public:
     explicit VirtualCamera(const Options& options)
-        : options_(options), log_(options.log), world_(options.world) {}
+        : options_(options),
+          log_(options.log),
+          world_(options.world),
+          holdAtBlock_(options.holdAtBlock) {}
 
     int Run() {
         const auto end =
             std::chrono::steady_clock::now() + std::chrono::seconds(options_.lifetimeS);
         while (!stopRequested && std::chrono::steady_clock::now() < end) {
+            if (replugRequested) Replug();
             if (!Follow()) return 1;
             if (!link_.Attached()) {
                 poll(nullptr, 0, 10);
@@ -153,7 +173,9 @@ class VirtualCamera {
             pollfd fd = {link_.Socket(), POLLIN, 0};
             const int ready = poll(&fd, 1, 10);
             if (ready > 0 && !link_.ServeOne([this](const std::uint8_t* setup, const Bytes& out) {
-                    return Control(setup, out);
+                    ControlReply reply = Control(setup, out);
+                    if (std::exchange(holdNow_, false)) Hold();
+                    return reply;
                 })) {
                 Leave("host closed");
             } else if (face_ == Face::kCamera && link_.Attached() && !camera_->Pump(link_)) {
@@ -202,6 +224,29 @@ class VirtualCamera {
                       camera_->Version().c_str());
         }
         return true;
+    }
+
+    void Replug() {
+        replugRequested = 0;
+        world_.Replug(0, kReplugMs);
+        if (face_ == Face::kNone) {
+            log_.Line("replugged while off the bus");
+        } else {
+            leaveReason_ = "replugged";
+        }
+    }
+
+    // The answer to block N goes out late: the host waits in that request for whatever a
+    // test does at this moment, until SIGUSR2 lets the answer go.
+    void Hold() {
+        holdReleased = 0;
+        log_.Line("dfu hold at block %u", *holdAtBlock_);
+        holdAtBlock_.reset();
+        const auto end = std::chrono::steady_clock::now() + kHoldLimit;
+        while (!holdReleased && !stopRequested && std::chrono::steady_clock::now() < end) {
+            poll(nullptr, 0, 5);
+        }
+        log_.Line(holdReleased ? "dfu hold released" : "dfu hold ended (time limit)");
     }
 
     void Leave(const char* why) {
@@ -284,6 +329,7 @@ class VirtualCamera {
 
     void Downloaded(platform::ErrorCode status, std::uint16_t block, const Bytes& data,
                     std::uint16_t length) {
+        if (status == ERROR_SUCCESS && holdAtBlock_ == block) holdNow_ = true;
         if (status == ERROR_DEVICE_NOT_CONNECTED) {
             log_.Line("dfu unplugged during block %u after %zu bytes crc32 %08x", block,
                       image_.size(), sim::Crc32(0, image_.data(), image_.size()));
@@ -330,6 +376,8 @@ class VirtualCamera {
     bool firstRequestSeen_ = false;
     Bytes image_;  // the bytes of the download under way, as the device took them
     std::size_t manifestedSeen_ = 0;
+    std::optional<unsigned> holdAtBlock_;  // until the hold has happened
+    bool holdNow_ = false;                 // the answer under way is held
     std::chrono::steady_clock::time_point started_{};
 };
 
@@ -345,6 +393,10 @@ int main(int argc, char** argv) {
     action.sa_handler = [](int) { stopRequested = 1; };
     sigaction(SIGTERM, &action, nullptr);
     sigaction(SIGINT, &action, nullptr);
+    action.sa_handler = [](int) { replugRequested = 1; };
+    sigaction(SIGUSR1, &action, nullptr);
+    action.sa_handler = [](int) { holdReleased = 1; };
+    sigaction(SIGUSR2, &action, nullptr);
     signal(SIGPIPE, SIG_IGN);
     VirtualCamera camera(options);
     return camera.Run();

@@ -88,7 +88,7 @@ cp "$probe" "$root/hwlab/arrival-probe"
 
 cp "$busybox" "$root/bin/busybox"
 cp "$here/guest/init" "$root/init"
-cp "$here/guest/sessions.sh" "$here/guest/devices.sh" "$repo/bench/hwlab/bench.sh" "$root/hwlab/"
+cp "$here/guest/sessions.sh" "$here/guest/devices.sh" "$here/guest/interrupted.sh" "$repo/bench/hwlab/bench.sh" "$root/hwlab/"
 if [ ${#only[@]} -eq 0 ]; then
     cp -r "$here/cases" "$root/hwlab/cases"
 else

@@ -13,12 +13,14 @@
 #                   its lines that begin "HWLAB: " are reported)
 #   timeout         optional: seconds the program may take (120 unless given)
 #   check.sh        optional: further checks, run last; non-zero fails the case
+#   interrupt       optional: an update cut off by a signal, then recovered (interrupted.sh)
 # Device numbers are the kernel's running count, so "&NNN#" stands for them in expectations.
 cd /tmp
 passed=0
 failed=0
 
 . /hwlab/devices.sh
+. /hwlab/interrupted.sh
 
 normalize() {  # [file]; standard input without one
     sed -e 's/&[0-9][0-9][0-9]#/\&NNN#/g' "$@"
@@ -57,6 +59,7 @@ run_case() {
             echo "HWLAB: $name: program failed"; cat "$out/program.txt"; ok=0; }
         grep '^HWLAB: ' "$out/program.txt"
     fi
+    if [ "$ok" = 1 ] && [ -f "$dir/interrupt" ]; then interrupted || ok=0; fi
     for step in 1 2; do
         [ "$ok" = 1 ] && [ -f "$dir/input$step.txt" ] || continue
         if [ "$step" = 2 ] && ! wait_for has_camera_node 150; then
