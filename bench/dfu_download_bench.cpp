@@ -63,7 +63,8 @@ std::string ImageFile() {
         const auto file = std::filesystem::temp_directory_path() / "lynx-dfu-bench-image.bin";
         std::vector<char> bytes(kImageSize);
         for (std::size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<char>(i * 31);
-        std::ofstream(file, std::ios::binary).write(bytes.data(), bytes.size());
+        std::ofstream(file, std::ios::binary)
+            .write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
         return file.string();
     }();
     return path;
@@ -72,7 +73,7 @@ std::string ImageFile() {
 void FullStack(benchmark::State& state) {
     const auto transferSize = static_cast<std::uint16_t>(state.range(0));
     const std::string file = ImageFile();
-    const std::int64_t blocks = (kImageSize + transferSize - 1) / transferSize;
+    const auto blocks = static_cast<std::int64_t>((kImageSize + transferSize - 1) / transferSize);
     std::int64_t peakAboveImage = 0;
     for (auto _ : state) {
         state.PauseTiming();
@@ -129,7 +130,7 @@ class InstantEndpoint final : public usb_core::IUsbControlEndpoint {
 void EngineOnly(benchmark::State& state) {
     const auto transferSize = static_cast<std::uint16_t>(state.range(0));
     const std::vector<std::uint8_t> image(kImageSize, 0x5A);
-    const std::int64_t blocks = (kImageSize + transferSize - 1) / transferSize;
+    const auto blocks = static_cast<std::int64_t>((kImageSize + transferSize - 1) / transferSize);
     for (auto _ : state) {
         dfu::DfuCommand command(nullptr, std::make_shared<InstantEndpoint>(transferSize));
         benchmark::DoNotOptimize(command.Execute(image.data(), image.size()));

@@ -55,7 +55,7 @@ class CameraDevice : public ICameraDevice {
     std::wstring GetDetails(bool withSymbolicLink) const override;
     std::int32_t GetDeviceType() const override { return 1; }
     bool IsDfuModePerDevice() const override { return false; }
-    HRESULT Initialize(Microsoft::WRL::ComPtr<IMFActivate> activation) override;
+    HRESULT Initialize(Microsoft::WRL::ComPtr<IMFActivate> enumerated) override;
 
   protected:
     // The device's own activation object, made from its symbolic link (not the enumerated one).

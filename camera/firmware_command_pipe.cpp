@@ -28,7 +28,7 @@ std::uint32_t Le32(const std::uint8_t* at) {
 void FillHeader(Frame& frame, std::size_t dataLength, std::uint32_t opcode,
                 std::uint32_t parameter1, std::uint32_t parameter2, std::uint32_t parameter3,
                 std::uint32_t parameter4) {
-    PutLe16(&frame[0], static_cast<std::uint16_t>(20 + dataLength));
+    PutLe16(frame.data(), static_cast<std::uint16_t>(20 + dataLength));
     frame[2] = 0xAB;
     frame[3] = 0xCD;
     PutLe32(&frame[4], opcode);

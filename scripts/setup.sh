@@ -4,9 +4,10 @@
 #   scripts/setup.sh               what building, packaging and running the programs and
 #                                  the lab needs
 #   scripts/setup.sh --test        that, and the test tools: GoogleTest, clang for the
-#                                  fuzzer, mingw-w64 and Wine for the Windows program, qemu,
-#                                  busybox, dfu-util and v4l-utils for the hardware lab, lintian,
-#                                  gcovr for the coverage report
+#                                  fuzzer, clang-format and clang-tidy, mingw-w64 and Wine
+#                                  for the Windows program, qemu, busybox, dfu-util and
+#                                  v4l-utils for the hardware lab, lintian, gcovr for the
+#                                  coverage report
 #   scripts/setup.sh --fresh-check what scripts/fresh-check.sh needs to bootstrap a root
 #
 # Written for a minimal Debian 12: nothing here assumes a package that such a system lacks.
@@ -18,7 +19,7 @@ case "${1:-}" in
   "") ;;
   --test)
     packages+=(
-      python3 clang clang-format libclang-rt-14-dev
+      python3 clang clang-format clang-tidy libclang-rt-14-dev
       libgtest-dev libgmock-dev libbenchmark-dev
       dpkg-dev mingw-w64 wine wine64
       qemu-system-x86 busybox-static dfu-util v4l-utils lintian

@@ -18,6 +18,9 @@ step() {
 sudo=""
 if [ "$(id -u)" -ne 0 ]; then sudo="sudo"; fi
 
+step "Formatting and static analysis (clang-format, clang-tidy)"
+./scripts/lint.sh
+
 step "First run: the README's run command builds the lab alone and reaches its menu"
 first="build/first-run"
 rm -rf "$first"

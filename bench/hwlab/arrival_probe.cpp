@@ -29,8 +29,9 @@ int main(int argc, char** argv) {
             timespec now{};
             clock_gettime(CLOCK_MONOTONIC, &now);
             double expected = 0;
-            if (noticedAt.compare_exchange_strong(
-                    expected, static_cast<double>(now.tv_sec) * 1e3 + now.tv_nsec / 1e6)) {
+            if (noticedAt.compare_exchange_strong(expected,
+                                                  static_cast<double>(now.tv_sec) * 1e3 +
+                                                      static_cast<double>(now.tv_nsec) / 1e6)) {
                 const int kmsg = open("/dev/kmsg", O_WRONLY | O_CLOEXEC);
                 if (kmsg >= 0) {
                     static const char line[] = "hwlab-probe: arrival delivered\n";

@@ -8,7 +8,7 @@
 namespace platform {
 
 // Appends the UTF-8 form of one code point; lone surrogates and invalid values become U+FFFD.
-void AppendUtf8(std::string& out, char32_t codePoint);
+void AppendUtf8(std::string& out, char32_t cp);
 // The UTF-8 form of wide text (UTF-16 where wchar_t has 16 bits, UTF-32 elsewhere).
 std::string WideToUtf8(std::wstring_view text);
 

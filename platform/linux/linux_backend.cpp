@@ -264,7 +264,7 @@ std::wstring WidenUtf8(const std::string& text) {
 class LinuxBackend final : public DeviceBackend {
   public:
     explicit LinuxBackend(LinuxPaths paths)
-        : paths_(std::move(paths)), settings_(paths_.settings), monitor_() {}
+        : paths_(std::move(paths)), settings_(paths_.settings) {}
 
     std::vector<std::wstring> ListUsbDeviceInterfaces() override {
         std::vector<std::wstring> paths;
@@ -348,7 +348,7 @@ class LinuxBackend final : public DeviceBackend {
             fds.push_back(std::make_unique<FileDescriptor>(fd));
         }
         if (fds.empty()) return HResultFromError(ERROR_DEVICE_NOT_CONNECTED);
-        *connection = std::make_unique<V4l2Connection>(std::move(fds), std::move(*control));
+        *connection = std::make_unique<V4l2Connection>(std::move(fds), *control);
         return S_OK;
     }
 
@@ -423,6 +423,7 @@ class LinuxBackend final : public DeviceBackend {
 
     static std::vector<CaptureNodeRecord> Records(const std::vector<CaptureNode>& nodes) {
         std::vector<CaptureNodeRecord> records;
+        records.reserve(nodes.size());
         for (const CaptureNode& node : nodes) {
             records.push_back(
                 {NodeNumber(node.nodeName), node.address.sysName, node.interfaceNumber});

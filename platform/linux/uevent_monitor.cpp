@@ -82,7 +82,7 @@ void UeventMonitor::Stop() {
 }
 
 void UeventMonitor::Run(int socket, int wake) {
-    std::vector<char> buffer(64 * 1024);
+    std::vector<char> buffer(std::size_t{64} * 1024);
     while (true) {
         pollfd fds[2] = {{socket, POLLIN, 0}, {wake, POLLIN, 0}};
         const int ready = ::poll(fds, 2, kPollIntervalMs);

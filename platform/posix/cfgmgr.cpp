@@ -47,6 +47,8 @@ CONFIGRET CM_Get_Device_Interface_ListW(LPGUID interfaceClass, DEVINSTID_W, PZZW
     const std::wstring list = MultiString(PresentInterfaces(interfaceClass));
     // The list may have grown since its size was asked for.
     if (list.size() > bufferLength) return CR_BUFFER_SMALL;
+    // The list carries its own terminators: each path's, and the empty string's that ends it.
+    // NOLINTNEXTLINE(bugprone-not-null-terminated-result)
     std::wmemcpy(buffer, list.data(), list.size());
     return CR_SUCCESS;
 }

@@ -5,6 +5,7 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstddef>
@@ -24,10 +25,7 @@ constexpr int kOthers[] = {SIGABRT, SIGCONT};
 
 template <std::size_t N>
 bool IsIn(int sig, const int (&set)[N]) {
-    for (int member : set) {
-        if (member == sig) return true;
-    }
-    return false;
+    return std::ranges::find(set, sig) != std::end(set);
 }
 
 std::atomic<int> holds{0};

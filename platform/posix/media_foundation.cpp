@@ -227,12 +227,15 @@ HRESULT MFEnumDeviceSources(IMFAttributes* attributes, IMFActivate*** sources, U
         return E_OUTOFMEMORY;
     }
     if (made.empty()) return S_OK;
-    auto** array = static_cast<IMFActivate**>(CoTaskMemAlloc(made.size() * sizeof(IMFActivate*)));
+    // An array of interface pointers, which the caller frees with CoTaskMemFree.
+    // NOLINTNEXTLINE(bugprone-sizeof-expression)
+    const std::size_t bytes = made.size() * sizeof(IMFActivate*);
+    auto** array = static_cast<IMFActivate**>(CoTaskMemAlloc(bytes));
     if (array == nullptr) {
         for (auto* activation : made) activation->Release();
         return E_OUTOFMEMORY;
     }
-    std::memcpy(array, made.data(), made.size() * sizeof(IMFActivate*));
+    std::memcpy(array, made.data(), bytes);
     *sources = array;
     *count = static_cast<UINT32>(made.size());
     return S_OK;

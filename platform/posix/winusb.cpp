@@ -94,7 +94,7 @@ BOOL NewInterface(UsbFileObject* file, std::uint8_t interfaceNumber, bool first,
                   PWINUSB_INTERFACE_HANDLE result) {
     // WinUsb_GetAssociatedInterface: "If the caller attempts to retrieve more than one handle
     // for the same interface, the routine will fail with an error of ERROR_ALREADY_EXISTS."
-    if (file->handedOut.count(interfaceNumber) != 0) return Fail(ERROR_ALREADY_EXISTS);
+    if (file->handedOut.contains(interfaceNumber)) return Fail(ERROR_ALREADY_EXISTS);
     const platform::ErrorCode error = file->connection->ClaimInterface(interfaceNumber);
     if (error != ERROR_SUCCESS) return Fail(error);
     file->handedOut.insert(interfaceNumber);

@@ -101,7 +101,7 @@ std::uint64_t SimWorld::NowMs() {
 }
 
 bool SimWorld::DueLocked(std::thread::id thread) const {
-    return atOnce_.count(std::thread::id()) > 0 || atOnce_.count(thread) > 0 ||
+    return atOnce_.contains(std::thread::id()) || atOnce_.contains(thread) ||
            (!timedDue_.empty() && *timedDue_.begin() <= NowLocked());
 }
 
@@ -296,7 +296,7 @@ void SimWorld::Plug(const std::shared_ptr<SimDfuDevice>& device) {
 }
 
 void SimWorld::PlugAt(std::uint32_t delayMs, std::shared_ptr<SimDfuDevice> device) {
-    Schedule(delayMs, [this, device] { Plug(device); });
+    Schedule(delayMs, [this, device = std::move(device)] { Plug(device); });
 }
 
 void SimWorld::OnBus(const std::shared_ptr<SimDfuDevice>& device) {

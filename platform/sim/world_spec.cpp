@@ -35,7 +35,7 @@ constexpr const char* kRequestNames[] = {"DETACH",    "DNLOAD",   "UPLOAD", "GET
 void CheckKeys(const json& object, const std::string& where, const std::set<std::string>& known) {
     if (!object.is_object()) Fail(where, "must be an object");
     for (const auto& [key, value] : object.items()) {
-        if (!known.count(key)) Fail(where + "." + key, "unknown field");
+        if (!known.contains(key)) Fail(where + "." + key, "unknown field");
     }
 }
 

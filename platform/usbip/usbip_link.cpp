@@ -163,7 +163,7 @@ bool Link::ServeOne(const ControlHandler& handler) {
     }
     if (packets != 0 && packets != 0xFFFFFFFFu) {
         // Isochronous descriptors follow; the streams are bulk, so none is ever answered.
-        Bytes skip(16 * packets);
+        Bytes skip(std::size_t{16} * packets);
         if (!ReadExact(skip.data(), skip.size())) return false;
     }
     if (endpoint != 0) {

@@ -94,7 +94,8 @@ void DrawPattern(Bytes& frame, unsigned width, unsigned height, bool depth, std:
     }
     const std::string marker = "LYNX-" + text;
     const std::size_t lastRow = std::size_t{height - 1} * width * 2;
-    std::memcpy(&frame[lastRow], marker.data(), std::min<std::size_t>(marker.size(), width * 2));
+    std::memcpy(&frame[lastRow], marker.data(),
+                std::min<std::size_t>(marker.size(), std::size_t{width} * 2));
 }
 
 Stream::Stream(const sim::StreamDescription& description, std::uint16_t bcdUVC,

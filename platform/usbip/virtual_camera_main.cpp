@@ -172,15 +172,14 @@ class VirtualCamera {
             }
             pollfd fd = {link_.Socket(), POLLIN, 0};
             const int ready = poll(&fd, 1, 10);
-            if (ready > 0 && !link_.ServeOne([this](const std::uint8_t* setup, const Bytes& out) {
+            const bool closed =
+                (ready > 0 && !link_.ServeOne([this](const std::uint8_t* setup, const Bytes& out) {
                     ControlReply reply = Control(setup, out);
                     if (std::exchange(holdNow_, false)) Hold();
                     return reply;
-                })) {
-                Leave("host closed");
-            } else if (face_ == Face::kCamera && link_.Attached() && !camera_->Pump(link_)) {
-                Leave("host closed");
-            }
+                })) ||
+                (face_ == Face::kCamera && link_.Attached() && !camera_->Pump(link_));
+            if (closed) Leave("host closed");
         }
         Leave("end of run");
         return 0;

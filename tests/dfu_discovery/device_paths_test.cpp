@@ -25,7 +25,7 @@ struct FilterCase {
     const char* name;
     std::wstring path;
     bool matches;
-    std::wstring vendor = L"vid_3c5e", product = L"pid_0f1c", interfaceToken = L"";
+    std::wstring vendor = L"vid_3c5e", product = L"pid_0f1c", interfaceToken{};
 };
 
 class FilterTest : public testing::TestWithParam<FilterCase> {};

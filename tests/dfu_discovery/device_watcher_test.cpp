@@ -78,6 +78,7 @@ void MakeWatcher(std::optional<DeviceWatcher>& watcher) {
 
 std::vector<std::wstring> Links(const std::vector<DeviceInterfaceEntry>& entries) {
     std::vector<std::wstring> links;
+    links.reserve(entries.size());
     for (const auto& entry : entries) links.push_back(entry.symbolicLink);
     return links;
 }
@@ -302,6 +303,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 std::vector<std::wstring> Links(const std::vector<std::shared_ptr<IDfuDevice>>& devices) {
     std::vector<std::wstring> links;
+    links.reserve(devices.size());
     for (const auto& device : devices) links.push_back(device->GetSymbolicLink());
     return links;
 }

@@ -22,6 +22,7 @@ TEST(UeventMonitor, SubscriptionsComeAndGoFromSeveralThreads) {
     monitor.Unsubscribe(probe);
     std::atomic<int> refused{0};
     std::vector<std::thread> threads;
+    threads.reserve(3);
     for (int t = 0; t < 3; ++t) {
         threads.emplace_back([&] {
             for (int i = 0; i < 100; ++i) {

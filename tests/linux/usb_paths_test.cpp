@@ -56,7 +56,8 @@ TEST(UsbPaths, OthersAreNotOpened) {
           L"\\\\?\\USB#VID_3C5Z&PID_0F1C#1-1&005#{a5dcbf10-6530-11d2-901f-00c04fb951ed}",
           L"\\\\?\\USB#VID_3C5E&PID_0F1C#1-1&005#{a5dcbf10-6530-11d2-901f-00c04fb951ed}#x",
           L"\\\\?\\USB#VID_3C5E&PID_0F1C#1-\u00e91&005#{a5dcbf10-6530-11d2-901f-00c04fb951ed}",
-          // Node names that would lead elsewhere under /dev.
+          // Node names that would lead elsewhere under /dev, each one path over two lines.
+          // NOLINTNEXTLINE(bugprone-suspicious-missing-comma)
           L"\\\\?\\USB#VID_3C5E&PID_0B64&MI_00#3-2&017#{e5323777-f976-4f5b-9b55-b94699c46e44}"
           L"\\video0/../sda",
           L"\\\\?\\USB#VID_3C5E&PID_0B64&MI_00#3-2&017#{e5323777-f976-4f5b-9b55-b94699c46e44}"

@@ -89,7 +89,7 @@ TEST(VirtualCamera, PatternCarriesTheVersionAndMoves) {
         uvc::DrawPattern(moved, 160, 120, depth, 5, "FW 1.2.3.4");
         uvc::DrawPattern(other, 160, 120, depth, 0, "FW 1.2.3.5");
         ASSERT_EQ(first.size(), 160u * 120 * 2);
-        const std::size_t lastRow = 119u * 160 * 2;
+        const std::size_t lastRow = std::size_t{119} * 160 * 2;
         EXPECT_EQ(std::string(first.begin() + lastRow, first.begin() + lastRow + 15),
                   "LYNX-FW 1.2.3.4");
         EXPECT_NE(first, moved);

@@ -70,7 +70,7 @@ class Bus : public testing::Test {
     bool DfuRequest(const Step& step) {
         std::vector<std::uint8_t> data(step.length, 0);
         ULONG transferred = 0;
-        const auto handle = handles[step.handle >= 0 ? step.handle : step.index > 0 ? 1 : 0];
+        auto* const handle = handles[step.handle >= 0 ? step.handle : step.index > 0 ? 1 : 0];
         return WinUsb_ControlTransfer(
                    handle, {step.type, step.request, step.value, step.index, step.length},
                    data.data(), step.length, &transferred, nullptr) != FALSE;

@@ -38,7 +38,7 @@ TEST(RegistryOnWindows, EachModeIsStoredAsItsUtf16TextWithItsNull) {
         ASSERT_EQ(stored, size);
         const auto* text = reinterpret_cast<const BYTE*>(row.text.c_str());
         EXPECT_EQ(std::vector<BYTE>(text, text + stored),
-                  std::vector<BYTE>(&bytes[0], &bytes[size]));
+                  std::vector<BYTE>(bytes.data(), bytes.data() + size));
     }
 }
 

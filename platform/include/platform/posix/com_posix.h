@@ -42,7 +42,7 @@ class ComPtr {
     ~ComPtr() { InternalRelease(); }
 
     ComPtr& operator=(const ComPtr& other) noexcept {
-        if (ptr_ != other.ptr_) ComPtr(other).Swap(*this);
+        if (this != &other) ComPtr(other).Swap(*this);
         return *this;
     }
     ComPtr& operator=(ComPtr&& other) noexcept {
