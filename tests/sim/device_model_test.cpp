@@ -246,7 +246,7 @@ INSTANTIATE_TEST_SUITE_P(
 struct Replug {
     const char* name;
     bool inDfuMode;
-    int blocks;
+    std::uint16_t blocks;
     bool manifest;
     const char* after;  // what is on the bus: the camera's firmware, the DFU device's state
 };
@@ -266,7 +266,8 @@ TEST_P(Replugged, BootLoaderStartsOnWhatTheFlashHolds) {
     };
     ASSERT_EQ(row.inDfuMode ? 0u : 2u,
               world.OpenUsbDevice(L"\\\\?\\USB#VID_3C5E&PID_0F1C#1", &usb));
-    for (std::uint16_t block = 0; block < row.blocks + (row.manifest ? 1 : 0); ++block) {
+    const auto end = static_cast<std::uint16_t>(row.blocks + (row.manifest ? 1 : 0));
+    for (std::uint16_t block = 0; block < end; ++block) {
         ASSERT_EQ(0u, request(kOut, kDnload, block, block < row.blocks ? 16 : 0));
         ASSERT_EQ(0u, request(kIn, kGetStatus, 0, 6));
     }
