@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/usb_descriptors.h"
 #include "platform/winusb.h"
 #include "usb_core/usb_control_endpoint.h"
 
@@ -63,9 +64,7 @@ class WinUsbDevice {
     std::uint8_t dfuAlternateSetting = 0;
     WINUSB_INTERFACE_HANDLE winUsbHandle = nullptr;
     HANDLE fileHandle = nullptr;
-    std::uint8_t dfuFunctionalDescriptor[9] = {};
-    std::uint8_t deviceDescriptor[18] = {};
-    std::uint8_t configurationHeader[9] = {};
+    usb::usb_dfu_functional_descriptor dfuFunctional;
     std::wstring symbolicLink;
 };
 

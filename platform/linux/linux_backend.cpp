@@ -23,6 +23,7 @@
 #include "platform/linux/uevent_monitor.h"
 #include "platform/linux/usb_paths.h"
 #include "platform/linux/uvc_descriptors.h"
+#include "platform/usb_descriptors.h"
 
 namespace platform::linux_hw {
 namespace {
@@ -202,7 +203,7 @@ class V4l2Connection final : public VideoDeviceConnection {
         std::uint8_t lengthBytes[2] = {};
         ErrorCode error = Query(unit.id, selector, kUvcGetLen, lengthBytes, 2);
         if (error != ERROR_SUCCESS) return HResultFromError(error);
-        const std::uint32_t size = lengthBytes[0] | (lengthBytes[1] << 8);
+        const std::uint32_t size = usb::Le16(lengthBytes);
         if (request == kGet) {
             if (data == nullptr || length < size) {
                 // As kernel streaming does: the caller learns the size it needs.
@@ -455,17 +456,20 @@ class LinuxBackend final : public DeviceBackend {
                                                                    unsigned configuration,
                                                                    std::uint8_t interfaceNumber) {
         const auto* bytes = reinterpret_cast<const std::uint8_t*>(raw.data());
-        std::size_t at = 18;
-        while (at + 9 <= raw.size()) {
-            const std::size_t total = bytes[at + 2] | (bytes[at + 3] << 8);
-            if (bytes[at + 1] != 0x02 || total < 9) return std::nullopt;
-            const std::size_t length = std::min(total, raw.size() - at);
-            if (bytes[at + 5] == configuration) {
-                return ParseUvcControlInterface(bytes + at, length, interfaceNumber);
+        std::optional<UvcControlInterface> found;
+        usb::WalkDescriptors(bytes, raw.size(), [&](const usb::usb_descriptor_header& d) {
+            if (d.bDescriptorType != usb::USB_DT_CONFIG ||
+                d.bLength < usb::usb_config_descriptor::bLength) {
+                return true;
             }
-            at += total;
-        }
-        return std::nullopt;
+            const auto config = usb::usb_config_descriptor::Read(d.bytes);
+            if (config.bConfigurationValue != configuration) return true;
+            const std::size_t left = raw.size() - static_cast<std::size_t>(d.bytes - bytes);
+            found = ParseUvcControlInterface(
+                d.bytes, std::min<std::size_t>(config.wTotalLength, left), interfaceNumber);
+            return false;
+        });
+        return found;
     }
 
     LinuxPaths paths_;

@@ -1,13 +1,11 @@
 #include "platform/linux/uvc_descriptors.h"
 
 #include "platform/ks.h"
+#include "platform/usb_descriptors.h"
 
 namespace platform::linux_hw {
 namespace {
 
-constexpr std::uint8_t kInterfaceDescriptor = 0x04;
-constexpr std::uint8_t kClassSpecificInterface = 0x24;
-constexpr std::uint8_t kVideoClass = 0x0E;
 constexpr std::uint8_t kVideoControlSubclass = 0x01;
 
 constexpr std::uint8_t kVcHeader = 0x01;
@@ -21,18 +19,12 @@ constexpr std::uint8_t kVcEncodingUnit = 0x07;
 constexpr std::uint16_t kCameraTerminal = 0x0201;
 constexpr std::uint16_t kStreamingTerminal = 0x0101;
 
-std::uint16_t Le16(const std::uint8_t* p) {
-    return static_cast<std::uint16_t>(p[0] | (p[1] << 8));
-}
-
 // GUIDs travel in USB descriptors in the same mixed-endian layout as in memory on x86.
 GUID GuidFromWire(const std::uint8_t* p) {
     GUID guid{};
-    guid.Data1 = static_cast<std::uint32_t>(p[0]) | (static_cast<std::uint32_t>(p[1]) << 8) |
-                 (static_cast<std::uint32_t>(p[2]) << 16) |
-                 (static_cast<std::uint32_t>(p[3]) << 24);
-    guid.Data2 = Le16(p + 4);
-    guid.Data3 = Le16(p + 6);
+    guid.Data1 = usb::Le32(p);
+    guid.Data2 = usb::Le16(p + 4);
+    guid.Data3 = usb::Le16(p + 6);
     for (int i = 0; i < 8; ++i) guid.Data4[i] = p[8 + i];
     return guid;
 }
@@ -44,13 +36,13 @@ bool ParseEntity(const std::uint8_t* d, std::uint8_t length, UvcEntity* entity) 
             if (length < 8) return false;
             entity->kind = UvcEntityKind::kInputTerminal;
             entity->id = d[3];
-            entity->terminalType = Le16(d + 4);
+            entity->terminalType = usb::Le16(d + 4);
             return true;
         case kVcOutputTerminal:
             if (length < 9) return false;
             entity->kind = UvcEntityKind::kOutputTerminal;
             entity->id = d[3];
-            entity->terminalType = Le16(d + 4);
+            entity->terminalType = usb::Le16(d + 4);
             return true;
         case kVcSelectorUnit:
             if (length < 5) return false;
@@ -107,31 +99,33 @@ std::optional<UvcControlInterface> ParseUvcControlInterface(const std::uint8_t* 
     if (config == nullptr) return std::nullopt;
     std::optional<UvcControlInterface> result;
     bool inside = false;
-    std::size_t at = 0;
-    while (at + 2 <= length) {
-        const std::uint8_t* d = config + at;
-        const std::uint8_t size = d[0];
-        if (size < 2 || at + size > length) break;
-        const std::uint8_t type = d[1];
-        if (type == kInterfaceDescriptor) {
-            if (result) break;  // the next interface: the video-control one is complete
-            inside = size >= 9 && d[2] == interfaceNumber && d[3] == 0 && d[5] == kVideoClass &&
-                     d[6] == kVideoControlSubclass;
+    usb::WalkDescriptors(config, length, [&](const usb::usb_descriptor_header& d) {
+        if (d.bLength < 2) return false;
+        if (d.bDescriptorType == usb::USB_DT_INTERFACE) {
+            if (result) return false;  // the next interface: the video-control one is complete
+            // Read only what is there: a short descriptor is no interface of ours.
+            const auto interface = d.bLength >= usb::usb_interface_descriptor::bLength
+                                       ? usb::usb_interface_descriptor::Read(d.bytes)
+                                       : usb::usb_interface_descriptor{};
+            inside = interface.bInterfaceNumber == interfaceNumber &&
+                     interface.bAlternateSetting == 0 &&
+                     interface.bInterfaceClass == usb::USB_CLASS_VIDEO &&
+                     interface.bInterfaceSubClass == kVideoControlSubclass;
             if (inside) {
                 result.emplace();
                 result->interfaceNumber = interfaceNumber;
             }
-        } else if (inside && type == kClassSpecificInterface && size >= 3) {
-            if (d[2] == kVcHeader) {
-                if (size >= 5) result->uvcVersion = Le16(d + 3);
+        } else if (inside && d.bDescriptorType == usb::USB_DT_CS_INTERFACE && d.bLength >= 3) {
+            if (d.bytes[2] == kVcHeader) {
+                if (d.bLength >= 5) result->uvcVersion = usb::Le16(d.bytes + 3);
             } else {
                 UvcEntity entity;
-                if (!ParseEntity(d, size, &entity)) break;
+                if (!ParseEntity(d.bytes, d.bLength, &entity)) return false;
                 result->entities.push_back(std::move(entity));
             }
         }
-        at += size;
-    }
+        return true;
+    });
     return result;
 }
 

@@ -3,145 +3,156 @@
 namespace sim {
 namespace {
 
-constexpr std::uint8_t kInterface = 0x04;
-constexpr std::uint8_t kEndpoint = 0x05;
-constexpr std::uint8_t kClassInterface = 0x24;
-constexpr std::uint8_t kClassEndpoint = 0x25;
-constexpr std::uint8_t kVideo = 0x0E;
+using usb::AppendLe16;
+using usb::AppendLe32;
+using usb::USB_DT_CS_INTERFACE;
 
-void Put16(DescriptorBytes& out, unsigned value) {
-    out.push_back(static_cast<std::uint8_t>(value));
-    out.push_back(static_cast<std::uint8_t>(value >> 8));
+// Sets the 16-bit total at `at` to the bytes from `from` to the end.
+void SetTotal(DescriptorBytes& out, std::size_t at, std::size_t from) {
+    usb::StoreLe16(&out[at], static_cast<std::uint16_t>(out.size() - from));
 }
 
-void Put32(DescriptorBytes& out, std::uint32_t value) {
-    for (int shift = 0; shift < 32; shift += 8)
-        out.push_back(static_cast<std::uint8_t>(value >> shift));
-}
-
-void Append(DescriptorBytes& out, const DescriptorBytes& piece) {
-    out.insert(out.end(), piece.begin(), piece.end());
-}
-
-// Sets a 16-bit total at `at` to the bytes from `from` to the end.
-void PatchTotal(DescriptorBytes& out, std::size_t at, std::size_t from) {
-    const std::size_t total = out.size() - from;
-    out[at] = static_cast<std::uint8_t>(total);
-    out[at + 1] = static_cast<std::uint8_t>(total >> 8);
-}
-
-DescriptorBytes StreamingInterface(const StreamDescription& stream) {
-    DescriptorBytes out = {9, kInterface, stream.bInterfaceNumber, 0, 1, kVideo, 0x02, 0x00, 0};
-    const std::size_t headerAt = out.size();
-    // Input header: one format, no still capture, no triggers.
-    Append(out, {14, kClassInterface, 0x01, 1, 0, 0, stream.bEndpointAddress, 0,
-                 stream.bTerminalLink, 0, 0, 0, 1, 0});
-    const uvc_format_uncompressed& format = stream.format;
-    Append(out, {27, kClassInterface, 0x04, 1, static_cast<std::uint8_t>(format.frames.size())});
-    Append(out, DescriptorBytes(format.guidFormat.begin(), format.guidFormat.end()));
-    Append(out, {format.bBitsPerPixel, 1, 0, 0, 0, 0});
-    std::uint8_t index = 1;
-    for (const uvc_frame_uncompressed& frame : format.frames) {
-        const auto intervals = static_cast<std::uint8_t>(frame.dwFrameInterval.size());
-        DescriptorBytes d = {static_cast<std::uint8_t>(26 + 4 * intervals), kClassInterface, 0x05,
-                             index++, 0};
-        Put16(d, frame.wWidth);
-        Put16(d, frame.wHeight);
-        const std::uint32_t bytes = frame.wWidth * frame.wHeight * format.bBitsPerPixel / 8u;
-        const std::uint32_t fastest = frame.dwFrameInterval.back();
-        const std::uint32_t slowest = frame.dwFrameInterval.front();
-        Put32(d, static_cast<std::uint32_t>(bytes * 8ull * 10000000 / slowest));
-        Put32(d, static_cast<std::uint32_t>(bytes * 8ull * 10000000 / fastest));
-        Put32(d, bytes);
-        Put32(d, frame.dwFrameInterval.front());
-        d.push_back(intervals);
-        for (std::uint32_t interval : frame.dwFrameInterval) Put32(d, interval);
-        Append(out, d);
-    }
-    // sRGB primaries and transfer, BT.601 matrix: what the kernel assumes for YUV anyway.
-    Append(out, {6, kClassInterface, 0x0D, 1, 1, 4});
-    out[headerAt + 4] = static_cast<std::uint8_t>(out.size() - headerAt);
-    out[headerAt + 5] = static_cast<std::uint8_t>((out.size() - headerAt) >> 8);
-    // Bulk: the whole payload travels in transfers of the negotiated size.
-    Append(out, {7, kEndpoint, stream.bEndpointAddress, 0x02, 0x00, 0x02, 0});
-    return out;
+void AppendBytes(DescriptorBytes& out, const std::array<std::uint8_t, 16>& guid) {
+    out.insert(out.end(), guid.begin(), guid.end());
 }
 
 }  // namespace
 
+void uvc_camera_terminal_descriptor::Append(DescriptorBytes& out) const {
+    out.insert(out.end(), {18, USB_DT_CS_INTERFACE, usb::UVC_VC_INPUT_TERMINAL, bTerminalID});
+    AppendLe16(out, wTerminalType);
+    // No associated terminal, no name, no optics; then bControlSize 3 and bmControls.
+    out.insert(out.end(), {0, 0, 0, 0, 0, 0, 0, 0, 3});
+    AppendLe16(out, static_cast<std::uint16_t>(bmControls));
+    out.push_back(static_cast<std::uint8_t>(bmControls >> 16));
+}
+
+void uvc_processing_unit_descriptor::Append(DescriptorBytes& out, std::uint16_t bcdUVC) const {
+    // From version 1.1 on the unit ends with bmVideoStandards.
+    const std::uint8_t bLength = bcdUVC >= 0x0110 ? 12 : 11;
+    // wMaxMultiplier 0, bControlSize 2, then bmControls and iProcessing.
+    out.insert(out.end(), {bLength, USB_DT_CS_INTERFACE, usb::UVC_VC_PROCESSING_UNIT, bUnitID,
+                           bSourceID, 0, 0, 2});
+    AppendLe16(out, bmControls);
+    out.push_back(0);
+    if (bcdUVC >= 0x0110) out.push_back(0);
+}
+
+void uvc_extension_unit_descriptor::Append(DescriptorBytes& out) const {
+    out.insert(out.end(), {26, USB_DT_CS_INTERFACE, usb::UVC_VC_EXTENSION_UNIT, bUnitID});
+    AppendBytes(out, guidExtensionCode);
+    // bNrInPins 1, then bControlSize 1 and iExtension 0.
+    out.insert(out.end(), {bNumControls, 1, baSourceID, 1, bmControls, 0});
+}
+
+void uvc_output_terminal_descriptor::Append(DescriptorBytes& out) const {
+    out.insert(out.end(), {9, USB_DT_CS_INTERFACE, usb::UVC_VC_OUTPUT_TERMINAL, bTerminalID});
+    AppendLe16(out, wTerminalType);
+    out.insert(out.end(), {0, bSourceID, 0});
+}
+
+void uvc_frame_uncompressed::Append(DescriptorBytes& out, std::uint8_t bFrameIndex,
+                                    std::uint8_t bBitsPerPixel) const {
+    const auto bFrameIntervalType = static_cast<std::uint8_t>(dwFrameInterval.size());
+    out.insert(out.end(), {static_cast<std::uint8_t>(26 + 4 * bFrameIntervalType),
+                           USB_DT_CS_INTERFACE, usb::UVC_VS_FRAME_UNCOMPRESSED, bFrameIndex, 0});
+    AppendLe16(out, wWidth);
+    AppendLe16(out, wHeight);
+    const std::uint32_t bytes = wWidth * wHeight * bBitsPerPixel / 8u;
+    AppendLe32(out, static_cast<std::uint32_t>(bytes * 8ull * 10000000 / dwFrameInterval.front()));
+    AppendLe32(out, static_cast<std::uint32_t>(bytes * 8ull * 10000000 / dwFrameInterval.back()));
+    AppendLe32(out, bytes);  // dwMaxVideoFrameBufferSize
+    AppendLe32(out, dwFrameInterval.front());
+    out.push_back(bFrameIntervalType);
+    for (std::uint32_t interval : dwFrameInterval) AppendLe32(out, interval);
+}
+
+void uvc_format_uncompressed::Append(DescriptorBytes& out) const {
+    out.insert(out.end(), {27, USB_DT_CS_INTERFACE, usb::UVC_VS_FORMAT_UNCOMPRESSED, 1,
+                           static_cast<std::uint8_t>(frames.size())});
+    AppendBytes(out, guidFormat);
+    // Default frame 1, no aspect ratio, progressive, no copy protection.
+    out.insert(out.end(), {bBitsPerPixel, 1, 0, 0, 0, 0});
+    std::uint8_t index = 1;
+    for (const uvc_frame_uncompressed& frame : frames) frame.Append(out, index++, bBitsPerPixel);
+}
+
+void StreamDescription::Append(DescriptorBytes& out) const {
+    usb::usb_interface_descriptor interface;
+    interface.bInterfaceNumber = bInterfaceNumber;
+    interface.bNumEndpoints = 1;
+    interface.bInterfaceClass = usb::USB_CLASS_VIDEO;
+    interface.bInterfaceSubClass = usb::UVC_SC_VIDEOSTREAMING;
+    interface.Append(out);
+    const std::size_t headerAt = out.size();
+    // Input header: one format, no still capture, no triggers.
+    out.insert(out.end(), {14, USB_DT_CS_INTERFACE, usb::UVC_VS_INPUT_HEADER, 1, 0, 0,
+                           bEndpointAddress, 0, bTerminalLink, 0, 0, 0, 1, 0});
+    format.Append(out);
+    // sRGB primaries and transfer, BT.601 matrix: what the kernel assumes for YUV anyway.
+    out.insert(out.end(), {6, USB_DT_CS_INTERFACE, usb::UVC_VS_COLORFORMAT, 1, 1, 4});
+    SetTotal(out, headerAt + 4, headerAt);
+    // Bulk: the whole payload travels in transfers of the negotiated size.
+    usb::usb_endpoint_descriptor{bEndpointAddress, 0x02, 512, 0}.Append(out);
+}
+
 DescriptorBytes CameraDescription::DeviceDescriptor() const {
-    DescriptorBytes d = {18, 0x01};
-    Put16(d, device.bcdUSB);
-    Append(d, {device.bDeviceClass, device.bDeviceSubClass, device.bDeviceProtocol,
-               device.bMaxPacketSize0});
-    Put16(d, device.idVendor);
-    Put16(d, device.idProduct);
-    Put16(d, device.bcdDevice);
-    Append(d, {device.iManufacturer, device.iProduct, device.iSerialNumber, 1});
+    DescriptorBytes d;
+    device.Append(d);
     return d;
 }
 
 DescriptorBytes CameraDescription::ConfigurationDescriptor() const {
     const auto interfaces = static_cast<std::uint8_t>(1 + streams.size());
-    DescriptorBytes c = {9, 0x02, 0, 0, interfaces, 1, 0, 0x80, bMaxPower};
-    Append(c, {8, 0x0B, ControlInterface(), interfaces, kVideo, 0x03, 0x00, 0});
-    Append(c, {9, kInterface, ControlInterface(), 0, 1, kVideo, 0x01, 0x00, 0});
+    DescriptorBytes c;
+    usb::usb_config_descriptor config;
+    config.bNumInterfaces = interfaces;
+    config.bMaxPower = bMaxPower;
+    config.Append(c);
+    usb::usb_interface_assoc_descriptor{ControlInterface(),
+                                        interfaces,
+                                        usb::USB_CLASS_VIDEO,
+                                        usb::UVC_SC_VIDEO_INTERFACE_COLLECTION,
+                                        0,
+                                        0}
+        .Append(c);
+    usb::usb_interface_descriptor control;
+    control.bInterfaceNumber = ControlInterface();
+    control.bNumEndpoints = 1;
+    control.bInterfaceClass = usb::USB_CLASS_VIDEO;
+    control.bInterfaceSubClass = usb::UVC_SC_VIDEOCONTROL;
+    control.Append(c);
 
     const std::size_t vcAt = c.size();
-    Append(c, {static_cast<std::uint8_t>(12 + streams.size()), kClassInterface, 0x01});
-    Put16(c, bcdUVC);
-    Put16(c, 0);
-    Put32(c, dwClockFrequency);
+    c.insert(c.end(), {static_cast<std::uint8_t>(12 + streams.size()), USB_DT_CS_INTERFACE,
+                       usb::UVC_VC_HEADER});
+    AppendLe16(c, bcdUVC);
+    AppendLe16(c, 0);  // wTotalLength, set below
+    AppendLe32(c, dwClockFrequency);
     c.push_back(static_cast<std::uint8_t>(streams.size()));
     for (const StreamDescription& stream : streams) c.push_back(stream.bInterfaceNumber);
-    for (const uvc_camera_terminal_descriptor& t : cameraTerminals) {
-        DescriptorBytes d = {18, kClassInterface, 0x02, t.bTerminalID};
-        Put16(d, t.wTerminalType);
-        Append(d, {0, 0, 0, 0, 0, 0, 0, 0, 3});
-        Append(d, {static_cast<std::uint8_t>(t.bmControls),
-                   static_cast<std::uint8_t>(t.bmControls >> 8),
-                   static_cast<std::uint8_t>(t.bmControls >> 16)});
-        Append(c, d);
-    }
-    for (const uvc_processing_unit_descriptor& u : processingUnits) {
-        // From version 1.1 on the unit ends with bmVideoStandards.
-        DescriptorBytes d = {0, kClassInterface, 0x05, u.bUnitID, u.bSourceID, 0, 0, 2};
-        Put16(d, u.bmControls);
-        d.push_back(0);  // iProcessing
-        if (bcdUVC >= 0x0110) d.push_back(0);
-        d[0] = static_cast<std::uint8_t>(d.size());
-        Append(c, d);
-    }
-    for (const uvc_extension_unit_descriptor& u : extensionUnits) {
-        DescriptorBytes d = {26, kClassInterface, 0x06, u.bUnitID};
-        Append(d, DescriptorBytes(u.guidExtensionCode.begin(), u.guidExtensionCode.end()));
-        Append(d, {u.bNumControls, 1, u.baSourceID, 1, u.bmControls, 0});
-        Append(c, d);
-    }
-    for (const uvc_output_terminal_descriptor& t : outputTerminals) {
-        DescriptorBytes d = {9, kClassInterface, 0x03, t.bTerminalID};
-        Put16(d, t.wTerminalType);
-        Append(d, {0, t.bSourceID, 0});
-        Append(c, d);
-    }
-    PatchTotal(c, vcAt + 5, vcAt);
-    Append(c, {7, kEndpoint, bInterruptEndpoint, 0x03, 16, 0, 8});
-    Append(c, {5, kClassEndpoint, 0x03, 16, 0});
+    for (const auto& terminal : cameraTerminals) terminal.Append(c);
+    for (const auto& unit : processingUnits) unit.Append(c, bcdUVC);
+    for (const auto& unit : extensionUnits) unit.Append(c);
+    for (const auto& terminal : outputTerminals) terminal.Append(c);
+    SetTotal(c, vcAt + 5, vcAt);
+    usb::usb_endpoint_descriptor{bInterruptEndpoint, 0x03, 16, 8}.Append(c);
+    c.insert(c.end(), {5, usb::USB_DT_CS_ENDPOINT, usb::UVC_EP_INTERRUPT, 16, 0});
 
-    for (const StreamDescription& stream : streams) Append(c, StreamingInterface(stream));
-    PatchTotal(c, 2, 0);
+    for (const StreamDescription& stream : streams) stream.Append(c);
+    usb::usb_config_descriptor::SetTotalLength(c);
     return c;
 }
 
 DescriptorBytes CameraDescription::StringDescriptor(std::uint8_t index) const {
-    if (index == 0) return {4, 0x03, 0x09, 0x04};  // English (United States)
+    if (index == 0) return {4, usb::USB_DT_STRING, 0x09, 0x04};  // English (United States)
     const std::string* text = index == device.iManufacturer   ? &manufacturer
                               : index == device.iProduct      ? &product
                               : index == device.iSerialNumber ? &serialNumber
                                                               : nullptr;
     if (text == nullptr) return {};
-    DescriptorBytes out = {static_cast<std::uint8_t>(2 + 2 * text->size()), 0x03};
-    for (char c : *text) Put16(out, static_cast<unsigned char>(c));
+    DescriptorBytes out = {static_cast<std::uint8_t>(2 + 2 * text->size()), usb::USB_DT_STRING};
+    for (char c : *text) AppendLe16(out, static_cast<unsigned char>(c));
     return out;
 }
 

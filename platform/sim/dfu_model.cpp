@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "platform/sim/sim_world.h"
+#include "platform/usb_descriptors.h"
 
 namespace sim {
 namespace {
@@ -24,7 +25,6 @@ enum : std::uint8_t {
 constexpr std::uint8_t kStatusOk = 0x00;
 constexpr std::uint8_t kErrWrite = 0x03;
 constexpr std::uint8_t kErrStalledPacket = 0x0F;
-constexpr std::uint8_t kDfuClass = 254;
 constexpr std::uint16_t kVendorId = 0x3C5E;
 constexpr std::uint16_t kDfuProductId = 0x0F1C;
 constexpr std::uint16_t kDetachTimeoutMs = 1000;
@@ -57,48 +57,40 @@ const std::uint8_t kTakenInState[11] = {
     kStatus | kClear | kState,                                // dfuERROR
 };
 
-void PutWord(std::vector<std::uint8_t>& bytes, std::uint16_t value) {
-    bytes.push_back(static_cast<std::uint8_t>(value & 0xFF));
-    bytes.push_back(static_cast<std::uint8_t>(value >> 8));
-}
-
 }  // namespace
 
 SimDfuDevice::SimDfuDevice(SimWorld& world, DfuDeviceSpec spec, int cameraIndex)
     : world_(world), spec_(std::move(spec)), cameraIndex_(cameraIndex), state_(spec_.initialState) {
-    deviceDescriptor_ = {18, 1};
-    PutWord(deviceDescriptor_, 0x0200);  // bcdUSB
-    deviceDescriptor_.insert(deviceDescriptor_.end(), {0, 0, 0, 64});
-    PutWord(deviceDescriptor_, kVendorId);
-    PutWord(deviceDescriptor_, kDfuProductId);
-    PutWord(deviceDescriptor_, 0x0100);  // bcdDevice
-    deviceDescriptor_.insert(deviceDescriptor_.end(), {0, 0, 0, 1});
+    usb::usb_device_descriptor device;
+    device.idVendor = kVendorId;
+    device.idProduct = kDfuProductId;
+    device.Append(deviceDescriptor_);
 
-    const auto interfaceCount = static_cast<std::uint8_t>(spec_.interfaces.size());
-    configuration_ = {9, 2, 0, 0, interfaceCount, 1, 0, 0x80, 50};
+    usb::usb_config_descriptor config;
+    config.bNumInterfaces = static_cast<std::uint8_t>(spec_.interfaces.size());
+    config.bMaxPower = 50;
+    config.Append(configuration_);
     for (std::size_t i = 0; i < spec_.interfaces.size(); ++i) {
-        const std::uint8_t interfaceClass = spec_.interfaces[i];
-        const bool isDfu = interfaceClass == kDfuClass;
-        configuration_.insert(configuration_.end(),
-                              {9, 4, static_cast<std::uint8_t>(i), 0, 0, interfaceClass,
-                               static_cast<std::uint8_t>(isDfu ? 1 : 0),
-                               static_cast<std::uint8_t>(isDfu ? 2 : 0), 0});
+        const bool isDfu = spec_.interfaces[i] == usb::USB_CLASS_APP_SPEC;
+        usb::usb_interface_descriptor interface;
+        interface.bInterfaceNumber = static_cast<std::uint8_t>(i);
+        interface.bInterfaceClass = spec_.interfaces[i];
+        interface.bInterfaceSubClass = isDfu ? 1 : 0;  // device firmware upgrade
+        interface.bInterfaceProtocol = isDfu ? 2 : 0;  // DFU mode
+        interface.Append(configuration_);
         if (isDfu && dfuInterface_ < 0) {
             dfuInterface_ = static_cast<int>(i);
+            usb::usb_dfu_functional_descriptor functional;
             // bmAttributes: download capable; upload capable and manifestation tolerant when
             // the world says so.
-            const unsigned attributes =
-                1u | (spec_.canUpload ? 2u : 0u) | (spec_.manifestationTolerant ? 4u : 0u);
-            configuration_.insert(configuration_.end(),
-                                  {9, 0x21, static_cast<std::uint8_t>(attributes)});
-            PutWord(configuration_, kDetachTimeoutMs);
-            PutWord(configuration_, spec_.transferSize);
-            PutWord(configuration_, 0x0110);
+            functional.bmAttributes = static_cast<std::uint8_t>(
+                1u | (spec_.canUpload ? 2u : 0u) | (spec_.manifestationTolerant ? 4u : 0u));
+            functional.wDetachTimeOut = kDetachTimeoutMs;
+            functional.wTransferSize = spec_.transferSize;
+            functional.Append(configuration_);
         }
     }
-    const auto total = static_cast<std::uint16_t>(configuration_.size());
-    configuration_[2] = static_cast<std::uint8_t>(total & 0xFF);
-    configuration_[3] = static_cast<std::uint8_t>(total >> 8);
+    usb::usb_config_descriptor::SetTotalLength(configuration_);
 }
 
 platform::ErrorCode SimDfuDevice::GetDescriptor(std::uint8_t type, std::uint8_t index,
@@ -106,8 +98,8 @@ platform::ErrorCode SimDfuDevice::GetDescriptor(std::uint8_t type, std::uint8_t 
                                                 std::uint32_t* transferred) {
     *transferred = 0;
     const std::vector<std::uint8_t>* descriptor = nullptr;
-    if (type == 1 && index == 0) descriptor = &deviceDescriptor_;
-    if (type == 2 && index == 0) descriptor = &configuration_;
+    if (type == usb::USB_DT_DEVICE && index == 0) descriptor = &deviceDescriptor_;
+    if (type == usb::USB_DT_CONFIG && index == 0) descriptor = &configuration_;
     if (descriptor == nullptr) return ERROR_GEN_FAILURE;
     const auto count = std::min<std::uint32_t>(length, descriptor->size());
     if (count > 0 && buffer == nullptr) return ERROR_INVALID_PARAMETER;
@@ -180,7 +172,7 @@ platform::ErrorCode SimDfuDevice::StandardRequest(const platform::UsbSetupPacket
                                                   std::uint8_t* buffer,
                                                   std::uint32_t* transferred) {
     // Chapter 9 requests leave the DFU state alone; what the device does not support it stalls.
-    if (setup.requestType == 0x80 && setup.request == 6) {  // GET_DESCRIPTOR
+    if (setup.requestType == 0x80 && setup.request == usb::USB_REQ_GET_DESCRIPTOR) {
         return GetDescriptor(static_cast<std::uint8_t>(setup.value >> 8),
                              static_cast<std::uint8_t>(setup.value & 0xFF), buffer, setup.length,
                              transferred);
