@@ -36,10 +36,6 @@ constexpr std::uint32_t kSet = 0x2;
 constexpr std::uint32_t kSetSupport = 0x100;
 constexpr std::uint32_t kTopology = 0x10000000;
 
-constexpr std::uint8_t kUvcSetCur = 0x01;
-constexpr std::uint8_t kUvcGetCur = 0x81;
-constexpr std::uint8_t kUvcGetLen = 0x85;
-constexpr std::uint8_t kUvcGetInfo = 0x86;
 constexpr std::uint8_t kInfoSupportsSet = 0x02;
 
 // Long enough for a device that is busy writing flash; short enough not to hang the tool.
@@ -84,7 +80,7 @@ class UsbfsConnection final : public UsbDeviceConnection {
                             std::uint32_t* transferred) override {
         UsbSetupPacket setup;
         setup.requestType = 0x80;
-        setup.request = 6;  // GET_DESCRIPTOR
+        setup.request = usb::USB_REQ_GET_DESCRIPTOR;
         setup.value = static_cast<std::uint16_t>((type << 8) | index);
         setup.index = language;
         setup.length = static_cast<std::uint16_t>(length > 0xFFFF ? 0xFFFF : length);
@@ -194,14 +190,14 @@ class V4l2Connection final : public VideoDeviceConnection {
 
         if (request == kSetSupport) {
             std::uint8_t info = 0;
-            const ErrorCode error = Query(unit.id, selector, kUvcGetInfo, &info, 1);
+            const ErrorCode error = Query(unit.id, selector, usb::UVC_GET_INFO, &info, 1);
             if (error != ERROR_SUCCESS) return HResultFromError(error);
             return (info & kInfoSupportsSet) ? S_OK : HResultFromError(ERROR_NOT_SUPPORTED);
         }
         if (request != kGet && request != kSet) return HResultFromError(ERROR_NOT_SUPPORTED);
 
         std::uint8_t lengthBytes[2] = {};
-        ErrorCode error = Query(unit.id, selector, kUvcGetLen, lengthBytes, 2);
+        ErrorCode error = Query(unit.id, selector, usb::UVC_GET_LEN, lengthBytes, 2);
         if (error != ERROR_SUCCESS) return HResultFromError(error);
         const std::uint32_t size = usb::Le16(lengthBytes);
         if (request == kGet) {
@@ -210,13 +206,13 @@ class V4l2Connection final : public VideoDeviceConnection {
                 *returned = size;
                 return HResultFromError(ERROR_INSUFFICIENT_BUFFER);
             }
-            error = Query(unit.id, selector, kUvcGetCur, data, size);
+            error = Query(unit.id, selector, usb::UVC_GET_CUR, data, size);
             if (error != ERROR_SUCCESS) return HResultFromError(error);
             *returned = size;
             return S_OK;
         }
         if (data == nullptr || length < size) return HResultFromError(ERROR_INVALID_PARAMETER);
-        error = Query(unit.id, selector, kUvcSetCur, data, size);
+        error = Query(unit.id, selector, usb::UVC_SET_CUR, data, size);
         return error == ERROR_SUCCESS ? S_OK : HResultFromError(error);
     }
 

@@ -10,6 +10,7 @@
 
 #include "platform/ks.h"
 #include "platform/sim/sim_world.h"
+#include "platform/usb_descriptors.h"
 
 namespace sim {
 namespace {
@@ -22,12 +23,6 @@ constexpr std::uint32_t kSet = 0x2;
 constexpr std::uint32_t kSetSupport = 0x100;
 constexpr std::uint32_t kTopology = 0x10000000;
 
-// UVC class requests (UVC 1.5, table A-8).
-constexpr std::uint8_t kSetCur = 0x01;
-constexpr std::uint8_t kGetCur = 0x81;
-constexpr std::uint8_t kGetLen = 0x85;
-constexpr std::uint8_t kGetInfo = 0x86;
-
 constexpr std::uint32_t kFrameSize = 1024;
 constexpr std::uint32_t kHeaderLength = 20;  // opcode and four parameters
 constexpr std::uint32_t kDeviceInfoCommand = 0x10;
@@ -36,15 +31,12 @@ constexpr std::size_t kDeviceInfoSize = 230;
 constexpr std::uint64_t kInfoPauseMs = 100;
 constexpr std::uint32_t kRestartUnreadMs = 1000;
 
-std::uint32_t Le32(const std::uint8_t* bytes) {
-    return bytes[0] | (bytes[1] << 8) | (bytes[2] << 16) |
-           (static_cast<std::uint32_t>(bytes[3]) << 24);
-}
-
-void PutLe32(std::vector<std::uint8_t>& out, std::uint32_t value) {
-    for (int shift = 0; shift < 32; shift += 8)
-        out.push_back(static_cast<std::uint8_t>(value >> shift));
-}
+using usb::AppendLe32;
+using usb::Le32;
+using usb::UVC_GET_CUR;
+using usb::UVC_GET_INFO;
+using usb::UVC_GET_LEN;
+using usb::UVC_SET_CUR;
 
 HRESULT Error(DWORD code) {
     return platform::HResultFromError(code);
@@ -148,11 +140,11 @@ HRESULT SimCamera::NodeProperty(std::uint32_t node, const GUID& propertySet, std
     // control's length and sends or reads exactly that many bytes.
     std::uint8_t lengthBytes[2] = {};
     std::uint32_t got = 0;
-    UnitRequest(kGetLen, static_cast<std::uint8_t>(id), lengthBytes, 2, &got);
-    const std::uint32_t controlLength = lengthBytes[0] | (lengthBytes[1] << 8);
+    UnitRequest(UVC_GET_LEN, static_cast<std::uint8_t>(id), lengthBytes, 2, &got);
+    const std::uint32_t controlLength = usb::Le16(lengthBytes);
     if (request == kSet) {
         if (data == nullptr || length != controlLength) return Error(ERROR_INVALID_PARAMETER);
-        if (!UnitRequest(kSetCur, static_cast<std::uint8_t>(id), data, length, returned)) {
+        if (!UnitRequest(UVC_SET_CUR, static_cast<std::uint8_t>(id), data, length, returned)) {
             return Error(ERROR_GEN_FAILURE);
         }
         return S_OK;
@@ -162,7 +154,8 @@ HRESULT SimCamera::NodeProperty(std::uint32_t node, const GUID& propertySet, std
             *returned = controlLength;
             return Error(ERROR_INSUFFICIENT_BUFFER);
         }
-        return UnitRequest(kGetCur, static_cast<std::uint8_t>(id), data, controlLength, returned)
+        return UnitRequest(UVC_GET_CUR, static_cast<std::uint8_t>(id), data, controlLength,
+                           returned)
                    ? S_OK
                    : Error(ERROR_GEN_FAILURE);
     }
@@ -174,23 +167,23 @@ bool SimCamera::UnitRequest(std::uint8_t request, std::uint8_t selector, std::ui
     *returned = 0;
     if (!spec_.lynx || selector != 1) return false;
     switch (request) {
-        case kGetInfo:  // supports GET and SET
+        case UVC_GET_INFO:  // supports GET and SET
             if (length != 1) return false;
             data[0] = 0x03;
             *returned = 1;
             return true;
-        case kGetLen:
+        case UVC_GET_LEN:
             if (length != 2) return false;
             data[0] = kFrameSize & 0xFF;
             data[1] = kFrameSize >> 8;
             *returned = 2;
             return true;
-        case kSetCur:
+        case UVC_SET_CUR:
             // The control is exactly one frame long; the device stalls anything else.
             if (length != kFrameSize || !RunCommand(data)) return false;
             *returned = kFrameSize;
             return true;
-        case kGetCur:
+        case UVC_GET_CUR:
             return length == kFrameSize && ReadReply(data, returned);
         default:
             return false;
@@ -245,7 +238,7 @@ bool SimCamera::RunCommand(const std::uint8_t* frame) {
     // The commands it knows carry no data, so their length is the header's and their
     // parameters are fixed; the bytes after the data mean nothing to it. Anything else is not
     // a command of this firmware, and it answers nothing.
-    const std::uint32_t length = frame[0] | (frame[1] << 8);
+    const std::uint32_t length = usb::Le16(frame);
     const std::uint32_t parameters[4] = {Le32(frame + 8), Le32(frame + 12), Le32(frame + 16),
                                          Le32(frame + 20)};
     if (frame[2] != 0xAB || frame[3] != 0xCD || length != kHeaderLength || parameters[1] != 0 ||
@@ -258,7 +251,7 @@ bool SimCamera::RunCommand(const std::uint8_t* frame) {
             ++failedInfoExchanges_;
             return true;
         }
-        PutLe32(reply_, opcode);
+        AppendLe32(reply_, opcode);
         // The block's other fields carry non-zero values, so that a version read from the
         // wrong place shows.
         std::array<std::uint8_t, kDeviceInfoSize> info{};
@@ -276,7 +269,7 @@ bool SimCamera::RunCommand(const std::uint8_t* frame) {
     if (opcode == kSwitchToDfuCommand && parameters[0] == 1 && spec_.dfu) {
         // It answers at once and restarts after its answer is read, or after a second
         // when nobody reads it.
-        PutLe32(reply_, opcode);
+        AppendLe32(reply_, opcode);
         replyReadyMs_ = 0;
         leaveAfterReply_ = true;
         const std::uint32_t generation = generation_;
