@@ -17,6 +17,7 @@
 #include <map>
 #include <set>
 
+#include "platform/common/wide_stream.h"
 #include "platform/linux/camera_functions.h"
 #include "platform/linux/settings_store.h"
 #include "platform/linux/sysfs.h"
@@ -239,31 +240,6 @@ class V4l2Connection final : public VideoDeviceConnection {
     std::map<std::uint8_t, std::size_t> unitNode_;
 };
 
-std::wstring WidenUtf8(const std::string& text) {
-    std::wstring out;
-    for (std::size_t i = 0; i < text.size();) {
-        const auto c = static_cast<unsigned char>(text[i]);
-        unsigned code = c;
-        std::size_t extra = 0;
-        if (c >= 0xF0)
-            code = c & 0x07, extra = 3;
-        else if (c >= 0xE0)
-            code = c & 0x0F, extra = 2;
-        else if (c >= 0xC0)
-            code = c & 0x1F, extra = 1;
-        if (extra > 0 && i + extra >= text.size()) {
-            out.push_back(L'?');
-            break;
-        }
-        for (std::size_t k = 1; k <= extra; ++k) {
-            code = (code << 6) | (static_cast<unsigned char>(text[i + k]) & 0x3F);
-        }
-        out.push_back(static_cast<wchar_t>(code));
-        i += extra + 1;
-    }
-    return out;
-}
-
 class LinuxBackend final : public DeviceBackend {
   public:
     explicit LinuxBackend(LinuxPaths paths)
@@ -413,7 +389,7 @@ class LinuxBackend final : public DeviceBackend {
         node.usbDeviceDir = usbDir;
         // The V4L2 card name is cut at 31 characters; the product string is whole.
         const auto product = ReadAttribute(usbDir + "/product");
-        node.friendlyName = WidenUtf8(
+        node.friendlyName = Utf8ToWide(
             product && !product->empty() ? *product : reinterpret_cast<const char*>(caps.card));
         return node;
     }

@@ -6,15 +6,13 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/common/wide_stream.h"
+
 namespace platform::linux_hw {
 namespace {
 
 constexpr std::wstring_view kUsbDeviceClass = L"{a5dcbf10-6530-11d2-901f-00c04fb951ed}";
 constexpr std::wstring_view kCameraClass = L"{e5323777-f976-4f5b-9b55-b94699c46e44}";
-
-std::wstring Widen(std::string_view text) {
-    return std::wstring(text.begin(), text.end());
-}
 
 std::string LowerAscii(const std::wstring& text, bool* ascii) {
     std::string out;
@@ -100,7 +98,7 @@ std::wstring HardwareAndInstance(const UsbDeviceAddress& address, const char* in
                   address.productId, interfacePart);
     char number[16];
     std::snprintf(number, sizeof number, "&%03u", address.deviceNumber % 1000);
-    return Widen(hardware) + Widen(address.sysName) + Widen(number) + L"#";
+    return Utf8ToWide(hardware) + Utf8ToWide(address.sysName) + Utf8ToWide(number) + L"#";
 }
 
 }  // namespace
@@ -133,7 +131,7 @@ std::wstring BuildVideoLink(const UsbDeviceAddress& address, std::uint8_t interf
     char interfacePart[16];
     std::snprintf(interfacePart, sizeof interfacePart, "&MI_%02X", interfaceNumber);
     return HardwareAndInstance(address, interfacePart) + std::wstring(kCameraClass) + L"\\" +
-           Widen(nodeName);
+           Utf8ToWide(nodeName);
 }
 
 std::optional<VideoLink> ParseVideoLink(const std::wstring& link) {

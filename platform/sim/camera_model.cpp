@@ -283,7 +283,7 @@ bool SimCamera::RunCommand(const std::uint8_t* frame) {
 nlohmann::json SimCamera::Dump() const {
     nlohmann::json commands = nlohmann::json::object();
     for (const auto& [opcode, count] : exchanges_) commands[std::to_string(opcode)] = count;
-    return {{"name", Narrow(spec_.name)},
+    return {{"name", WideToUtf8(spec_.name)},
             {"firmware", FormatVersion(firmware)},
             {"present", present},
             {"commands", commands}};

@@ -356,7 +356,7 @@ void SimDfuDevice::EndManifest() {
 
 nlohmann::json SimDfuDevice::Dump() const {
     nlohmann::json entry = {
-        {"link", Narrow(Link())}, {"present", present}, {"state", DfuStateName(state_)}};
+        {"link", WideToUtf8(Link())}, {"present", present}, {"state", DfuStateName(state_)}};
     if (detachTimeout_) entry["detachTimeoutMs"] = *detachTimeout_;
     nlohmann::json requests = nlohmann::json::object();
     for (std::uint8_t r = 0; r < 7; ++r) {

@@ -17,24 +17,6 @@ std::wstring Lower(std::wstring text) {
     return text;
 }
 
-std::vector<std::uint8_t> Utf16Bytes(const std::wstring& text) {
-    std::vector<std::uint8_t> bytes;
-    for (wchar_t ch : text) {
-        const auto unit = static_cast<std::uint32_t>(ch);
-        bytes.push_back(static_cast<std::uint8_t>(unit & 0xFF));
-        bytes.push_back(static_cast<std::uint8_t>((unit >> 8) & 0xFF));
-    }
-    return bytes;
-}
-
-std::string Utf16BytesToUtf8(const std::vector<std::uint8_t>& bytes) {
-    std::wstring text;
-    for (std::size_t i = 0; i + 1 < bytes.size(); i += 2) {
-        text.push_back(static_cast<wchar_t>(bytes[i] | (bytes[i + 1] << 8)));
-    }
-    return Narrow(text);
-}
-
 }  // namespace
 
 std::uint32_t Crc32(std::uint32_t crc, const std::uint8_t* data, std::size_t length) {
@@ -58,7 +40,8 @@ SimWorld::SimWorld(WorldSpec spec) : spec_(std::move(spec)) {
             std::make_unique<SimCamera>(*this, spec_.cameras[i], static_cast<int>(i)));
     }
     if (spec_.registry.dfuAutoMode) {
-        registry_[kServiceKey][kAutoModeValue] = {kRegSz, Utf16Bytes(*spec_.registry.dfuAutoMode)};
+        registry_[kServiceKey][kAutoModeValue] = {
+            kRegSz, platform::WideToUtf16Le(*spec_.registry.dfuAutoMode)};
     }
     eventThread_ = std::thread([this] { RunEvents(); });
     std::lock_guard lock(mutex_);
@@ -362,7 +345,8 @@ nlohmann::json SimWorld::DumpState() const {
             nlohmann::json entry;
             entry["type"] = value->second.type;
             entry["bytes"] = value->second.bytes.size();
-            entry["text"] = Utf16BytesToUtf8(value->second.bytes);
+            entry["text"] =
+                platform::Utf16LeToUtf8(value->second.bytes.data(), value->second.bytes.size());
             state["registry"]["DFUAutoMode"] = entry;
         }
     }
@@ -378,7 +362,7 @@ nlohmann::json SimWorld::DumpState() const {
     for (const auto& download : downloads_) {
         char crc[9];
         std::snprintf(crc, sizeof crc, "%08x", download.crc32);
-        state["downloads"].push_back({{"link", Narrow(download.link)},
+        state["downloads"].push_back({{"link", WideToUtf8(download.link)},
                                       {"blocks", download.blocks},
                                       {"bytes", download.bytes},
                                       {"crc32", crc},

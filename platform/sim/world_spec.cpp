@@ -11,7 +11,6 @@
 #include <set>
 #include <sstream>
 
-#include "platform/common/wide_stream.h"
 #include "platform/sim/camera_description.h"
 
 namespace sim {
@@ -60,7 +59,7 @@ std::wstring Text(const json& value, const std::string& where, bool allowEmpty) 
     if (!value.is_string()) Fail(where, "must be a string");
     const auto text = value.get<std::string>();
     if (!allowEmpty && text.empty()) Fail(where, "must not be empty");
-    return Widen(text);
+    return Utf8ToWide(text);
 }
 
 bool Bool(const json& value, const std::string& where) {
@@ -501,39 +500,6 @@ WorldSpec DefaultWorld() {
 std::string FormatVersion(const FirmwareVersion& v) {
     return std::to_string(v[0]) + "." + std::to_string(v[1]) + "." + std::to_string(v[2]) + "." +
            std::to_string(v[3]);
-}
-
-std::wstring Widen(const std::string& utf8) {
-    std::wstring out;
-    std::size_t i = 0;
-    while (i < utf8.size()) {
-        const auto byte = static_cast<unsigned char>(utf8[i]);
-        char32_t cp = 0xFFFD;
-        std::size_t length = 1;
-        if (byte < 0x80) {
-            cp = byte;
-        } else if ((byte >> 5) == 0x6 && i + 1 < utf8.size()) {
-            cp = ((byte & 0x1Fu) << 6) | (static_cast<unsigned char>(utf8[i + 1]) & 0x3Fu);
-            length = 2;
-        } else if ((byte >> 4) == 0xE && i + 2 < utf8.size()) {
-            cp = ((byte & 0x0Fu) << 12) | ((static_cast<unsigned char>(utf8[i + 1]) & 0x3Fu) << 6) |
-                 (static_cast<unsigned char>(utf8[i + 2]) & 0x3Fu);
-            length = 3;
-        } else if ((byte >> 3) == 0x1E && i + 3 < utf8.size()) {
-            cp = ((byte & 0x07u) << 18) |
-                 ((static_cast<unsigned char>(utf8[i + 1]) & 0x3Fu) << 12) |
-                 ((static_cast<unsigned char>(utf8[i + 2]) & 0x3Fu) << 6) |
-                 (static_cast<unsigned char>(utf8[i + 3]) & 0x3Fu);
-            length = 4;
-        }
-        out.push_back(static_cast<wchar_t>(cp));
-        i += length;
-    }
-    return out;
-}
-
-std::string Narrow(const std::wstring& wide) {
-    return platform::WideToUtf8(wide);
 }
 
 }  // namespace sim

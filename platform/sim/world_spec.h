@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/common/wide_stream.h"
 #include "platform/linux/uvc_descriptors.h"
 
 namespace sim {
@@ -149,7 +150,8 @@ WorldSpec DefaultWorld();
 std::string FormatVersion(const FirmwareVersion& version);
 // "a.b.c.d" with parts 0 to 255; throws WorldError naming `where` otherwise.
 FirmwareVersion ParseVersion(const std::string& text, const std::string& where);
-std::wstring Widen(const std::string& utf8);
-std::string Narrow(const std::wstring& wide);
+// Names and links travel as UTF-8 in world files and state dumps.
+using platform::Utf8ToWide;
+using platform::WideToUtf8;
 
 }  // namespace sim

@@ -19,7 +19,7 @@ using usb::Le32;
 Camera::Camera(sim::SimWorld& world, std::size_t index) : world_(world), index_(index) {
     {
         std::lock_guard lock(world_.Lock());
-        description_ = sim::LynxDepthCamera(sim::Narrow(world_.Cameras()[index_]->Spec().name));
+        description_ = sim::LynxDepthCamera(sim::WideToUtf8(world_.Cameras()[index_]->Spec().name));
     }
     for (const sim::StreamDescription& stream : description_.streams) {
         streams_.emplace_back(stream, description_.bcdUVC, description_.dwClockFrequency);
