@@ -12,20 +12,14 @@ namespace {
 using Frame = std::array<std::uint8_t, kCommandFrameSize>;
 
 using usb::Le32;
-using usb::StoreLe16;
-using usb::StoreLe32;
 // The header of a frame; the bytes after the header and data stay zero.
 void FillHeader(Frame& frame, std::size_t dataLength, std::uint32_t opcode,
                 std::uint32_t parameter1, std::uint32_t parameter2, std::uint32_t parameter3,
                 std::uint32_t parameter4) {
-    StoreLe16(&frame[0], static_cast<std::uint16_t>(20 + dataLength));
+    usb::StoreLe(&frame[0], static_cast<std::uint16_t>(20 + dataLength));
     frame[2] = 0xAB;
     frame[3] = 0xCD;
-    StoreLe32(&frame[4], opcode);
-    StoreLe32(&frame[8], parameter1);
-    StoreLe32(&frame[12], parameter2);
-    StoreLe32(&frame[16], parameter3);
-    StoreLe32(&frame[20], parameter4);
+    usb::StoreLe(&frame[4], opcode, parameter1, parameter2, parameter3, parameter4);
 }
 
 }  // namespace

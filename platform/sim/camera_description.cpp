@@ -3,77 +3,73 @@
 namespace sim {
 namespace {
 
-using usb::AppendLe16;
-using usb::AppendLe32;
+using usb::AppendLe;
 using usb::USB_DT_CS_INTERFACE;
+using U8 = std::uint8_t;
+using U16 = std::uint16_t;
+using U32 = std::uint32_t;
 
 // Sets the 16-bit total at `at` to the bytes from `from` to the end.
 void SetTotal(DescriptorBytes& out, std::size_t at, std::size_t from) {
-    usb::StoreLe16(&out[at], static_cast<std::uint16_t>(out.size() - from));
+    usb::StoreLe(&out[at], static_cast<U16>(out.size() - from));
 }
 
-void AppendBytes(DescriptorBytes& out, const std::array<std::uint8_t, 16>& guid) {
+void AppendGuid(DescriptorBytes& out, const std::array<U8, 16>& guid) {
     out.insert(out.end(), guid.begin(), guid.end());
 }
 
 }  // namespace
 
 void uvc_camera_terminal_descriptor::Append(DescriptorBytes& out) const {
-    out.insert(out.end(), {18, USB_DT_CS_INTERFACE, usb::UVC_VC_INPUT_TERMINAL, bTerminalID});
-    AppendLe16(out, wTerminalType);
-    // No associated terminal, no name, no optics; then bControlSize 3 and bmControls.
-    out.insert(out.end(), {0, 0, 0, 0, 0, 0, 0, 0, 3});
-    AppendLe16(out, static_cast<std::uint16_t>(bmControls));
-    out.push_back(static_cast<std::uint8_t>(bmControls >> 16));
+    // No associated terminal, no name, no optics; bControlSize 3, then bmControls.
+    AppendLe(out, U8{18}, USB_DT_CS_INTERFACE, usb::UVC_VC_INPUT_TERMINAL, bTerminalID,
+             wTerminalType, U8{0}, U8{0}, U16{0}, U16{0}, U16{0}, U8{3},
+             static_cast<U16>(bmControls), static_cast<U8>(bmControls >> 16));
 }
 
-void uvc_processing_unit_descriptor::Append(DescriptorBytes& out, std::uint16_t bcdUVC) const {
+void uvc_processing_unit_descriptor::Append(DescriptorBytes& out, U16 bcdUVC) const {
     // From version 1.1 on the unit ends with bmVideoStandards.
-    const std::uint8_t bLength = bcdUVC >= 0x0110 ? 12 : 11;
-    // wMaxMultiplier 0, bControlSize 2, then bmControls and iProcessing.
-    out.insert(out.end(), {bLength, USB_DT_CS_INTERFACE, usb::UVC_VC_PROCESSING_UNIT, bUnitID,
-                           bSourceID, 0, 0, 2});
-    AppendLe16(out, bmControls);
-    out.push_back(0);
-    if (bcdUVC >= 0x0110) out.push_back(0);
+    const bool standards = bcdUVC >= 0x0110;
+    // wMaxMultiplier 0, bControlSize 2, bmControls, iProcessing 0.
+    AppendLe(out, static_cast<U8>(standards ? 12 : 11), USB_DT_CS_INTERFACE,
+             usb::UVC_VC_PROCESSING_UNIT, bUnitID, bSourceID, U16{0}, U8{2}, bmControls, U8{0});
+    if (standards) out.push_back(0);
 }
 
 void uvc_extension_unit_descriptor::Append(DescriptorBytes& out) const {
-    out.insert(out.end(), {26, USB_DT_CS_INTERFACE, usb::UVC_VC_EXTENSION_UNIT, bUnitID});
-    AppendBytes(out, guidExtensionCode);
-    // bNrInPins 1, then bControlSize 1 and iExtension 0.
-    out.insert(out.end(), {bNumControls, 1, baSourceID, 1, bmControls, 0});
+    AppendLe(out, U8{26}, USB_DT_CS_INTERFACE, usb::UVC_VC_EXTENSION_UNIT, bUnitID);
+    AppendGuid(out, guidExtensionCode);
+    // One input pin; bControlSize 1, bmControls, iExtension 0.
+    AppendLe(out, bNumControls, U8{1}, baSourceID, U8{1}, bmControls, U8{0});
 }
 
 void uvc_output_terminal_descriptor::Append(DescriptorBytes& out) const {
-    out.insert(out.end(), {9, USB_DT_CS_INTERFACE, usb::UVC_VC_OUTPUT_TERMINAL, bTerminalID});
-    AppendLe16(out, wTerminalType);
-    out.insert(out.end(), {0, bSourceID, 0});
+    AppendLe(out, U8{9}, USB_DT_CS_INTERFACE, usb::UVC_VC_OUTPUT_TERMINAL, bTerminalID,
+             wTerminalType, U8{0}, bSourceID, U8{0});
 }
 
-void uvc_frame_uncompressed::Append(DescriptorBytes& out, std::uint8_t bFrameIndex,
-                                    std::uint8_t bBitsPerPixel) const {
-    const auto bFrameIntervalType = static_cast<std::uint8_t>(dwFrameInterval.size());
-    out.insert(out.end(), {static_cast<std::uint8_t>(26 + 4 * bFrameIntervalType),
-                           USB_DT_CS_INTERFACE, usb::UVC_VS_FRAME_UNCOMPRESSED, bFrameIndex, 0});
-    AppendLe16(out, wWidth);
-    AppendLe16(out, wHeight);
-    const std::uint32_t bytes = wWidth * wHeight * bBitsPerPixel / 8u;
-    AppendLe32(out, static_cast<std::uint32_t>(bytes * 8ull * 10000000 / dwFrameInterval.front()));
-    AppendLe32(out, static_cast<std::uint32_t>(bytes * 8ull * 10000000 / dwFrameInterval.back()));
-    AppendLe32(out, bytes);  // dwMaxVideoFrameBufferSize
-    AppendLe32(out, dwFrameInterval.front());
-    out.push_back(bFrameIntervalType);
-    for (std::uint32_t interval : dwFrameInterval) AppendLe32(out, interval);
+void uvc_frame_uncompressed::Append(DescriptorBytes& out, U8 bFrameIndex, U8 bBitsPerPixel) const {
+    const auto bFrameIntervalType = static_cast<U8>(dwFrameInterval.size());
+    const U32 bytes = wWidth * wHeight * bBitsPerPixel / 8u;
+    const auto bitRate = [&](U32 interval) {
+        return static_cast<U32>(bytes * 8ull * 10000000 / interval);
+    };
+    // bmCapabilities 0; dwMinBitRate, dwMaxBitRate, dwMaxVideoFrameBufferSize,
+    // dwDefaultFrameInterval; then the intervals.
+    AppendLe(out, static_cast<U8>(26 + 4 * bFrameIntervalType), USB_DT_CS_INTERFACE,
+             usb::UVC_VS_FRAME_UNCOMPRESSED, bFrameIndex, U8{0}, wWidth, wHeight,
+             bitRate(dwFrameInterval.front()), bitRate(dwFrameInterval.back()), bytes,
+             dwFrameInterval.front(), bFrameIntervalType);
+    for (U32 interval : dwFrameInterval) AppendLe(out, interval);
 }
 
 void uvc_format_uncompressed::Append(DescriptorBytes& out) const {
-    out.insert(out.end(), {27, USB_DT_CS_INTERFACE, usb::UVC_VS_FORMAT_UNCOMPRESSED, 1,
-                           static_cast<std::uint8_t>(frames.size())});
-    AppendBytes(out, guidFormat);
+    AppendLe(out, U8{27}, USB_DT_CS_INTERFACE, usb::UVC_VS_FORMAT_UNCOMPRESSED, U8{1},
+             static_cast<U8>(frames.size()));
+    AppendGuid(out, guidFormat);
     // Default frame 1, no aspect ratio, progressive, no copy protection.
-    out.insert(out.end(), {bBitsPerPixel, 1, 0, 0, 0, 0});
-    std::uint8_t index = 1;
+    AppendLe(out, bBitsPerPixel, U8{1}, U8{0}, U8{0}, U8{0}, U8{0});
+    U8 index = 1;
     for (const uvc_frame_uncompressed& frame : frames) frame.Append(out, index++, bBitsPerPixel);
 }
 
@@ -86,11 +82,11 @@ void StreamDescription::Append(DescriptorBytes& out) const {
     interface.Append(out);
     const std::size_t headerAt = out.size();
     // Input header: one format, no still capture, no triggers.
-    out.insert(out.end(), {14, USB_DT_CS_INTERFACE, usb::UVC_VS_INPUT_HEADER, 1, 0, 0,
-                           bEndpointAddress, 0, bTerminalLink, 0, 0, 0, 1, 0});
+    AppendLe(out, U8{14}, USB_DT_CS_INTERFACE, usb::UVC_VS_INPUT_HEADER, U8{1}, U16{0},
+             bEndpointAddress, U8{0}, bTerminalLink, U8{0}, U8{0}, U8{0}, U8{1}, U8{0});
     format.Append(out);
     // sRGB primaries and transfer, BT.601 matrix: what the kernel assumes for YUV anyway.
-    out.insert(out.end(), {6, USB_DT_CS_INTERFACE, usb::UVC_VS_COLORFORMAT, 1, 1, 4});
+    AppendLe(out, U8{6}, USB_DT_CS_INTERFACE, usb::UVC_VS_COLORFORMAT, U8{1}, U8{1}, U8{4});
     SetTotal(out, headerAt + 4, headerAt);
     // Bulk: the whole payload travels in transfers of the negotiated size.
     usb::usb_endpoint_descriptor{bEndpointAddress, 0x02, 512, 0}.Append(out);
@@ -124,12 +120,9 @@ DescriptorBytes CameraDescription::ConfigurationDescriptor() const {
     control.Append(c);
 
     const std::size_t vcAt = c.size();
-    c.insert(c.end(), {static_cast<std::uint8_t>(12 + streams.size()), USB_DT_CS_INTERFACE,
-                       usb::UVC_VC_HEADER});
-    AppendLe16(c, bcdUVC);
-    AppendLe16(c, 0);  // wTotalLength, set below
-    AppendLe32(c, dwClockFrequency);
-    c.push_back(static_cast<std::uint8_t>(streams.size()));
+    // wTotalLength is set once the units are in.
+    AppendLe(c, static_cast<U8>(12 + streams.size()), USB_DT_CS_INTERFACE, usb::UVC_VC_HEADER,
+             bcdUVC, U16{0}, dwClockFrequency, static_cast<U8>(streams.size()));
     for (const StreamDescription& stream : streams) c.push_back(stream.bInterfaceNumber);
     for (const auto& terminal : cameraTerminals) terminal.Append(c);
     for (const auto& unit : processingUnits) unit.Append(c, bcdUVC);
@@ -137,7 +130,7 @@ DescriptorBytes CameraDescription::ConfigurationDescriptor() const {
     for (const auto& terminal : outputTerminals) terminal.Append(c);
     SetTotal(c, vcAt + 5, vcAt);
     usb::usb_endpoint_descriptor{bInterruptEndpoint, 0x03, 16, 8}.Append(c);
-    c.insert(c.end(), {5, usb::USB_DT_CS_ENDPOINT, usb::UVC_EP_INTERRUPT, 16, 0});
+    AppendLe(c, U8{5}, usb::USB_DT_CS_ENDPOINT, usb::UVC_EP_INTERRUPT, U16{16});
 
     for (const StreamDescription& stream : streams) stream.Append(c);
     usb::usb_config_descriptor::SetTotalLength(c);
@@ -152,7 +145,7 @@ DescriptorBytes CameraDescription::StringDescriptor(std::uint8_t index) const {
                                                               : nullptr;
     if (text == nullptr) return {};
     DescriptorBytes out = {static_cast<std::uint8_t>(2 + 2 * text->size()), usb::USB_DT_STRING};
-    for (char c : *text) AppendLe16(out, static_cast<unsigned char>(c));
+    for (char c : *text) AppendLe(out, U16{static_cast<unsigned char>(c)});
     return out;
 }
 

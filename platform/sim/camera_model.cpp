@@ -31,7 +31,7 @@ constexpr std::size_t kDeviceInfoSize = 230;
 constexpr std::uint64_t kInfoPauseMs = 100;
 constexpr std::uint32_t kRestartUnreadMs = 1000;
 
-using usb::AppendLe32;
+using usb::AppendLe;
 using usb::Le32;
 using usb::UVC_GET_CUR;
 using usb::UVC_GET_INFO;
@@ -251,7 +251,7 @@ bool SimCamera::RunCommand(const std::uint8_t* frame) {
             ++failedInfoExchanges_;
             return true;
         }
-        AppendLe32(reply_, opcode);
+        AppendLe(reply_, opcode);
         // The block's other fields carry non-zero values, so that a version read from the
         // wrong place shows.
         std::array<std::uint8_t, kDeviceInfoSize> info{};
@@ -269,7 +269,7 @@ bool SimCamera::RunCommand(const std::uint8_t* frame) {
     if (opcode == kSwitchToDfuCommand && parameters[0] == 1 && spec_.dfu) {
         // It answers at once and restarts after its answer is read, or after a second
         // when nobody reads it.
-        AppendLe32(reply_, opcode);
+        AppendLe(reply_, opcode);
         replyReadyMs_ = 0;
         leaveAfterReply_ = true;
         const std::uint32_t generation = generation_;

@@ -64,7 +64,7 @@ void DrawPattern(Bytes& frame, unsigned width, unsigned height, bool depth, std:
                                     : what == kBox ? 3000
                                     : what == kBar ? 700
                                                    : 1000 + y * 2000 / height;
-                usb::StoreLe16(p, static_cast<std::uint16_t>(mm));
+                usb::StoreLe(p, static_cast<std::uint16_t>(mm));
             } else {
                 // YUYV: luma per pixel, the pair's chroma on even (U) and odd (V) pixels.
                 const std::uint8_t luma = what == kInk   ? 235
@@ -104,11 +104,11 @@ Stream::Control34 Stream::Negotiate(const Bytes& wanted) const {
         const auto distance = [&](std::uint32_t v) { return v > asked ? v - asked : asked - v; };
         if (asked != 0 && distance(offered) < distance(interval)) interval = offered;
     }
-    usb::StoreLe32(&c[4], interval);
+    usb::StoreLe(&c[4], interval);
     std::fill(c.begin() + 8, c.begin() + 18, 0);  // key frames, quality, window, delay
-    usb::StoreLe32(&c[18], frame.wWidth * frame.wHeight * description_.format.bBitsPerPixel / 8u);
-    usb::StoreLe32(&c[22], description_.dwMaxPayloadTransferSize);
-    usb::StoreLe32(&c[26], clock_);
+    usb::StoreLe(&c[18], frame.wWidth * frame.wHeight * description_.format.bBitsPerPixel / 8u);
+    usb::StoreLe(&c[22], description_.dwMaxPayloadTransferSize);
+    usb::StoreLe(&c[26], clock_);
     c[30] = 0x03;  // frame id and end of frame in every payload header
     c[31] = c[32] = c[33] = 1;
     return c;
