@@ -5,7 +5,6 @@
 // takes a 1024-byte command frame with SET and hands back its answer with GET.
 #include <algorithm>
 #include <array>
-#include <cwctype>
 #include <string>
 
 #include "platform/ks.h"
@@ -40,14 +39,6 @@ using usb::UVC_SET_CUR;
 
 HRESULT Error(DWORD code) {
     return platform::HResultFromError(code);
-}
-
-bool SameLink(const std::wstring& a, const std::wstring& b) {
-    return a.size() == b.size() &&
-           std::equal(a.begin(), a.end(), b.begin(), [](wchar_t x, wchar_t y) {
-               return std::towlower(static_cast<wint_t>(x)) ==
-                      std::towlower(static_cast<wint_t>(y));
-           });
 }
 
 // A handle on one camera as the driver gives it out; it dies when the camera leaves.

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cwctype>
 #include <thread>
 
 namespace sim {
@@ -11,11 +10,6 @@ namespace {
 const std::wstring kServiceKey = L"system\\currentcontrolset\\services\\optyracameradfu";
 const std::wstring kAutoModeValue = L"dfuautomode";
 constexpr std::uint32_t kRegSz = 1;
-
-std::wstring Lower(std::wstring text) {
-    for (auto& ch : text) ch = static_cast<wchar_t>(std::towlower(static_cast<wint_t>(ch)));
-    return text;
-}
 
 }  // namespace
 

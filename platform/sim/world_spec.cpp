@@ -363,11 +363,6 @@ CameraSpec ParseCamera(const json& object, const std::string& where, std::size_t
     return spec;
 }
 
-std::wstring Lower(std::wstring text) {
-    for (wchar_t& c : text) c = static_cast<wchar_t>(std::towlower(static_cast<wint_t>(c)));
-    return text;
-}
-
 // Two devices on one link would be one device to the host: the world cannot mean it.
 void CheckLinksUnique(const WorldSpec& world) {
     std::map<std::wstring, std::string> seen;
@@ -495,6 +490,15 @@ WorldSpec DefaultWorld() {
         L"b94699c46e44}\\global";
     world.cameras.push_back(webcam);
     return world;
+}
+
+std::wstring Lower(std::wstring text) {
+    for (wchar_t& c : text) c = static_cast<wchar_t>(std::towlower(static_cast<wint_t>(c)));
+    return text;
+}
+
+bool SameLink(const std::wstring& a, const std::wstring& b) {
+    return Lower(a) == Lower(b);
 }
 
 std::string FormatVersion(const FirmwareVersion& v) {

@@ -150,6 +150,10 @@ WorldSpec DefaultWorld();
 std::string FormatVersion(const FirmwareVersion& version);
 // "a.b.c.d" with parts 0 to 255; throws WorldError naming `where` otherwise.
 FirmwareVersion ParseVersion(const std::string& text, const std::string& where);
+// Links, registry keys and value names compare without regard to case, as Windows compares
+// them: each unit through the C library's wide lower-casing.
+std::wstring Lower(std::wstring text);
+bool SameLink(const std::wstring& a, const std::wstring& b);
 // Names and links travel as UTF-8 in world files and state dumps.
 using platform::Utf8ToWide;
 using platform::WideToUtf8;
