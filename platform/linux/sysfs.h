@@ -2,9 +2,11 @@
 // above the seam expects.
 #pragma once
 
+#include <charconv>
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "platform/posix/device_backend.h"
@@ -19,6 +21,13 @@ std::optional<std::string> ReadWholeFile(const std::string& path);
 // A sysfs attribute without its trailing newline.
 std::optional<std::string> ReadAttribute(const std::string& path);
 std::optional<unsigned> ReadNumberAttribute(const std::string& path, int base);
+// A whole non-empty text as a number in `base`; false for anything else, or one too large.
+template <typename T>
+bool ParseNumber(std::string_view text, int base, T* value) {
+    if (text.empty()) return false;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), *value, base);
+    return error == std::errc() && end == text.data() + text.size();
+}
 std::vector<std::string> ListDirectory(const std::string& path);
 
 // The USB devices (not root hubs, not interfaces) under a sysfs root such as

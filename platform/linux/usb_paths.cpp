@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "platform/common/wide_stream.h"
+#include "platform/linux/sysfs.h"
 
 namespace platform::linux_hw {
 namespace {
@@ -14,25 +15,15 @@ namespace {
 constexpr std::wstring_view kUsbDeviceClass = L"{a5dcbf10-6530-11d2-901f-00c04fb951ed}";
 constexpr std::wstring_view kCameraClass = L"{e5323777-f976-4f5b-9b55-b94699c46e44}";
 
-std::string LowerAscii(const std::wstring& text, bool* ascii) {
+// The path lower-cased, or nothing when it is not all ASCII.
+std::optional<std::string> LowerAscii(const std::wstring& text) {
     std::string out;
     out.reserve(text.size());
-    *ascii = true;
     for (wchar_t c : text) {
-        if (c < 0 || c > 0x7F) {
-            *ascii = false;
-            return {};
-        }
+        if (c < 0 || c > 0x7F) return std::nullopt;
         out.push_back(static_cast<char>(std::towlower(static_cast<wint_t>(c))));
     }
     return out;
-}
-
-template <typename T>
-bool ParseNumber(std::string_view text, int base, T* value) {
-    if (text.empty()) return false;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), *value, base);
-    return error == std::errc() && end == text.data() + text.size();
 }
 
 // A sysfs name of a USB device that is not a root hub: "<bus>-<port>[.<port>...]".
@@ -61,6 +52,15 @@ std::vector<std::string_view> Split(std::string_view text, char separator) {
         if (at == std::string_view::npos) return parts;
         start = at + 1;
     }
+}
+
+// The three '#'-separated parts of a lower-cased "\\?\usb#..." path, viewing `lower`.
+std::optional<std::vector<std::string_view>> UsbPathParts(const std::string& lower) {
+    constexpr std::string_view prefix = "\\\\?\\usb#";
+    if (lower.compare(0, prefix.size(), prefix) != 0) return std::nullopt;
+    auto parts = Split(std::string_view(lower).substr(prefix.size()), '#');
+    if (parts.size() != 3) return std::nullopt;
+    return parts;
 }
 
 // "vid_3c5e&pid_0f1c" or, with an interface, "vid_3c5e&pid_0b64&mi_00".
@@ -108,21 +108,17 @@ std::wstring BuildUsbInterfacePath(const UsbDeviceAddress& address) {
 }
 
 std::optional<UsbDeviceAddress> ParseUsbInterfacePath(const std::wstring& path) {
-    bool ascii = false;
-    const std::string lower = LowerAscii(path, &ascii);
-    if (!ascii) return std::nullopt;
-    constexpr std::string_view prefix = "\\\\?\\usb#";
-    if (lower.compare(0, prefix.size(), prefix) != 0) return std::nullopt;
-    const auto parts = Split(std::string_view(lower).substr(prefix.size()), '#');
-    if (parts.size() != 3) return std::nullopt;
+    const auto lower = LowerAscii(path);
+    const auto parts = lower ? UsbPathParts(*lower) : std::nullopt;
+    if (!parts) return std::nullopt;
     UsbDeviceAddress address;
     std::optional<std::uint8_t> interfaceNumber;
-    if (!ParseHardwarePart(parts[0], &address, &interfaceNumber) || interfaceNumber) {
+    if (!ParseHardwarePart((*parts)[0], &address, &interfaceNumber) || interfaceNumber) {
         return std::nullopt;
     }
-    if (!ParseInstance(parts[1], &address)) return std::nullopt;
+    if (!ParseInstance((*parts)[1], &address)) return std::nullopt;
     std::string guid(kUsbDeviceClass.begin(), kUsbDeviceClass.end());
-    if (parts[2] != guid) return std::nullopt;
+    if ((*parts)[2] != guid) return std::nullopt;
     return address;
 }
 
@@ -135,21 +131,17 @@ std::wstring BuildVideoLink(const UsbDeviceAddress& address, std::uint8_t interf
 }
 
 std::optional<VideoLink> ParseVideoLink(const std::wstring& link) {
-    bool ascii = false;
-    const std::string lower = LowerAscii(link, &ascii);
-    if (!ascii) return std::nullopt;
-    constexpr std::string_view prefix = "\\\\?\\usb#";
-    if (lower.compare(0, prefix.size(), prefix) != 0) return std::nullopt;
-    const auto parts = Split(std::string_view(lower).substr(prefix.size()), '#');
-    if (parts.size() != 3) return std::nullopt;
+    const auto lower = LowerAscii(link);
+    const auto parts = lower ? UsbPathParts(*lower) : std::nullopt;
+    if (!parts) return std::nullopt;
     VideoLink result;
     std::optional<std::uint8_t> interfaceNumber;
-    if (!ParseHardwarePart(parts[0], &result.address, &interfaceNumber) || !interfaceNumber) {
+    if (!ParseHardwarePart((*parts)[0], &result.address, &interfaceNumber) || !interfaceNumber) {
         return std::nullopt;
     }
     result.interfaceNumber = *interfaceNumber;
-    if (!ParseInstance(parts[1], &result.address)) return std::nullopt;
-    const std::string_view tail = parts[2];
+    if (!ParseInstance((*parts)[1], &result.address)) return std::nullopt;
+    const std::string_view tail = (*parts)[2];
     const std::string guid(kCameraClass.begin(), kCameraClass.end());
     if (tail.size() <= guid.size() + 1 || tail.substr(0, guid.size()) != guid ||
         tail[guid.size()] != '\\') {

@@ -28,15 +28,9 @@ class AttributeStore final : public IMFActivate, private RefCounted {
     explicit AttributeStore(bool activatable) : activatable_(activatable) {}
 
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** object) override {
-        if (object == nullptr) return E_POINTER;
-        if (iid == IID_IUnknown || iid == IID_IMFAttributes ||
-            (activatable_ && iid == IID_IMFActivate)) {
-            *object = static_cast<IMFActivate*>(this);
-            AddRef();
-            return S_OK;
-        }
-        *object = nullptr;
-        return E_NOINTERFACE;
+        return QueryImpl(static_cast<IMFActivate*>(this),
+                         iid == IID_IMFAttributes || (activatable_ && iid == IID_IMFActivate), iid,
+                         object);
     }
     ULONG STDMETHODCALLTYPE AddRef() override { return AddRefImpl(); }
     ULONG STDMETHODCALLTYPE Release() override { return ReleaseImpl(); }
@@ -114,18 +108,13 @@ class MediaSource final : public IMFMediaSource, private RefCounted {
         : device_(std::move(device)) {}
 
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** object) override {
-        if (object == nullptr) return E_POINTER;
-        *object = nullptr;
-        if (iid == IID_IUnknown || iid == IID_IMFMediaSource) {
-            *object = static_cast<IMFMediaSource*>(this);
-            AddRef();
-            return S_OK;
-        }
-        if (iid == IID_IKsTopologyInfo) {
+        if (object != nullptr && iid == IID_IKsTopologyInfo) {
+            *object = nullptr;
             if (device_->shutDown) return MF_E_SHUTDOWN;
             return CreateTopologyInfo(device_, object);
         }
-        return E_NOINTERFACE;
+        return QueryImpl(static_cast<IMFMediaSource*>(this), iid == IID_IMFMediaSource, iid,
+                         object);
     }
     ULONG STDMETHODCALLTYPE AddRef() override { return AddRefImpl(); }
     ULONG STDMETHODCALLTYPE Release() override { return ReleaseImpl(); }

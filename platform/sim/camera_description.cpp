@@ -1,5 +1,7 @@
 #include "platform/sim/camera_description.h"
 
+#include <algorithm>
+
 namespace sim {
 namespace {
 
@@ -166,27 +168,25 @@ CameraDescription LynxDepthCamera(const std::string& product) {
                               2,
                               0x01}};
     camera.outputTerminals = {{4, 0x0101, 3}, {6, 0x0101, 5}};
-    constexpr std::uint32_t k30 = 333333, k15 = 666666;
-    StreamDescription colour;
-    colour.name = "colour";
-    colour.bInterfaceNumber = 1;
-    colour.bEndpointAddress = 0x82;
-    colour.bTerminalLink = 4;
-    // YUY2
-    colour.format.guidFormat = {0x59, 0x55, 0x59, 0x32, 0x00, 0x00, 0x10, 0x00,
-                                0x80, 0x00, 0x00, 0xAA, 0x00, 0x38, 0x9B, 0x71};
-    colour.format.frames = {{320, 240, {k30, k15}}, {160, 120, {k30, k15}}};
-    colour.dwMaxPayloadTransferSize = 32768;
-    StreamDescription depth = colour;
-    depth.name = "depth";
-    depth.bInterfaceNumber = 2;
-    depth.bEndpointAddress = 0x83;
-    depth.bTerminalLink = 6;
-    // 'Z16 ': 16-bit depth in millimetres, which uvcvideo offers as Z16.
-    depth.format.guidFormat = {0x5A, 0x31, 0x36, 0x20, 0x00, 0x00, 0x10, 0x00,
+    // Uncompressed formats are named by their four characters in the video class's GUID.
+    const auto stream = [](const char* name, std::uint8_t number, const char fourcc[5],
+                           std::vector<uvc_frame_uncompressed> frames) {
+        StreamDescription s;
+        s.name = name;
+        s.bInterfaceNumber = number;
+        s.bEndpointAddress = static_cast<std::uint8_t>(0x81 + number);
+        s.bTerminalLink = static_cast<std::uint8_t>(2 + 2 * number);  // output terminals 4, 6
+        s.format.guidFormat = {0,    0,    0,    0,    0x00, 0x00, 0x10, 0x00,
                                0x80, 0x00, 0x00, 0xAA, 0x00, 0x38, 0x9B, 0x71};
-    depth.format.frames = {{320, 240, {k30, k15}}, {160, 120, {k30}}};
-    camera.streams = {colour, depth};
+        std::copy_n(fourcc, 4, s.format.guidFormat.begin());
+        s.format.frames = std::move(frames);
+        s.dwMaxPayloadTransferSize = 32768;
+        return s;
+    };
+    constexpr std::uint32_t k30 = 333333, k15 = 666666;
+    // 'Z16 ': 16-bit depth in millimetres, which uvcvideo offers as Z16.
+    camera.streams = {stream("colour", 1, "YUY2", {{320, 240, {k30, k15}}, {160, 120, {k30, k15}}}),
+                      stream("depth", 2, "Z16 ", {{320, 240, {k30, k15}}, {160, 120, {k30}}})};
     return camera;
 }
 

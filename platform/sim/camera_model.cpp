@@ -48,43 +48,46 @@ class SimVideoConnection final : public platform::VideoDeviceConnection {
         : world_(world), index_(index), generation_(generation) {}
 
     HRESULT GetNodeCount(std::uint32_t* count) override {
-        std::lock_guard lock(world_.Lock());
-        SimCamera* camera = Camera();
-        if (camera == nullptr) return Error(ERROR_DEVICE_NOT_CONNECTED);
-        *count = camera->NodeCount();
-        return S_OK;
+        return WithCamera([&](SimCamera& camera) {
+            *count = camera.NodeCount();
+            return S_OK;
+        });
     }
 
     HRESULT GetNodeType(std::uint32_t node, GUID* type) override {
-        std::lock_guard lock(world_.Lock());
-        SimCamera* camera = Camera();
-        if (camera == nullptr) return Error(ERROR_DEVICE_NOT_CONNECTED);
-        if (node >= camera->NodeCount()) return Error(ERROR_NOT_FOUND);
-        *type = camera->NodeType(node);
-        return S_OK;
+        return WithCamera([&](SimCamera& camera) {
+            if (node >= camera.NodeCount()) return Error(ERROR_NOT_FOUND);
+            *type = camera.NodeType(node);
+            return S_OK;
+        });
     }
 
     HRESULT OpenNode(std::uint32_t node) override {
-        std::lock_guard lock(world_.Lock());
-        SimCamera* camera = Camera();
-        if (camera == nullptr) return Error(ERROR_DEVICE_NOT_CONNECTED);
-        return node < camera->NodeCount() ? S_OK : Error(ERROR_NOT_FOUND);
+        return WithCamera([&](SimCamera& camera) {
+            return node < camera.NodeCount() ? S_OK : Error(ERROR_NOT_FOUND);
+        });
     }
 
     HRESULT NodeProperty(std::uint32_t node, const GUID& propertySet, std::uint32_t id,
                          std::uint32_t flags, std::uint8_t* data, std::uint32_t length,
                          std::uint32_t* returned) override {
         *returned = 0;
-        std::lock_guard lock(world_.Lock());
-        SimCamera* camera = Camera();
-        if (camera == nullptr) return Error(ERROR_DEVICE_NOT_CONNECTED);
-        return camera->NodeProperty(node, propertySet, id, flags, data, length, returned);
+        return WithCamera([&](SimCamera& camera) {
+            return camera.NodeProperty(node, propertySet, id, flags, data, length, returned);
+        });
     }
 
   private:
-    SimCamera* Camera() {
-        SimCamera* camera = world_.Cameras()[static_cast<std::size_t>(index_)].get();
-        return camera->present && camera->Generation() == generation_ ? camera : nullptr;
+    // Runs `call` on the camera under the world's lock, while it is the camera this handle
+    // was given for.
+    template <typename Call>
+    HRESULT WithCamera(Call call) {
+        std::lock_guard lock(world_.Lock());
+        SimCamera& camera = *world_.Cameras()[static_cast<std::size_t>(index_)];
+        if (!camera.present || camera.Generation() != generation_) {
+            return Error(ERROR_DEVICE_NOT_CONNECTED);
+        }
+        return call(camera);
     }
 
     SimWorld& world_;
