@@ -38,6 +38,23 @@ void CheckKeys(const json& object, const std::string& where, const std::set<std:
     }
 }
 
+void Require(const json& object, const std::string& where,
+             std::initializer_list<const char*> keys) {
+    for (const char* key : keys) {
+        if (!object.contains(key)) Fail(where + "." + key, "required field is missing");
+    }
+}
+
+// Which of `names` the value is; anything else fails with `must`.
+template <std::size_t N>
+std::size_t NameIndex(const json& value, const std::string& where, const char* const (&names)[N],
+                      const char* must) {
+    for (std::size_t i = 0; value.is_string() && i < N; ++i) {
+        if (value.get<std::string>() == names[i]) return i;
+    }
+    Fail(where, must);
+}
+
 std::uint64_t Unsigned(const json& value, const std::string& where, std::uint64_t min,
                        std::uint64_t max) {
     if (!value.is_number_integer()) Fail(where, "must be a whole number");
@@ -101,21 +118,13 @@ FirmwareVersion ParseVersion(const std::string& text, const std::string& where) 
 namespace {
 
 std::uint8_t StateByName(const json& value, const std::string& at) {
-    if (value.is_string()) {
-        for (std::uint8_t s = 0; s < 11; ++s) {
-            if (value.get<std::string>() == kStateNames[s]) return s;
-        }
-    }
-    Fail(at, "must be a DFU state name such as \"dfuIDLE\"");
+    return static_cast<std::uint8_t>(
+        NameIndex(value, at, kStateNames, "must be a DFU state name such as \"dfuIDLE\""));
 }
 
 DfuRequest RequestByName(const json& value, const std::string& at) {
-    if (value.is_string()) {
-        for (std::uint8_t r = 0; r < 7; ++r) {
-            if (value.get<std::string>() == kRequestNames[r]) return static_cast<DfuRequest>(r);
-        }
-    }
-    Fail(at, "must be a DFU request name such as \"GETSTATUS\"");
+    return static_cast<DfuRequest>(
+        NameIndex(value, at, kRequestNames, "must be a DFU request name such as \"GETSTATUS\""));
 }
 
 std::uint32_t Count(const json& object, const char* key, const std::string& where,
@@ -146,7 +155,7 @@ void ParseDfuFaults(const json& object, const std::string& where, DfuDeviceSpec&
         for (std::size_t i = 0; i < list.size(); ++i) {
             const std::string item = at + "[" + std::to_string(i) + "]";
             CheckKeys(list[i], item, {"request", "occurrence", "count", "error"});
-            if (!list[i].contains("request")) Fail(item + ".request", "required field is missing");
+            Require(list[i], item, {"request"});
             RequestFailure failure;
             failure.request = RequestByName(list[i]["request"], item + ".request");
             if (list[i].contains("occurrence")) {
@@ -162,9 +171,7 @@ void ParseDfuFaults(const json& object, const std::string& where, DfuDeviceSpec&
         const auto& answer = object["statusAfterBlock"];
         const std::string at = where + ".statusAfterBlock";
         CheckKeys(answer, at, {"block", "bStatus", "bState"});
-        for (const char* key : {"block", "bStatus", "bState"}) {
-            if (!answer.contains(key)) Fail(at + "." + key, "required field is missing");
-        }
+        Require(answer, at, {"block", "bStatus", "bState"});
         StatusAfterBlock parsed;
         parsed.block = Count(answer, "block", at, 0, std::numeric_limits<std::uint32_t>::max());
         parsed.bStatus = static_cast<std::uint8_t>(Count(answer, "bStatus", at, 0, 255));
@@ -201,7 +208,7 @@ DfuDeviceSpec ParseDfuDevice(const json& object, const std::string& where) {
          "fault", "initialState", "pollTimeoutMs", "canUpload", "requestFailures",
          "statusAfterBlock", "unplug", "manifestationTolerant", "resetAfterManifestMs"});
     DfuDeviceSpec spec;
-    if (!object.contains("link")) Fail(where + ".link", "required field is missing");
+    Require(object, where, {"link"});
     spec.link = Text(object["link"], where + ".link", false);
     if (object.contains("transferSize")) {
         spec.transferSize = static_cast<std::uint16_t>(
@@ -236,22 +243,14 @@ DfuDeviceSpec ParseDfuDevice(const json& object, const std::string& where) {
         const auto& fault = object["fault"];
         const std::string at = where + ".fault";
         CheckKeys(fault, at, {"atBlock", "kind"});
-        if (!fault.contains("atBlock")) Fail(at + ".atBlock", "required field is missing");
-        if (!fault.contains("kind")) Fail(at + ".kind", "required field is missing");
+        Require(fault, at, {"atBlock", "kind"});
         DfuFault parsed;
         parsed.atBlock = static_cast<std::uint32_t>(Unsigned(
             fault["atBlock"], at + ".atBlock", 0, std::numeric_limits<std::uint32_t>::max()));
-        const auto& kind = fault["kind"];
-        const std::string kindText = kind.is_string() ? kind.get<std::string>() : std::string();
-        if (kindText == "stall") {
-            parsed.kind = FaultKind::kStall;
-        } else if (kindText == "error") {
-            parsed.kind = FaultKind::kError;
-        } else if (kindText == "unplug") {
-            parsed.kind = FaultKind::kUnplug;
-        } else {
-            Fail(at + ".kind", "must be \"stall\", \"error\" or \"unplug\"");
-        }
+        constexpr const char* kNames[] = {"stall", "error", "unplug"};
+        constexpr FaultKind kKinds[] = {FaultKind::kStall, FaultKind::kError, FaultKind::kUnplug};
+        parsed.kind = kKinds[NameIndex(fault["kind"], at + ".kind", kNames,
+                                       "must be \"stall\", \"error\" or \"unplug\"")];
         spec.fault = parsed;
     }
     return spec;
@@ -286,7 +285,7 @@ CameraSpec ParseCamera(const json& object, const std::string& where, std::size_t
               {"name", "link", "enumerations", "lynx", "firmware", "infoFailures", "dfu",
                "dfuDelayMs", "firmwareAfterUpdate", "commandFaults", "inDfuMode", "topology"});
     CameraSpec spec;
-    if (!object.contains("name")) Fail(where + ".name", "required field is missing");
+    Require(object, where, {"name"});
     spec.name = Text(object["name"], where + ".name", true);
     if (object.contains("link")) {
         spec.link = Text(object["link"], where + ".link", false);
@@ -338,24 +337,16 @@ CameraSpec ParseCamera(const json& object, const std::string& where, std::size_t
         for (std::size_t i = 0; i < list.size(); ++i) {
             const std::string item = at + "[" + std::to_string(i) + "]";
             CheckKeys(list[i], item, {"opcode", "kind", "times"});
-            if (!list[i].contains("opcode")) Fail(item + ".opcode", "required field is missing");
-            if (!list[i].contains("kind")) Fail(item + ".kind", "required field is missing");
+            Require(list[i], item, {"opcode", "kind"});
             CommandFault fault;
             fault.opcode = Count(list[i], "opcode", item, 0, 0xFFFFFFFFu);
-            const auto& kind = list[i]["kind"];
-            const std::string text = kind.is_string() ? kind.get<std::string>() : std::string();
-            if (text == "setFails") {
-                fault.kind = CommandFaultKind::kSetFails;
-            } else if (text == "getFails") {
-                fault.kind = CommandFaultKind::kGetFails;
-            } else if (text == "shortReply") {
-                fault.kind = CommandFaultKind::kShortReply;
-            } else if (text == "wrongEcho") {
-                fault.kind = CommandFaultKind::kWrongEcho;
-            } else {
-                Fail(item + ".kind",
-                     "must be \"setFails\", \"getFails\", \"shortReply\" or \"wrongEcho\"");
-            }
+            constexpr const char* kNames[] = {"setFails", "getFails", "shortReply", "wrongEcho"};
+            constexpr CommandFaultKind kKinds[] = {
+                CommandFaultKind::kSetFails, CommandFaultKind::kGetFails,
+                CommandFaultKind::kShortReply, CommandFaultKind::kWrongEcho};
+            fault.kind = kKinds[NameIndex(
+                list[i]["kind"], item + ".kind", kNames,
+                "must be \"setFails\", \"getFails\", \"shortReply\" or \"wrongEcho\"")];
             if (list[i].contains("times")) fault.times = Count(list[i], "times", item, 1, 1000000);
             spec.commandFaults.push_back(fault);
         }
