@@ -111,22 +111,21 @@ void WinUsbDevice::ReleaseDfuInterfaceHandle() {
     dfuInterfaceHandle = nullptr;
 }
 
+template <std::size_t N>
+HRESULT WinUsbDevice::ReadWholeDescriptor(UCHAR type, UCHAR (&buffer)[N]) {
+    ULONG transferred = 0;
+    if (!WinUsb_GetDescriptor(winUsbHandle, type, 0, 0, buffer, N, &transferred)) {
+        return LastErrorStatus();
+    }
+    return transferred == N ? S_OK : E_FAIL;
+}
+
 HRESULT WinUsbDevice::SelectDfuInterface() {
     UCHAR deviceDescriptor[usb::usb_device_descriptor::bLength] = {};
-    ULONG transferred = 0;
-    if (!WinUsb_GetDescriptor(winUsbHandle, usb::USB_DT_DEVICE, 0, 0, deviceDescriptor,
-                              sizeof deviceDescriptor, &transferred)) {
-        return LastErrorStatus();
-    }
-    if (transferred != sizeof deviceDescriptor) return E_FAIL;
-
     UCHAR configurationHeader[usb::usb_config_descriptor::bLength] = {};
-    transferred = 0;
-    if (!WinUsb_GetDescriptor(winUsbHandle, usb::USB_DT_CONFIG, 0, 0, configurationHeader,
-                              sizeof configurationHeader, &transferred)) {
-        return LastErrorStatus();
-    }
-    if (transferred != sizeof configurationHeader) return E_FAIL;
+    HRESULT read = ReadWholeDescriptor(usb::USB_DT_DEVICE, deviceDescriptor);
+    if (read == S_OK) read = ReadWholeDescriptor(usb::USB_DT_CONFIG, configurationHeader);
+    if (read != S_OK) return read;
 
     const unsigned interfaceCount =
         usb::usb_config_descriptor::Read(configurationHeader).bNumInterfaces;
@@ -155,7 +154,7 @@ HRESULT WinUsbDevice::SelectDfuInterface() {
     }
 
     std::vector<UCHAR> configuration(kConfigurationBufferLength, 0);
-    transferred = 0;
+    ULONG transferred = 0;
     if (!WinUsb_GetDescriptor(winUsbHandle, usb::USB_DT_CONFIG, 0, 0, configuration.data(),
                               kConfigurationBufferLength, &transferred)) {
         const HRESULT status = LastErrorStatus();

@@ -53,6 +53,9 @@ class WinUsbDevice {
     friend class WinUsbControlEndpoint;
 
     HRESULT SelectDfuInterface();
+    // The first descriptor of a type, which must fill the buffer.
+    template <std::size_t N>
+    HRESULT ReadWholeDescriptor(UCHAR type, UCHAR (&buffer)[N]);
     void ReleaseDfuInterfaceHandle();
 
     bool open = false;

@@ -1,5 +1,7 @@
 #include "platform/common/wide_stream.h"
 
+#include <utility>
+
 namespace platform {
 namespace {
 
@@ -19,26 +21,13 @@ void AppendWide(std::wstring& out, char32_t cp) {
     }
 }
 
-// How many bytes follow a lead byte, or -1 for a byte that cannot start a sequence.
-int FollowingBytes(unsigned char lead) {
-    if (lead < 0x80) return 0;
-    if (lead >= 0xC2 && lead <= 0xDF) return 1;
-    if (lead >= 0xE0 && lead <= 0xEF) return 2;
-    if (lead >= 0xF0 && lead <= 0xF4) return 3;
-    return -1;
-}
-
 }  // namespace
 
 void AppendUtf8(std::string& out, char32_t cp) {
     if (IsHighSurrogate(cp) || IsLowSurrogate(cp) || cp > 0x10FFFF) cp = 0xFFFD;
-    if (cp < 0x80) {
-        out.push_back(static_cast<char>(cp));
-        return;
-    }
-    const int following = cp < 0x800 ? 1 : cp < 0x10000 ? 2 : 3;
-    out.push_back(
-        static_cast<char>(((0xFF00 >> (following + 1)) & 0xFF) | (cp >> (6 * following))));
+    constexpr unsigned char kLead[] = {0x00, 0xC0, 0xE0, 0xF0};
+    const int following = cp < 0x80 ? 0 : cp < 0x800 ? 1 : cp < 0x10000 ? 2 : 3;
+    out.push_back(static_cast<char>(kLead[following] | (cp >> (6 * following))));
     for (int k = following - 1; k >= 0; --k) {
         out.push_back(static_cast<char>(0x80 | ((cp >> (6 * k)) & 0x3F)));
     }
@@ -73,7 +62,13 @@ std::wstring Utf8ToWide(std::string_view text) {
     out.reserve(text.size());
     for (std::size_t i = 0; i < text.size();) {
         const auto lead = static_cast<unsigned char>(text[i++]);
-        const int following = FollowingBytes(lead);
+        // How many bytes follow the lead byte; -1 for a byte that cannot start a sequence.
+        const int following = lead < 0x80   ? 0
+                              : lead < 0xC2 ? -1
+                              : lead < 0xE0 ? 1
+                              : lead < 0xF0 ? 2
+                              : lead < 0xF5 ? 3
+                                            : -1;
         if (following <= 0) {
             AppendWide(out, following == 0 ? lead : 0xFFFD);
             continue;
@@ -116,20 +111,12 @@ std::vector<std::uint8_t> WideToUtf16Le(std::wstring_view text) {
 
 void Utf8WideStreamBuf::Put(wchar_t ch) {
     std::wstring units(1, ch);
-    if constexpr (sizeof(wchar_t) == 2) {
-        // A pair may arrive in two writes: the high half waits for its partner.
-        const auto unit = static_cast<char32_t>(ch) & 0xFFFF;
-        if (pendingHighSurrogate_ != 0) {
-            units.insert(units.begin(), pendingHighSurrogate_);
-            pendingHighSurrogate_ = 0;
-            if (IsHighSurrogate(unit)) {
-                pendingHighSurrogate_ = ch;
-                units.pop_back();
-            }
-        } else if (IsHighSurrogate(unit)) {
-            pendingHighSurrogate_ = ch;
-            return;
-        }
+    // Where wchar_t is UTF-16 a pair may come in two writes: its first half waits.
+    if (pendingHighSurrogate_ != 0)
+        units.insert(units.begin(), std::exchange(pendingHighSurrogate_, 0));
+    if (sizeof(wchar_t) == 2 && IsHighSurrogate(static_cast<char32_t>(ch) & 0xFFFF)) {
+        pendingHighSurrogate_ = ch;
+        units.pop_back();
     }
     const std::string bytes = WideToUtf8(units);
     target_.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));

@@ -324,14 +324,10 @@ void SimDfuDevice::AnswerStatus(std::uint8_t* buffer, std::uint32_t* transferred
         busy_ = true;
         busyUntilMs_ = world_.NowMs() + pollTimeout;
     }
-    const std::uint8_t reply[6] = {status_,
-                                   static_cast<std::uint8_t>(pollTimeout & 0xFF),
-                                   static_cast<std::uint8_t>((pollTimeout >> 8) & 0xFF),
-                                   static_cast<std::uint8_t>((pollTimeout >> 16) & 0xFF),
-                                   state_,
-                                   0};
-    *transferred = sizeof reply;
-    std::copy_n(reply, sizeof reply, buffer);
+    // bStatus, bwPollTimeout (three bytes), bState, iString.
+    usb::StoreLe(buffer, status_, static_cast<std::uint16_t>(pollTimeout),
+                 static_cast<std::uint8_t>(pollTimeout >> 16), state_, std::uint8_t{0});
+    *transferred = 6;
     if (resetAfterAnswer) {
         lastStatusBeforeReset_ = true;
         ResetAfterManifest();

@@ -31,6 +31,19 @@ std::uint32_t Be32(const std::uint8_t* at) {
     return ntohl(be);
 }
 
+// Moves all `length` bytes with `io` (read or write), again after a signal; false once the
+// other side has gone.
+template <typename Byte, typename Io>
+bool Whole(int socket, Byte* buffer, std::size_t length, Io io) {
+    for (std::size_t done = 0; done < length;) {
+        const ssize_t n = io(socket, buffer + done, length - done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        done += static_cast<std::size_t>(n);
+    }
+    return true;
+}
+
 // What the kernel sends: a submitted transfer or the unlink of one (usbip_header_basic and
 // usbip_header_cmd_submit / usbip_header_cmd_unlink, which share the words after the basic
 // part).
@@ -126,25 +139,11 @@ void Link::Detach() {
 }
 
 bool Link::ReadExact(std::uint8_t* buffer, std::size_t length) {
-    std::size_t done = 0;
-    while (done < length) {
-        const ssize_t n = read(socket_, buffer + done, length - done);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        done += static_cast<std::size_t>(n);
-    }
-    return true;
+    return Whole(socket_, buffer, length, ::read);
 }
 
 bool Link::WriteAll(const Bytes& data) {
-    std::size_t done = 0;
-    while (done < data.size()) {
-        const ssize_t n = write(socket_, data.data() + done, data.size() - done);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        done += static_cast<std::size_t>(n);
-    }
-    return true;
+    return Whole(socket_, data.data(), data.size(), ::write);
 }
 
 bool Link::ServeOne(const ControlHandler& handler) {
