@@ -95,26 +95,11 @@ ErrorCode SettingsStore::SetValue(const std::wstring& keyPath, const std::wstrin
     const std::string temporary = target + ".new";
     const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kFileMode);
     if (fd < 0) return ErrorFromErrno(errno);
-    std::size_t written = 0;
-    while (written < content.size()) {
-        const ssize_t n = ::write(fd, content.data() + written, content.size() - written);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            const int error = errno;
-            ::close(fd);
-            ::unlink(temporary.c_str());
-            return ErrorFromErrno(error);
-        }
-        written += static_cast<std::size_t>(n);
-    }
-    int error = ::fsync(fd) == 0 ? 0 : errno;
+    int error = WholeTransfer(fd, content.data(), content.size(), ::write) ? 0 : errno;
+    if (error == 0 && ::fsync(fd) != 0) error = errno;
     if (::close(fd) != 0 && error == 0) error = errno;
+    if (error == 0 && ::rename(temporary.c_str(), target.c_str()) != 0) error = errno;
     if (error != 0) {
-        ::unlink(temporary.c_str());
-        return ErrorFromErrno(error);
-    }
-    if (::rename(temporary.c_str(), target.c_str()) != 0) {
-        error = errno;
         ::unlink(temporary.c_str());
         return ErrorFromErrno(error);
     }

@@ -2,6 +2,7 @@
 // above the seam expects.
 #pragma once
 
+#include <cerrno>
 #include <charconv>
 #include <cstdint>
 #include <optional>
@@ -12,6 +13,22 @@
 #include "platform/posix/device_backend.h"
 
 namespace platform::linux_hw {
+
+// Moves all `length` bytes with `io` (::read or ::write), again after a signal; false with
+// errno set once a call fails or makes no progress (an end of file reads as EIO).
+template <typename Byte, typename Io>
+bool WholeTransfer(int fd, Byte* buffer, std::size_t length, Io io) {
+    for (std::size_t done = 0; done < length;) {
+        const auto n = io(fd, buffer + done, length - done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) {
+            if (n == 0) errno = EIO;
+            return false;
+        }
+        done += static_cast<std::size_t>(n);
+    }
+    return true;
+}
 
 // What the Windows call would have failed with for this errno.
 ErrorCode ErrorFromErrno(int error);

@@ -10,6 +10,8 @@
 #include <fstream>
 #include <sstream>
 
+#include "platform/linux/sysfs.h"
+
 namespace usbip {
 namespace {
 
@@ -29,19 +31,6 @@ std::uint32_t Be32(const std::uint8_t* at) {
     std::uint32_t be;
     std::memcpy(&be, at, 4);
     return ntohl(be);
-}
-
-// Moves all `length` bytes with `io` (read or write), again after a signal; false once the
-// other side has gone.
-template <typename Byte, typename Io>
-bool Whole(int socket, Byte* buffer, std::size_t length, Io io) {
-    for (std::size_t done = 0; done < length;) {
-        const ssize_t n = io(socket, buffer + done, length - done);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        done += static_cast<std::size_t>(n);
-    }
-    return true;
 }
 
 // What the kernel sends: a submitted transfer or the unlink of one (usbip_header_basic and
@@ -139,11 +128,11 @@ void Link::Detach() {
 }
 
 bool Link::ReadExact(std::uint8_t* buffer, std::size_t length) {
-    return Whole(socket_, buffer, length, ::read);
+    return platform::linux_hw::WholeTransfer(socket_, buffer, length, ::read);
 }
 
 bool Link::WriteAll(const Bytes& data) {
-    return Whole(socket_, data.data(), data.size(), ::write);
+    return platform::linux_hw::WholeTransfer(socket_, data.data(), data.size(), ::write);
 }
 
 bool Link::ServeOne(const ControlHandler& handler) {
