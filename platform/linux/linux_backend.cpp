@@ -79,13 +79,10 @@ class UsbfsConnection final : public UsbDeviceConnection {
     ErrorCode GetDescriptor(std::uint8_t type, std::uint8_t index, std::uint16_t language,
                             std::uint8_t* buffer, std::uint32_t length,
                             std::uint32_t* transferred) override {
-        UsbSetupPacket setup;
-        setup.requestType = 0x80;
-        setup.request = usb::USB_REQ_GET_DESCRIPTOR;
-        setup.value = static_cast<std::uint16_t>((type << 8) | index);
-        setup.index = language;
-        setup.length = static_cast<std::uint16_t>(length > 0xFFFF ? 0xFFFF : length);
-        return ControlTransfer(setup, buffer, setup.length, transferred);
+        const UsbSetupPacket setup{0x80, usb::USB_REQ_GET_DESCRIPTOR,
+                                   static_cast<std::uint16_t>((type << 8) | index), language,
+                                   static_cast<std::uint16_t>(std::min(length, 0xFFFFu))};
+        return ControlTransfer(setup, buffer, setup.wLength, transferred);
     }
 
     ErrorCode ClaimInterface(std::uint8_t interfaceNumber) override {
@@ -120,13 +117,13 @@ class UsbfsConnection final : public UsbDeviceConnection {
     ErrorCode ControlTransfer(const UsbSetupPacket& setup, std::uint8_t* buffer,
                               std::uint32_t length, std::uint32_t* transferred) override {
         if (transferred != nullptr) *transferred = 0;
-        if (length > setup.length) length = setup.length;
+        if (length > setup.wLength) length = setup.wLength;
         if (length > 0 && buffer == nullptr) return ERROR_INVALID_PARAMETER;
         usbdevfs_ctrltransfer request{};
-        request.bRequestType = setup.requestType;
-        request.bRequest = setup.request;
-        request.wValue = setup.value;
-        request.wIndex = setup.index;
+        request.bRequestType = setup.bRequestType;
+        request.bRequest = setup.bRequest;
+        request.wValue = setup.wValue;
+        request.wIndex = setup.wIndex;
         // The data stage is what the caller's buffer holds, never more than the setup says.
         request.wLength = static_cast<std::uint16_t>(length);
         request.timeout = kControlTimeoutMs;

@@ -225,12 +225,8 @@ BOOL WinUsb_ControlTransfer(WINUSB_INTERFACE_HANDLE interfaceHandle,
         (setupPacket.Index & 0xFF) != object->interfaceNumber) {
         return Fail(ERROR_INVALID_PARAMETER);
     }
-    platform::UsbSetupPacket setup;
-    setup.requestType = setupPacket.RequestType;
-    setup.request = setupPacket.Request;
-    setup.value = setupPacket.Value;
-    setup.index = setupPacket.Index;
-    setup.length = setupPacket.Length;
+    const platform::UsbSetupPacket setup{setupPacket.RequestType, setupPacket.Request,
+                                         setupPacket.Value, setupPacket.Index, setupPacket.Length};
     std::uint32_t transferred = 0;
     const platform::ErrorCode error =
         object->file->connection->ControlTransfer(setup, buffer, setupPacket.Length, &transferred);

@@ -76,12 +76,11 @@ void uvc_format_uncompressed::Append(DescriptorBytes& out) const {
 }
 
 void StreamDescription::Append(DescriptorBytes& out) const {
-    usb::usb_interface_descriptor interface;
-    interface.bInterfaceNumber = bInterfaceNumber;
-    interface.bNumEndpoints = 1;
-    interface.bInterfaceClass = usb::USB_CLASS_VIDEO;
-    interface.bInterfaceSubClass = usb::UVC_SC_VIDEOSTREAMING;
-    interface.Append(out);
+    usb::usb_interface_descriptor{.bInterfaceNumber = bInterfaceNumber,
+                                  .bNumEndpoints = 1,
+                                  .bInterfaceClass = usb::USB_CLASS_VIDEO,
+                                  .bInterfaceSubClass = usb::UVC_SC_VIDEOSTREAMING}
+        .Append(out);
     const std::size_t headerAt = out.size();
     // Input header: one format, no still capture, no triggers.
     AppendLe(out, U8{14}, USB_DT_CS_INTERFACE, usb::UVC_VS_INPUT_HEADER, U8{1}, U16{0},
@@ -103,10 +102,7 @@ DescriptorBytes CameraDescription::DeviceDescriptor() const {
 DescriptorBytes CameraDescription::ConfigurationDescriptor() const {
     const auto interfaces = static_cast<std::uint8_t>(1 + streams.size());
     DescriptorBytes c;
-    usb::usb_config_descriptor config;
-    config.bNumInterfaces = interfaces;
-    config.bMaxPower = bMaxPower;
-    config.Append(c);
+    usb::usb_config_descriptor{.bNumInterfaces = interfaces, .bMaxPower = bMaxPower}.Append(c);
     usb::usb_interface_assoc_descriptor{ControlInterface(),
                                         interfaces,
                                         usb::USB_CLASS_VIDEO,
@@ -114,12 +110,11 @@ DescriptorBytes CameraDescription::ConfigurationDescriptor() const {
                                         0,
                                         0}
         .Append(c);
-    usb::usb_interface_descriptor control;
-    control.bInterfaceNumber = ControlInterface();
-    control.bNumEndpoints = 1;
-    control.bInterfaceClass = usb::USB_CLASS_VIDEO;
-    control.bInterfaceSubClass = usb::UVC_SC_VIDEOCONTROL;
-    control.Append(c);
+    usb::usb_interface_descriptor{.bInterfaceNumber = ControlInterface(),
+                                  .bNumEndpoints = 1,
+                                  .bInterfaceClass = usb::USB_CLASS_VIDEO,
+                                  .bInterfaceSubClass = usb::UVC_SC_VIDEOCONTROL}
+        .Append(c);
 
     const std::size_t vcAt = c.size();
     // wTotalLength is set once the units are in.
