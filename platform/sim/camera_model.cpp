@@ -30,12 +30,7 @@ constexpr std::size_t kDeviceInfoSize = 230;
 constexpr std::uint64_t kInfoPauseMs = 100;
 constexpr std::uint32_t kRestartUnreadMs = 1000;
 
-using usb::AppendLe;
 using usb::Le32;
-using usb::UVC_GET_CUR;
-using usb::UVC_GET_INFO;
-using usb::UVC_GET_LEN;
-using usb::UVC_SET_CUR;
 
 HRESULT Error(DWORD code) {
     return platform::HResultFromError(code);
@@ -134,11 +129,11 @@ HRESULT SimCamera::NodeProperty(std::uint32_t node, const GUID& propertySet, std
     // control's length and sends or reads exactly that many bytes.
     std::uint8_t lengthBytes[2] = {};
     std::uint32_t got = 0;
-    UnitRequest(UVC_GET_LEN, static_cast<std::uint8_t>(id), lengthBytes, 2, &got);
+    UnitRequest(usb::UVC_GET_LEN, static_cast<std::uint8_t>(id), lengthBytes, 2, &got);
     const std::uint32_t controlLength = usb::Le16(lengthBytes);
     if (request == kSet) {
         if (data == nullptr || length != controlLength) return Error(ERROR_INVALID_PARAMETER);
-        if (!UnitRequest(UVC_SET_CUR, static_cast<std::uint8_t>(id), data, length, returned)) {
+        if (!UnitRequest(usb::UVC_SET_CUR, static_cast<std::uint8_t>(id), data, length, returned)) {
             return Error(ERROR_GEN_FAILURE);
         }
         return S_OK;
@@ -148,7 +143,7 @@ HRESULT SimCamera::NodeProperty(std::uint32_t node, const GUID& propertySet, std
             *returned = controlLength;
             return Error(ERROR_INSUFFICIENT_BUFFER);
         }
-        return UnitRequest(UVC_GET_CUR, static_cast<std::uint8_t>(id), data, controlLength,
+        return UnitRequest(usb::UVC_GET_CUR, static_cast<std::uint8_t>(id), data, controlLength,
                            returned)
                    ? S_OK
                    : Error(ERROR_GEN_FAILURE);
@@ -161,23 +156,23 @@ bool SimCamera::UnitRequest(std::uint8_t request, std::uint8_t selector, std::ui
     *returned = 0;
     if (!spec_.lynx || selector != 1) return false;
     switch (request) {
-        case UVC_GET_INFO:  // supports GET and SET
+        case usb::UVC_GET_INFO:  // supports GET and SET
             if (length != 1) return false;
             data[0] = 0x03;
             *returned = 1;
             return true;
-        case UVC_GET_LEN:
+        case usb::UVC_GET_LEN:
             if (length != 2) return false;
             data[0] = kFrameSize & 0xFF;
             data[1] = kFrameSize >> 8;
             *returned = 2;
             return true;
-        case UVC_SET_CUR:
+        case usb::UVC_SET_CUR:
             // The control is exactly one frame long; the device stalls anything else.
             if (length != kFrameSize || !RunCommand(data)) return false;
             *returned = kFrameSize;
             return true;
-        case UVC_GET_CUR:
+        case usb::UVC_GET_CUR:
             return length == kFrameSize && ReadReply(data, returned);
         default:
             return false;
@@ -245,7 +240,7 @@ bool SimCamera::RunCommand(const std::uint8_t* frame) {
             ++failedInfoExchanges_;
             return true;
         }
-        AppendLe(reply_, opcode);
+        usb::AppendLe(reply_, opcode);
         // The block's other fields carry non-zero values, so that a version read from the
         // wrong place shows.
         std::array<std::uint8_t, kDeviceInfoSize> info{};
@@ -263,7 +258,7 @@ bool SimCamera::RunCommand(const std::uint8_t* frame) {
     if (opcode == kSwitchToDfuCommand && parameters[0] == 1 && spec_.dfu) {
         // It answers at once and restarts after its answer is read, or after a second
         // when nobody reads it.
-        AppendLe(reply_, opcode);
+        usb::AppendLe(reply_, opcode);
         replyReadyMs_ = 0;
         leaveAfterReply_ = true;
         const std::uint32_t generation = generation_;

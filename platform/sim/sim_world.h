@@ -39,7 +39,6 @@ class SimDfuDevice {
     const DfuDeviceSpec& Spec() const { return spec_; }
     const std::wstring& Link() const { return spec_.link; }
     // The camera it came from, or -1 when it was in DFU mode from the start.
-    int CameraIndex() const { return cameraIndex_; }
 
     // Called with the world's lock held.
     platform::ErrorCode GetDescriptor(std::uint8_t type, std::uint8_t index, std::uint8_t* buffer,
