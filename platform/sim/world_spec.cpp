@@ -132,22 +132,25 @@ std::uint32_t Count(const json& object, const char* key, const std::string& wher
     return static_cast<std::uint32_t>(Unsigned(object[key], where + "." + key, min, max));
 }
 
+// The same for a field that may be left out; `field` keeps its value then.
+template <typename T>
+void CountIf(const json& object, const char* key, const std::string& where, std::uint64_t min,
+             std::uint64_t max, T& field) {
+    if (object.contains(key)) field = static_cast<T>(Count(object, key, where, min, max));
+}
+
 void ParseDfuFaults(const json& object, const std::string& where, DfuDeviceSpec& spec) {
     if (object.contains("initialState")) {
         spec.initialState = StateByName(object["initialState"], where + ".initialState");
     }
-    if (object.contains("pollTimeoutMs")) {
-        spec.pollTimeoutMs = Count(object, "pollTimeoutMs", where, 0, 0xFFFFFF);
-    }
+    CountIf(object, "pollTimeoutMs", where, 0, 0xFFFFFF, spec.pollTimeoutMs);
     if (object.contains("canUpload"))
         spec.canUpload = Bool(object["canUpload"], where + ".canUpload");
     if (object.contains("manifestationTolerant")) {
         spec.manifestationTolerant =
             Bool(object["manifestationTolerant"], where + ".manifestationTolerant");
     }
-    if (object.contains("resetAfterManifestMs")) {
-        spec.resetAfterManifestMs = Count(object, "resetAfterManifestMs", where, 0, 3600000);
-    }
+    CountIf(object, "resetAfterManifestMs", where, 0, 3600000, spec.resetAfterManifestMs);
     if (object.contains("requestFailures")) {
         const auto& list = object["requestFailures"];
         const std::string at = where + ".requestFailures";
@@ -158,12 +161,9 @@ void ParseDfuFaults(const json& object, const std::string& where, DfuDeviceSpec&
             Require(list[i], item, {"request"});
             RequestFailure failure;
             failure.request = RequestByName(list[i]["request"], item + ".request");
-            if (list[i].contains("occurrence")) {
-                failure.occurrence = Count(list[i], "occurrence", item, 1, 1000000);
-            }
-            if (list[i].contains("count"))
-                failure.count = Count(list[i], "count", item, 1, 1000000);
-            if (list[i].contains("error")) failure.error = Count(list[i], "error", item, 1, 65535);
+            CountIf(list[i], "occurrence", item, 1, 1000000, failure.occurrence);
+            CountIf(list[i], "count", item, 1, 1000000, failure.count);
+            CountIf(list[i], "error", item, 1, 65535, failure.error);
             spec.requestFailures.push_back(failure);
         }
     }
@@ -183,10 +183,8 @@ void ParseDfuFaults(const json& object, const std::string& where, DfuDeviceSpec&
         const std::string at = where + ".unplug";
         CheckKeys(unplug, at, {"atMs", "afterListings", "atRequest", "occurrence"});
         UnplugSpec parsed;
-        if (unplug.contains("atMs")) parsed.atMs = Count(unplug, "atMs", at, 0, 3600000);
-        if (unplug.contains("afterListings")) {
-            parsed.afterListings = Count(unplug, "afterListings", at, 1, 1000000);
-        }
+        CountIf(unplug, "atMs", at, 0, 3600000, parsed.atMs);
+        CountIf(unplug, "afterListings", at, 1, 1000000, parsed.afterListings);
         if (unplug.contains("atRequest")) {
             parsed.atRequest = RequestByName(unplug["atRequest"], at + ".atRequest");
         }
@@ -210,10 +208,7 @@ DfuDeviceSpec ParseDfuDevice(const json& object, const std::string& where) {
     DfuDeviceSpec spec;
     Require(object, where, {"link"});
     spec.link = Text(object["link"], where + ".link", false);
-    if (object.contains("transferSize")) {
-        spec.transferSize = static_cast<std::uint16_t>(
-            Unsigned(object["transferSize"], where + ".transferSize", 0, 65535));
-    }
+    CountIf(object, "transferSize", where, 0, 65535, spec.transferSize);
     if (object.contains("interfaces")) {
         const auto& list = object["interfaces"];
         const std::string at = where + ".interfaces";
@@ -226,14 +221,8 @@ DfuDeviceSpec ParseDfuDevice(const json& object, const std::string& where) {
                 Unsigned(list[i], at + "[" + std::to_string(i) + "]", 0, 255)));
         }
     }
-    if (object.contains("busyPolls")) {
-        spec.busyPolls = static_cast<std::uint32_t>(
-            Unsigned(object["busyPolls"], where + ".busyPolls", 0, 1000000));
-    }
-    if (object.contains("manifestPolls")) {
-        spec.manifestPolls = static_cast<std::uint32_t>(
-            Unsigned(object["manifestPolls"], where + ".manifestPolls", 0, 1000000));
-    }
+    CountIf(object, "busyPolls", where, 0, 1000000, spec.busyPolls);
+    CountIf(object, "manifestPolls", where, 0, 1000000, spec.manifestPolls);
     if (object.contains("stateAfterDetach")) {
         spec.stateAfterDetach =
             StateByName(object["stateAfterDetach"], where + ".stateAfterDetach");
@@ -311,17 +300,11 @@ CameraSpec ParseCamera(const json& object, const std::string& where, std::size_t
     if (object.contains("firmware"))
         spec.firmware = Version(object["firmware"], where + ".firmware");
     spec.firmwareAfterUpdate = spec.firmware;
-    if (object.contains("infoFailures")) {
-        spec.infoFailures = static_cast<std::uint32_t>(
-            Unsigned(object["infoFailures"], where + ".infoFailures", 0, 1000000));
-    }
+    CountIf(object, "infoFailures", where, 0, 1000000, spec.infoFailures);
     if (object.contains("topology"))
         ParseTopology(object["topology"], where + ".topology", spec.topology);
     if (object.contains("dfu")) spec.dfu = ParseDfuDevice(object["dfu"], where + ".dfu");
-    if (object.contains("dfuDelayMs")) {
-        spec.dfuDelayMs = static_cast<std::uint32_t>(
-            Unsigned(object["dfuDelayMs"], where + ".dfuDelayMs", 0, 3600000));
-    }
+    CountIf(object, "dfuDelayMs", where, 0, 3600000, spec.dfuDelayMs);
     if (object.contains("firmwareAfterUpdate")) {
         spec.firmwareAfterUpdate =
             Version(object["firmwareAfterUpdate"], where + ".firmwareAfterUpdate");
@@ -347,7 +330,7 @@ CameraSpec ParseCamera(const json& object, const std::string& where, std::size_t
             fault.kind = kKinds[NameIndex(
                 list[i]["kind"], item + ".kind", kNames,
                 "must be \"setFails\", \"getFails\", \"shortReply\" or \"wrongEcho\"")];
-            if (list[i].contains("times")) fault.times = Count(list[i], "times", item, 1, 1000000);
+            CountIf(list[i], "times", item, 1, 1000000, fault.times);
             spec.commandFaults.push_back(fault);
         }
     }
