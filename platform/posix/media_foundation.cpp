@@ -173,14 +173,18 @@ HRESULT MFCreateAttributes(IMFAttributes** attributes, UINT32) {
     return store ? S_OK : E_OUTOFMEMORY;
 }
 
+// What both device-source calls check first: a start-up, then the source type asked for.
+static HRESULT StartedSourceType(IMFAttributes* attributes, GUID* sourceType) {
+    if (platform::posix::startups == 0) return platform::posix::MF_E_PLATFORM_NOT_INITIALIZED;
+    return attributes->GetGUID(MF_DEVSOURCE_ATTRIBUTE_SOURCE_TYPE, sourceType);
+}
+
 HRESULT MFEnumDeviceSources(IMFAttributes* attributes, IMFActivate*** sources, UINT32* count) {
     if (attributes == nullptr || sources == nullptr || count == nullptr) return E_POINTER;
     *sources = nullptr;
     *count = 0;
-    if (platform::posix::startups == 0) return platform::posix::MF_E_PLATFORM_NOT_INITIALIZED;
     GUID sourceType{};
-    if (const HRESULT status = attributes->GetGUID(MF_DEVSOURCE_ATTRIBUTE_SOURCE_TYPE, &sourceType);
-        status != S_OK) {
+    if (const HRESULT status = StartedSourceType(attributes, &sourceType); status != S_OK) {
         return status;
     }
     // Only video-capture devices exist behind the backend; audio capture lists nothing.
@@ -230,10 +234,8 @@ HRESULT MFEnumDeviceSources(IMFAttributes* attributes, IMFActivate*** sources, U
 HRESULT MFCreateDeviceSourceActivate(IMFAttributes* attributes, IMFActivate** activate) {
     if (attributes == nullptr || activate == nullptr) return E_POINTER;
     *activate = nullptr;
-    if (platform::posix::startups == 0) return platform::posix::MF_E_PLATFORM_NOT_INITIALIZED;
     GUID sourceType{};
-    if (const HRESULT status = attributes->GetGUID(MF_DEVSOURCE_ATTRIBUTE_SOURCE_TYPE, &sourceType);
-        status != S_OK) {
+    if (const HRESULT status = StartedSourceType(attributes, &sourceType); status != S_OK) {
         return status;
     }
     if (sourceType != MF_DEVSOURCE_ATTRIBUTE_SOURCE_TYPE_VIDCAP_GUID) return E_INVALIDARG;

@@ -132,6 +132,17 @@ std::uint32_t Count(const json& object, const char* key, const std::string& wher
     return static_cast<std::uint32_t>(Unsigned(object[key], where + "." + key, min, max));
 }
 
+// Parses each entry of the array object[key], when there is one, with its place.
+template <typename Parse>
+void EachEntry(const json& object, const char* key, const std::string& where, Parse parse) {
+    if (!object.contains(key)) return;
+    const std::string at = where + "." + key;
+    if (!object[key].is_array()) Fail(at, "must be an array");
+    for (std::size_t i = 0; i < object[key].size(); ++i) {
+        parse(object[key][i], at + "[" + std::to_string(i) + "]");
+    }
+}
+
 // The same for a field that may be left out; `field` keeps its value then.
 template <typename T>
 void CountIf(const json& object, const char* key, const std::string& where, std::uint64_t min,
@@ -151,22 +162,16 @@ void ParseDfuFaults(const json& object, const std::string& where, DfuDeviceSpec&
             Bool(object["manifestationTolerant"], where + ".manifestationTolerant");
     }
     CountIf(object, "resetAfterManifestMs", where, 0, 3600000, spec.resetAfterManifestMs);
-    if (object.contains("requestFailures")) {
-        const auto& list = object["requestFailures"];
-        const std::string at = where + ".requestFailures";
-        if (!list.is_array()) Fail(at, "must be an array");
-        for (std::size_t i = 0; i < list.size(); ++i) {
-            const std::string item = at + "[" + std::to_string(i) + "]";
-            CheckKeys(list[i], item, {"request", "occurrence", "count", "error"});
-            Require(list[i], item, {"request"});
-            RequestFailure failure;
-            failure.request = RequestByName(list[i]["request"], item + ".request");
-            CountIf(list[i], "occurrence", item, 1, 1000000, failure.occurrence);
-            CountIf(list[i], "count", item, 1, 1000000, failure.count);
-            CountIf(list[i], "error", item, 1, 65535, failure.error);
-            spec.requestFailures.push_back(failure);
-        }
-    }
+    EachEntry(object, "requestFailures", where, [&](const json& entry, const std::string& item) {
+        CheckKeys(entry, item, {"request", "occurrence", "count", "error"});
+        Require(entry, item, {"request"});
+        RequestFailure failure;
+        failure.request = RequestByName(entry["request"], item + ".request");
+        CountIf(entry, "occurrence", item, 1, 1000000, failure.occurrence);
+        CountIf(entry, "count", item, 1, 1000000, failure.count);
+        CountIf(entry, "error", item, 1, 65535, failure.error);
+        spec.requestFailures.push_back(failure);
+    });
     if (object.contains("statusAfterBlock")) {
         const auto& answer = object["statusAfterBlock"];
         const std::string at = where + ".statusAfterBlock";
@@ -313,27 +318,21 @@ CameraSpec ParseCamera(const json& object, const std::string& where, std::size_t
         spec.inDfuMode = Bool(object["inDfuMode"], where + ".inDfuMode");
         if (spec.inDfuMode && !spec.dfu) Fail(where + ".inDfuMode", "needs a dfu device");
     }
-    if (object.contains("commandFaults")) {
-        const auto& list = object["commandFaults"];
-        const std::string at = where + ".commandFaults";
-        if (!list.is_array()) Fail(at, "must be an array");
-        for (std::size_t i = 0; i < list.size(); ++i) {
-            const std::string item = at + "[" + std::to_string(i) + "]";
-            CheckKeys(list[i], item, {"opcode", "kind", "times"});
-            Require(list[i], item, {"opcode", "kind"});
-            CommandFault fault;
-            fault.opcode = Count(list[i], "opcode", item, 0, 0xFFFFFFFFu);
-            constexpr const char* kNames[] = {"setFails", "getFails", "shortReply", "wrongEcho"};
-            constexpr CommandFaultKind kKinds[] = {
-                CommandFaultKind::kSetFails, CommandFaultKind::kGetFails,
-                CommandFaultKind::kShortReply, CommandFaultKind::kWrongEcho};
-            fault.kind = kKinds[NameIndex(
-                list[i]["kind"], item + ".kind", kNames,
-                "must be \"setFails\", \"getFails\", \"shortReply\" or \"wrongEcho\"")];
-            CountIf(list[i], "times", item, 1, 1000000, fault.times);
-            spec.commandFaults.push_back(fault);
-        }
-    }
+    EachEntry(object, "commandFaults", where, [&](const json& entry, const std::string& item) {
+        CheckKeys(entry, item, {"opcode", "kind", "times"});
+        Require(entry, item, {"opcode", "kind"});
+        CommandFault fault;
+        fault.opcode = Count(entry, "opcode", item, 0, 0xFFFFFFFFu);
+        constexpr const char* kNames[] = {"setFails", "getFails", "shortReply", "wrongEcho"};
+        constexpr CommandFaultKind kKinds[] = {
+            CommandFaultKind::kSetFails, CommandFaultKind::kGetFails, CommandFaultKind::kShortReply,
+            CommandFaultKind::kWrongEcho};
+        fault.kind = kKinds[NameIndex(
+            entry["kind"], item + ".kind", kNames,
+            "must be \"setFails\", \"getFails\", \"shortReply\" or \"wrongEcho\"")];
+        CountIf(entry, "times", item, 1, 1000000, fault.times);
+        spec.commandFaults.push_back(fault);
+    });
     return spec;
 }
 
