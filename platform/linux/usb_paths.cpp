@@ -54,15 +54,6 @@ std::vector<std::string_view> Split(std::string_view text, char separator) {
     }
 }
 
-// The three '#'-separated parts of a lower-cased "\\?\usb#..." path, viewing `lower`.
-std::optional<std::vector<std::string_view>> UsbPathParts(const std::string& lower) {
-    constexpr std::string_view prefix = "\\\\?\\usb#";
-    if (lower.compare(0, prefix.size(), prefix) != 0) return std::nullopt;
-    auto parts = Split(std::string_view(lower).substr(prefix.size()), '#');
-    if (parts.size() != 3) return std::nullopt;
-    return parts;
-}
-
 // "vid_3c5e&pid_0f1c" or, with an interface, "vid_3c5e&pid_0b64&mi_00".
 bool ParseHardwarePart(std::string_view part, UsbDeviceAddress* address,
                        std::optional<std::uint8_t>* interfaceNumber) {
@@ -92,6 +83,23 @@ bool ParseInstance(std::string_view instance, UsbDeviceAddress* address) {
     return true;
 }
 
+// A "\\?\usb#<hardware>#<instance>#<rest>" path in any case: the device it names and the
+// rest, which views `lower` (the path lower-cased).
+std::optional<std::string_view> ParseUsbPath(const std::wstring& path, std::string* lower,
+                                             UsbDeviceAddress* address,
+                                             std::optional<std::uint8_t>* interfaceNumber) {
+    constexpr std::string_view prefix = "\\\\?\\usb#";
+    auto ascii = LowerAscii(path);
+    if (!ascii || ascii->compare(0, prefix.size(), prefix) != 0) return std::nullopt;
+    *lower = std::move(*ascii);
+    const auto parts = Split(std::string_view(*lower).substr(prefix.size()), '#');
+    if (parts.size() != 3 || !ParseHardwarePart(parts[0], address, interfaceNumber) ||
+        !ParseInstance(parts[1], address)) {
+        return std::nullopt;
+    }
+    return parts[2];
+}
+
 std::wstring HardwareAndInstance(const UsbDeviceAddress& address, const char* interfacePart) {
     char hardware[64];
     std::snprintf(hardware, sizeof hardware, "\\\\?\\USB#VID_%04X&PID_%04X%s#", address.vendorId,
@@ -108,17 +116,12 @@ std::wstring BuildUsbInterfacePath(const UsbDeviceAddress& address) {
 }
 
 std::optional<UsbDeviceAddress> ParseUsbInterfacePath(const std::wstring& path) {
-    const auto lower = LowerAscii(path);
-    const auto parts = lower ? UsbPathParts(*lower) : std::nullopt;
-    if (!parts) return std::nullopt;
+    std::string lower;
     UsbDeviceAddress address;
     std::optional<std::uint8_t> interfaceNumber;
-    if (!ParseHardwarePart((*parts)[0], &address, &interfaceNumber) || interfaceNumber) {
-        return std::nullopt;
-    }
-    if (!ParseInstance((*parts)[1], &address)) return std::nullopt;
-    std::string guid(kUsbDeviceClass.begin(), kUsbDeviceClass.end());
-    if ((*parts)[2] != guid) return std::nullopt;
+    const auto rest = ParseUsbPath(path, &lower, &address, &interfaceNumber);
+    const std::string guid(kUsbDeviceClass.begin(), kUsbDeviceClass.end());
+    if (!rest || interfaceNumber || *rest != guid) return std::nullopt;
     return address;
 }
 
@@ -131,17 +134,13 @@ std::wstring BuildVideoLink(const UsbDeviceAddress& address, std::uint8_t interf
 }
 
 std::optional<VideoLink> ParseVideoLink(const std::wstring& link) {
-    const auto lower = LowerAscii(link);
-    const auto parts = lower ? UsbPathParts(*lower) : std::nullopt;
-    if (!parts) return std::nullopt;
+    std::string lower;
     VideoLink result;
     std::optional<std::uint8_t> interfaceNumber;
-    if (!ParseHardwarePart((*parts)[0], &result.address, &interfaceNumber) || !interfaceNumber) {
-        return std::nullopt;
-    }
+    const auto rest = ParseUsbPath(link, &lower, &result.address, &interfaceNumber);
+    if (!rest || !interfaceNumber) return std::nullopt;
     result.interfaceNumber = *interfaceNumber;
-    if (!ParseInstance((*parts)[1], &result.address)) return std::nullopt;
-    const std::string_view tail = (*parts)[2];
+    const std::string_view tail = *rest;
     const std::string guid(kCameraClass.begin(), kCameraClass.end());
     if (tail.size() <= guid.size() + 1 || tail.substr(0, guid.size()) != guid ||
         tail[guid.size()] != '\\') {
