@@ -91,6 +91,8 @@ KSP_NODE ExtensionUnitKsControl::NodeHeader(const KSIDENTIFIER& header) const {
     return addressed;
 }
 
+// IKsControl's three calls share one shape, which the interface fixes: each goes to the
+// node's own control with the node's header in front of the caller's.
 HRESULT ExtensionUnitKsControl::KsProperty(PKSPROPERTY property, ULONG, LPVOID data,
                                            ULONG dataLength, ULONG* bytesReturned) {
     if (!nodeControl) return E_FAIL;

@@ -5,37 +5,21 @@
 #include <stdexcept>
 
 #include "platform/sync.h"
+#include "platform/usb_descriptors.h"
 
 namespace {
 
 using Frame = std::array<std::uint8_t, kCommandFrameSize>;
 
-void PutLe16(std::uint8_t* at, std::uint16_t value) {
-    at[0] = static_cast<std::uint8_t>(value);
-    at[1] = static_cast<std::uint8_t>(value >> 8);
-}
-
-void PutLe32(std::uint8_t* at, std::uint32_t value) {
-    for (int i = 0; i < 4; ++i) at[i] = static_cast<std::uint8_t>(value >> (8 * i));
-}
-
-std::uint32_t Le32(const std::uint8_t* at) {
-    return static_cast<std::uint32_t>(at[0]) | (static_cast<std::uint32_t>(at[1]) << 8) |
-           (static_cast<std::uint32_t>(at[2]) << 16) | (static_cast<std::uint32_t>(at[3]) << 24);
-}
-
+using usb::Le32;
 // The header of a frame; the bytes after the header and data stay zero.
 void FillHeader(Frame& frame, std::size_t dataLength, std::uint32_t opcode,
                 std::uint32_t parameter1, std::uint32_t parameter2, std::uint32_t parameter3,
                 std::uint32_t parameter4) {
-    PutLe16(frame.data(), static_cast<std::uint16_t>(20 + dataLength));
+    usb::StoreLe(frame.data(), static_cast<std::uint16_t>(20 + dataLength));
     frame[2] = 0xAB;
     frame[3] = 0xCD;
-    PutLe32(&frame[4], opcode);
-    PutLe32(&frame[8], parameter1);
-    PutLe32(&frame[12], parameter2);
-    PutLe32(&frame[16], parameter3);
-    PutLe32(&frame[20], parameter4);
+    usb::StoreLe(&frame[4], opcode, parameter1, parameter2, parameter3, parameter4);
 }
 
 }  // namespace

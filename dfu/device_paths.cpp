@@ -3,6 +3,7 @@
 #include <cwctype>
 #include <regex>
 
+#include "diag/answer.h"
 #include "platform/cfgmgr.h"
 
 std::wstring ToLower(const std::wstring& text) {
@@ -29,27 +30,11 @@ DeviceFilter MakeUsbDeviceFilter(const std::wstring& vendorToken, const std::wst
     return filter;
 }
 
-namespace {
-
-// _wtoi: optional white space, an optional sign, decimal digits up to the first other unit.
-int WideToInt(const std::wstring& text) {
-    std::size_t i = 0;
-    while (i < text.size() && std::iswspace(static_cast<wint_t>(text[i]))) ++i;
-    bool negative = false;
-    if (i < text.size() && (text[i] == L'+' || text[i] == L'-')) negative = text[i++] == L'-';
-    int value = 0;
-    for (; i < text.size() && text[i] >= L'0' && text[i] <= L'9'; ++i)
-        value = value * 10 + (text[i] - L'0');
-    return negative ? -value : value;
-}
-
-}  // namespace
-
 std::int32_t GetInterfaceKind(const std::wstring& path) {
     const std::wregex expression(L"mi_(..)#.*", std::regex::ECMAScript);
     std::wsmatch match;
     if (!std::regex_search(path, match, expression)) return kInterfaceKindOther;
-    switch (WideToInt(match[1].str())) {
+    switch (ParseLeadingNumber(match[1].str())) {
         case 0:
             return kInterfaceKindFirst;
         case 2:

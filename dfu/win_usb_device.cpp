@@ -1,18 +1,12 @@
 #include "dfu/win_usb_device.h"
 
 #include <algorithm>
-#include <cstring>
 
 #include "platform/sync.h"
 
 namespace dfu {
 namespace {
 
-constexpr UCHAR kDeviceDescriptorType = 1;
-constexpr UCHAR kConfigurationDescriptorType = 2;
-constexpr UCHAR kDfuFunctionalDescriptorType = 0x21;
-constexpr UCHAR kApplicationSpecificClass = 0xFE;
-constexpr std::size_t kDfuFunctionalDescriptorLength = 9;
 constexpr ULONG kConfigurationBufferLength = 1024;
 constexpr HRESULT kBadLength = static_cast<HRESULT>(0x80070018u);
 // WinUsb_ControlTransfer: "The length of this buffer must not exceed 4KB." DFU 1.1 lets a
@@ -35,18 +29,16 @@ bool IsHandle(HANDLE handle) {
 
 std::optional<std::size_t> FindDfuFunctionalDescriptor(const std::uint8_t* bytes,
                                                        std::size_t length) {
-    std::size_t offset = 0;
-    while (offset + 1 < length) {
-        const std::size_t descriptorLength = bytes[offset];
-        if (descriptorLength == 0) return std::nullopt;
-        if (descriptorLength == kDfuFunctionalDescriptorLength &&
-            bytes[offset + 1] == kDfuFunctionalDescriptorType &&
-            length - offset >= kDfuFunctionalDescriptorLength) {
-            return offset;
+    std::optional<std::size_t> found;
+    usb::WalkDescriptors(bytes, length, [&](const usb::usb_descriptor_header& d) {
+        if (d.bLength != usb::usb_dfu_functional_descriptor::bLength ||
+            d.bDescriptorType != usb::USB_DT_DFU_FUNCTIONAL) {
+            return true;
         }
-        offset += descriptorLength;
-    }
-    return std::nullopt;
+        found = static_cast<std::size_t>(d.bytes - bytes);
+        return false;
+    });
+    return found;
 }
 
 WinUsbControlEndpoint::WinUsbControlEndpoint(std::uint8_t interfaceNumber,
@@ -119,22 +111,24 @@ void WinUsbDevice::ReleaseDfuInterfaceHandle() {
     dfuInterfaceHandle = nullptr;
 }
 
-HRESULT WinUsbDevice::SelectDfuInterface() {
+template <std::size_t N>
+HRESULT WinUsbDevice::ReadWholeDescriptor(UCHAR type, UCHAR (&buffer)[N]) {
     ULONG transferred = 0;
-    if (!WinUsb_GetDescriptor(winUsbHandle, kDeviceDescriptorType, 0, 0, deviceDescriptor,
-                              sizeof deviceDescriptor, &transferred)) {
+    if (!WinUsb_GetDescriptor(winUsbHandle, type, 0, 0, buffer, N, &transferred)) {
         return LastErrorStatus();
     }
-    if (transferred != sizeof deviceDescriptor) return E_FAIL;
+    return transferred == N ? S_OK : E_FAIL;
+}
 
-    transferred = 0;
-    if (!WinUsb_GetDescriptor(winUsbHandle, kConfigurationDescriptorType, 0, 0, configurationHeader,
-                              sizeof configurationHeader, &transferred)) {
-        return LastErrorStatus();
-    }
-    if (transferred != sizeof configurationHeader) return E_FAIL;
+HRESULT WinUsbDevice::SelectDfuInterface() {
+    UCHAR deviceDescriptor[usb::usb_device_descriptor::bLength] = {};
+    UCHAR configurationHeader[usb::usb_config_descriptor::bLength] = {};
+    HRESULT read = ReadWholeDescriptor(usb::USB_DT_DEVICE, deviceDescriptor);
+    if (read == S_OK) read = ReadWholeDescriptor(usb::USB_DT_CONFIG, configurationHeader);
+    if (read != S_OK) return read;
 
-    const unsigned interfaceCount = configurationHeader[4];  // bNumInterfaces
+    const unsigned interfaceCount =
+        usb::usb_config_descriptor::Read(configurationHeader).bNumInterfaces;
     if (interfaceCount == 0) return E_NOINTERFACE;
 
     WINUSB_INTERFACE_HANDLE handle = winUsbHandle;
@@ -145,7 +139,7 @@ HRESULT WinUsbDevice::SelectDfuInterface() {
             if (handle != winUsbHandle) WinUsb_Free(handle);
             return status;
         }
-        if (descriptor.bInterfaceClass == kApplicationSpecificClass) {
+        if (descriptor.bInterfaceClass == usb::USB_CLASS_APP_SPEC) {
             dfuInterfaceNumber = descriptor.bInterfaceNumber;
             dfuAlternateSetting = descriptor.bAlternateSetting;
             dfuInterfaceHandle = handle;
@@ -160,9 +154,9 @@ HRESULT WinUsbDevice::SelectDfuInterface() {
     }
 
     std::vector<UCHAR> configuration(kConfigurationBufferLength, 0);
-    transferred = 0;
-    if (!WinUsb_GetDescriptor(winUsbHandle, kConfigurationDescriptorType, 0, 0,
-                              configuration.data(), kConfigurationBufferLength, &transferred)) {
+    ULONG transferred = 0;
+    if (!WinUsb_GetDescriptor(winUsbHandle, usb::USB_DT_CONFIG, 0, 0, configuration.data(),
+                              kConfigurationBufferLength, &transferred)) {
         const HRESULT status = LastErrorStatus();
         ReleaseDfuInterfaceHandle();
         return status;
@@ -173,8 +167,7 @@ HRESULT WinUsbDevice::SelectDfuInterface() {
         ReleaseDfuInterfaceHandle();
         return E_NOINTERFACE;
     }
-    std::memcpy(dfuFunctionalDescriptor, configuration.data() + *found,
-                sizeof dfuFunctionalDescriptor);
+    dfuFunctional = usb::usb_dfu_functional_descriptor::Read(configuration.data() + *found);
 
     if (!WinUsb_SetCurrentAlternateSetting(dfuInterfaceHandle, dfuAlternateSetting)) {
         const HRESULT status = LastErrorStatus();
@@ -186,9 +179,8 @@ HRESULT WinUsbDevice::SelectDfuInterface() {
 }
 
 std::shared_ptr<usb_core::IUsbControlEndpoint> WinUsbDevice::AcquireControlEndpoint() {
-    const auto wTransferSize =
-        static_cast<std::uint16_t>(dfuFunctionalDescriptor[5] | (dfuFunctionalDescriptor[6] << 8));
-    const std::uint16_t transferSize = std::min(wTransferSize, kLargestControlDataStage);
+    const std::uint16_t transferSize =
+        std::min(dfuFunctional.wTransferSize, kLargestControlDataStage);
     auto endpoint = std::make_shared<WinUsbControlEndpoint>(dfuInterfaceNumber, transferSize, this);
     endpoints.push_back(endpoint);
     return endpoint;

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/usb_descriptors.h"
 #include "platform/winusb.h"
 #include "usb_core/usb_control_endpoint.h"
 
@@ -52,6 +53,9 @@ class WinUsbDevice {
     friend class WinUsbControlEndpoint;
 
     HRESULT SelectDfuInterface();
+    // The first descriptor of a type, which must fill the buffer.
+    template <std::size_t N>
+    HRESULT ReadWholeDescriptor(UCHAR type, UCHAR (&buffer)[N]);
     void ReleaseDfuInterfaceHandle();
 
     bool open = false;
@@ -63,9 +67,7 @@ class WinUsbDevice {
     std::uint8_t dfuAlternateSetting = 0;
     WINUSB_INTERFACE_HANDLE winUsbHandle = nullptr;
     HANDLE fileHandle = nullptr;
-    std::uint8_t dfuFunctionalDescriptor[9] = {};
-    std::uint8_t deviceDescriptor[18] = {};
-    std::uint8_t configurationHeader[9] = {};
+    usb::usb_dfu_functional_descriptor dfuFunctional;
     std::wstring symbolicLink;
 };
 

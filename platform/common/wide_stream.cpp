@@ -1,69 +1,124 @@
 #include "platform/common/wide_stream.h"
 
-namespace platform {
+#include <utility>
 
-void AppendUtf8(std::string& out, char32_t cp) {
-    if ((cp >= 0xD800 && cp <= 0xDFFF) || cp > 0x10FFFF) cp = 0xFFFD;
-    if (cp < 0x80) {
-        out.push_back(static_cast<char>(cp));
-    } else if (cp < 0x800) {
-        out.push_back(static_cast<char>(0xC0 | (cp >> 6)));
-        out.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
-    } else if (cp < 0x10000) {
-        out.push_back(static_cast<char>(0xE0 | (cp >> 12)));
-        out.push_back(static_cast<char>(0x80 | ((cp >> 6) & 0x3F)));
-        out.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
+namespace platform {
+namespace {
+
+bool IsHighSurrogate(char32_t unit) {
+    return unit >= 0xD800 && unit <= 0xDBFF;
+}
+bool IsLowSurrogate(char32_t unit) {
+    return unit >= 0xDC00 && unit <= 0xDFFF;
+}
+
+void AppendWide(std::wstring& out, char32_t cp) {
+    if (sizeof(wchar_t) == 2 && cp > 0xFFFF) {
+        out.push_back(static_cast<wchar_t>(0xD800 + ((cp - 0x10000) >> 10)));
+        out.push_back(static_cast<wchar_t>(0xDC00 + ((cp - 0x10000) & 0x3FF)));
     } else {
-        out.push_back(static_cast<char>(0xF0 | (cp >> 18)));
-        out.push_back(static_cast<char>(0x80 | ((cp >> 12) & 0x3F)));
-        out.push_back(static_cast<char>(0x80 | ((cp >> 6) & 0x3F)));
-        out.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
+        out.push_back(static_cast<wchar_t>(cp));
     }
 }
 
-std::string WideToUtf8(std::wstring_view text) {
+}  // namespace
+
+void AppendUtf8(std::string& out, char32_t cp) {
+    if (IsHighSurrogate(cp) || IsLowSurrogate(cp) || cp > 0x10FFFF) cp = 0xFFFD;
+    constexpr unsigned char kLead[] = {0x00, 0xC0, 0xE0, 0xF0};
+    const int following = cp < 0x80 ? 0 : cp < 0x800 ? 1 : cp < 0x10000 ? 2 : 3;
+    out.push_back(static_cast<char>(kLead[following] | (cp >> (6 * following))));
+    for (int k = following - 1; k >= 0; --k) {
+        out.push_back(static_cast<char>(0x80 | ((cp >> (6 * k)) & 0x3F)));
+    }
+}
+
+std::string Utf16ToUtf8(std::u16string_view units) {
     std::string out;
-    out.reserve(text.size());
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        char32_t cp = static_cast<char32_t>(text[i]);
-        if constexpr (sizeof(wchar_t) == 2) {
-            cp &= 0xFFFF;
-            if (cp >= 0xD800 && cp <= 0xDBFF && i + 1 < text.size()) {
-                const char32_t low = static_cast<char32_t>(text[i + 1]) & 0xFFFF;
-                if (low >= 0xDC00 && low <= 0xDFFF) {
-                    cp = 0x10000 + ((cp - 0xD800) << 10) + (low - 0xDC00);
-                    ++i;
-                }
-            }
+    out.reserve(units.size());
+    for (std::size_t i = 0; i < units.size(); ++i) {
+        char32_t cp = units[i];
+        if (IsHighSurrogate(cp) && i + 1 < units.size() && IsLowSurrogate(units[i + 1])) {
+            cp = 0x10000 + ((cp - 0xD800) << 10) + (units[++i] - 0xDC00);
         }
         AppendUtf8(out, cp);
     }
     return out;
 }
 
-void Utf8WideStreamBuf::Put(wchar_t ch) {
-    std::string bytes;
-    char32_t cp = static_cast<char32_t>(ch);
+std::string WideToUtf8(std::wstring_view text) {
     if constexpr (sizeof(wchar_t) == 2) {
-        cp &= 0xFFFF;
-        if (pendingHighSurrogate_ != 0) {
-            const char32_t high = static_cast<char32_t>(pendingHighSurrogate_) & 0xFFFF;
-            pendingHighSurrogate_ = 0;
-            if (cp >= 0xDC00 && cp <= 0xDFFF) {
-                AppendUtf8(bytes, 0x10000 + ((high - 0xD800) << 10) + (cp - 0xDC00));
-                target_.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-                return;
-            }
-            AppendUtf8(bytes, high);
-        }
-        if (cp >= 0xD800 && cp <= 0xDBFF) {
-            pendingHighSurrogate_ = ch;
-            if (!bytes.empty())
-                target_.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-            return;
-        }
+        return Utf16ToUtf8(std::u16string(text.begin(), text.end()));
+    } else {
+        std::string out;
+        out.reserve(text.size());
+        for (wchar_t ch : text) AppendUtf8(out, static_cast<char32_t>(ch));
+        return out;
     }
-    AppendUtf8(bytes, cp);
+}
+
+std::wstring Utf8ToWide(std::string_view text) {
+    std::wstring out;
+    out.reserve(text.size());
+    for (std::size_t i = 0; i < text.size();) {
+        const auto lead = static_cast<unsigned char>(text[i++]);
+        // How many bytes follow the lead byte; -1 for a byte that cannot start a sequence.
+        const int following = lead < 0x80   ? 0
+                              : lead < 0xC2 ? -1
+                              : lead < 0xE0 ? 1
+                              : lead < 0xF0 ? 2
+                              : lead < 0xF5 ? 3
+                                            : -1;
+        if (following <= 0) {
+            AppendWide(out, following == 0 ? lead : 0xFFFD);
+            continue;
+        }
+        // The second byte's range rules out overlong forms, surrogates and values past
+        // U+10FFFF; a byte out of range ends the sequence and starts the next one.
+        unsigned char low = lead == 0xE0 ? 0xA0 : lead == 0xF0 ? 0x90 : 0x80;
+        unsigned char high = lead == 0xED ? 0x9F : lead == 0xF4 ? 0x8F : 0xBF;
+        char32_t cp = lead & (0x3F >> following);
+        int taken = 0;
+        for (; taken < following && i < text.size(); ++taken, ++i) {
+            const auto next = static_cast<unsigned char>(text[i]);
+            if (next < low || next > high) break;
+            cp = (cp << 6) | (next & 0x3F);
+            low = 0x80;
+            high = 0xBF;
+        }
+        AppendWide(out, taken == following ? cp : 0xFFFD);
+    }
+    return out;
+}
+
+std::string Utf16LeToUtf8(const std::uint8_t* data, std::size_t size) {
+    std::u16string units;
+    for (std::size_t i = 0; i + 1 < size; i += 2) {
+        units.push_back(static_cast<char16_t>(data[i] | (data[i + 1] << 8)));
+    }
+    return Utf16ToUtf8(units);
+}
+
+std::vector<std::uint8_t> WideToUtf16Le(std::wstring_view text) {
+    std::vector<std::uint8_t> bytes;
+    for (wchar_t ch : text) {
+        const auto unit = static_cast<std::uint32_t>(ch);
+        bytes.push_back(static_cast<std::uint8_t>(unit));
+        bytes.push_back(static_cast<std::uint8_t>(unit >> 8));
+    }
+    return bytes;
+}
+
+void Utf8WideStreamBuf::Put(wchar_t ch) {
+    std::wstring units(1, ch);
+    // Where wchar_t is UTF-16 a pair may come in two writes: its first half waits.
+    if (pendingHighSurrogate_ != 0)
+        units.insert(units.begin(), std::exchange(pendingHighSurrogate_, 0));
+    if (sizeof(wchar_t) == 2 && IsHighSurrogate(static_cast<char32_t>(ch) & 0xFFFF)) {
+        pendingHighSurrogate_ = ch;
+        units.pop_back();
+    }
+    const std::string bytes = WideToUtf8(units);
     target_.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
 }
 

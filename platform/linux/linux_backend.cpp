@@ -17,6 +17,7 @@
 #include <map>
 #include <set>
 
+#include "platform/common/wide_stream.h"
 #include "platform/ks.h"
 #include "platform/linux/camera_functions.h"
 #include "platform/linux/settings_store.h"
@@ -24,14 +25,11 @@
 #include "platform/linux/uevent_monitor.h"
 #include "platform/linux/usb_paths.h"
 #include "platform/linux/uvc_descriptors.h"
+#include "platform/usb_descriptors.h"
 
 namespace platform::linux_hw {
 namespace {
 
-constexpr std::uint8_t kUvcSetCur = 0x01;
-constexpr std::uint8_t kUvcGetCur = 0x81;
-constexpr std::uint8_t kUvcGetLen = 0x85;
-constexpr std::uint8_t kUvcGetInfo = 0x86;
 constexpr std::uint8_t kInfoSupportsSet = 0x02;
 
 // Long enough for a device that is busy writing flash; short enough not to hang the tool.
@@ -74,13 +72,10 @@ class UsbfsConnection final : public UsbDeviceConnection {
     ErrorCode GetDescriptor(std::uint8_t type, std::uint8_t index, std::uint16_t language,
                             std::uint8_t* buffer, std::uint32_t length,
                             std::uint32_t* transferred) override {
-        UsbSetupPacket setup;
-        setup.requestType = 0x80;
-        setup.request = 6;  // GET_DESCRIPTOR
-        setup.value = static_cast<std::uint16_t>((type << 8) | index);
-        setup.index = language;
-        setup.length = static_cast<std::uint16_t>(length > 0xFFFF ? 0xFFFF : length);
-        return ControlTransfer(setup, buffer, setup.length, transferred);
+        const UsbSetupPacket setup{0x80, usb::USB_REQ_GET_DESCRIPTOR,
+                                   static_cast<std::uint16_t>((type << 8) | index), language,
+                                   static_cast<std::uint16_t>(std::min(length, 0xFFFFu))};
+        return ControlTransfer(setup, buffer, setup.wLength, transferred);
     }
 
     ErrorCode ClaimInterface(std::uint8_t interfaceNumber) override {
@@ -115,13 +110,13 @@ class UsbfsConnection final : public UsbDeviceConnection {
     ErrorCode ControlTransfer(const UsbSetupPacket& setup, std::uint8_t* buffer,
                               std::uint32_t length, std::uint32_t* transferred) override {
         if (transferred != nullptr) *transferred = 0;
-        if (length > setup.length) length = setup.length;
+        if (length > setup.wLength) length = setup.wLength;
         if (length > 0 && buffer == nullptr) return ERROR_INVALID_PARAMETER;
         usbdevfs_ctrltransfer request{};
-        request.bRequestType = setup.requestType;
-        request.bRequest = setup.request;
-        request.wValue = setup.value;
-        request.wIndex = setup.index;
+        request.bRequestType = setup.bRequestType;
+        request.bRequest = setup.bRequest;
+        request.wValue = setup.wValue;
+        request.wIndex = setup.wIndex;
         // The data stage is what the caller's buffer holds, never more than the setup says.
         request.wLength = static_cast<std::uint16_t>(length);
         request.timeout = kControlTimeoutMs;
@@ -186,7 +181,7 @@ class V4l2Connection final : public VideoDeviceConnection {
 
         if (request == KSPROPERTY_TYPE_SETSUPPORT) {
             std::uint8_t info = 0;
-            const ErrorCode error = Query(unit.id, selector, kUvcGetInfo, &info, 1);
+            const ErrorCode error = Query(unit.id, selector, usb::UVC_GET_INFO, &info, 1);
             if (error != ERROR_SUCCESS) return HResultFromError(error);
             return (info & kInfoSupportsSet) ? S_OK : HResultFromError(ERROR_NOT_SUPPORTED);
         }
@@ -194,22 +189,22 @@ class V4l2Connection final : public VideoDeviceConnection {
             return HResultFromError(ERROR_NOT_SUPPORTED);
 
         std::uint8_t lengthBytes[2] = {};
-        ErrorCode error = Query(unit.id, selector, kUvcGetLen, lengthBytes, 2);
+        ErrorCode error = Query(unit.id, selector, usb::UVC_GET_LEN, lengthBytes, 2);
         if (error != ERROR_SUCCESS) return HResultFromError(error);
-        const std::uint32_t size = lengthBytes[0] | (lengthBytes[1] << 8);
+        const std::uint32_t size = usb::Le16(lengthBytes);
         if (request == KSPROPERTY_TYPE_GET) {
             if (data == nullptr || length < size) {
                 // As kernel streaming does: the caller learns the size it needs.
                 *returned = size;
                 return HResultFromError(ERROR_INSUFFICIENT_BUFFER);
             }
-            error = Query(unit.id, selector, kUvcGetCur, data, size);
+            error = Query(unit.id, selector, usb::UVC_GET_CUR, data, size);
             if (error != ERROR_SUCCESS) return HResultFromError(error);
             *returned = size;
             return S_OK;
         }
         if (data == nullptr || length < size) return HResultFromError(ERROR_INVALID_PARAMETER);
-        error = Query(unit.id, selector, kUvcSetCur, data, size);
+        error = Query(unit.id, selector, usb::UVC_SET_CUR, data, size);
         return error == ERROR_SUCCESS ? S_OK : HResultFromError(error);
     }
 
@@ -235,31 +230,6 @@ class V4l2Connection final : public VideoDeviceConnection {
     UvcControlInterface control_;
     std::map<std::uint8_t, std::size_t> unitNode_;
 };
-
-std::wstring WidenUtf8(const std::string& text) {
-    std::wstring out;
-    for (std::size_t i = 0; i < text.size();) {
-        const auto c = static_cast<unsigned char>(text[i]);
-        unsigned code = c;
-        std::size_t extra = 0;
-        if (c >= 0xF0)
-            code = c & 0x07, extra = 3;
-        else if (c >= 0xE0)
-            code = c & 0x0F, extra = 2;
-        else if (c >= 0xC0)
-            code = c & 0x1F, extra = 1;
-        if (extra > 0 && i + extra >= text.size()) {
-            out.push_back(L'?');
-            break;
-        }
-        for (std::size_t k = 1; k <= extra; ++k) {
-            code = (code << 6) | (static_cast<unsigned char>(text[i + k]) & 0x3F);
-        }
-        out.push_back(static_cast<wchar_t>(code));
-        i += extra + 1;
-    }
-    return out;
-}
 
 class LinuxBackend final : public DeviceBackend {
   public:
@@ -410,7 +380,7 @@ class LinuxBackend final : public DeviceBackend {
         node.usbDeviceDir = usbDir;
         // The V4L2 card name is cut at 31 characters; the product string is whole.
         const auto product = ReadAttribute(usbDir + "/product");
-        node.friendlyName = WidenUtf8(
+        node.friendlyName = Utf8ToWide(
             product && !product->empty() ? *product : reinterpret_cast<const char*>(caps.card));
         return node;
     }
@@ -450,17 +420,20 @@ class LinuxBackend final : public DeviceBackend {
                                                                    unsigned configuration,
                                                                    std::uint8_t interfaceNumber) {
         const auto* bytes = reinterpret_cast<const std::uint8_t*>(raw.data());
-        std::size_t at = 18;
-        while (at + 9 <= raw.size()) {
-            const std::size_t total = bytes[at + 2] | (bytes[at + 3] << 8);
-            if (bytes[at + 1] != 0x02 || total < 9) return std::nullopt;
-            const std::size_t length = std::min(total, raw.size() - at);
-            if (bytes[at + 5] == configuration) {
-                return ParseUvcControlInterface(bytes + at, length, interfaceNumber);
+        std::optional<UvcControlInterface> found;
+        usb::WalkDescriptors(bytes, raw.size(), [&](const usb::usb_descriptor_header& d) {
+            if (d.bDescriptorType != usb::USB_DT_CONFIG ||
+                d.bLength < usb::usb_config_descriptor::bLength) {
+                return true;
             }
-            at += total;
-        }
-        return std::nullopt;
+            const auto config = usb::usb_config_descriptor::Read(d.bytes);
+            if (config.bConfigurationValue != configuration) return true;
+            const std::size_t left = raw.size() - static_cast<std::size_t>(d.bytes - bytes);
+            found = ParseUvcControlInterface(
+                d.bytes, std::min<std::size_t>(config.wTotalLength, left), interfaceNumber);
+            return false;
+        });
+        return found;
     }
 
     LinuxPaths paths_;

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <vector>
 
+#include "platform/common/wide_stream.h"
 #include "platform/linux/sysfs.h"
 #include "platform/registry.h"
 
@@ -23,36 +24,6 @@ std::optional<std::string> Component(const std::wstring& name) {
     for (wchar_t c : name) {
         if (c == L'/' || c == L'\0' || c < 0x20 || c > 0x7E) return std::nullopt;
         out.push_back(static_cast<char>(c));
-    }
-    return out;
-}
-
-std::string Utf8FromUtf16(const std::uint8_t* data, std::uint32_t size) {
-    std::string out;
-    for (std::uint32_t i = 0; i + 1 < size; i += 2) {
-        unsigned unit = data[i] | (data[i + 1] << 8);
-        if (unit >= 0xD800 && unit <= 0xDBFF && i + 3 < size) {
-            const unsigned low = data[i + 2] | (data[i + 3] << 8);
-            if (low >= 0xDC00 && low <= 0xDFFF) {
-                unit = 0x10000 + ((unit - 0xD800) << 10) + (low - 0xDC00);
-                i += 2;
-            }
-        }
-        if (unit < 0x80) {
-            out.push_back(static_cast<char>(unit));
-        } else if (unit < 0x800) {
-            out.push_back(static_cast<char>(0xC0 | (unit >> 6)));
-            out.push_back(static_cast<char>(0x80 | (unit & 0x3F)));
-        } else if (unit < 0x10000) {
-            out.push_back(static_cast<char>(0xE0 | (unit >> 12)));
-            out.push_back(static_cast<char>(0x80 | ((unit >> 6) & 0x3F)));
-            out.push_back(static_cast<char>(0x80 | (unit & 0x3F)));
-        } else {
-            out.push_back(static_cast<char>(0xF0 | (unit >> 18)));
-            out.push_back(static_cast<char>(0x80 | ((unit >> 12) & 0x3F)));
-            out.push_back(static_cast<char>(0x80 | ((unit >> 6) & 0x3F)));
-            out.push_back(static_cast<char>(0x80 | (unit & 0x3F)));
-        }
     }
     return out;
 }
@@ -117,33 +88,18 @@ ErrorCode SettingsStore::SetValue(const std::wstring& keyPath, const std::wstrin
     if (!directory || !name) return ERROR_INVALID_PARAMETER;
     if (size > 0 && data == nullptr) return ERROR_INVALID_PARAMETER;
     const std::string content = type == REG_SZ
-                                    ? Utf8FromUtf16(data, size)
+                                    ? Utf16LeToUtf8(data, size)
                                     : std::string(reinterpret_cast<const char*>(data), size);
     // Written aside and renamed, so a reader never sees half a value.
     const std::string target = *directory + "/" + *name;
     const std::string temporary = target + ".new";
     const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kFileMode);
     if (fd < 0) return ErrorFromErrno(errno);
-    std::size_t written = 0;
-    while (written < content.size()) {
-        const ssize_t n = ::write(fd, content.data() + written, content.size() - written);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            const int error = errno;
-            ::close(fd);
-            ::unlink(temporary.c_str());
-            return ErrorFromErrno(error);
-        }
-        written += static_cast<std::size_t>(n);
-    }
-    int error = ::fsync(fd) == 0 ? 0 : errno;
+    int error = WholeTransfer(fd, content.data(), content.size(), ::write) ? 0 : errno;
+    if (error == 0 && ::fsync(fd) != 0) error = errno;
     if (::close(fd) != 0 && error == 0) error = errno;
+    if (error == 0 && ::rename(temporary.c_str(), target.c_str()) != 0) error = errno;
     if (error != 0) {
-        ::unlink(temporary.c_str());
-        return ErrorFromErrno(error);
-    }
-    if (::rename(temporary.c_str(), target.c_str()) != 0) {
-        error = errno;
         ::unlink(temporary.c_str());
         return ErrorFromErrno(error);
     }

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <fstream>
 #include <sstream>
 
@@ -70,11 +69,10 @@ std::optional<std::string> ReadAttribute(const std::string& path) {
 std::optional<unsigned> ReadNumberAttribute(const std::string& path, int base) {
     const auto text = ReadAttribute(path);
     if (!text || text->empty()) return std::nullopt;
+    std::string_view number = *text;
+    number.remove_prefix(std::min(number.find_first_not_of(' '), number.size()));
     unsigned value = 0;
-    const char* begin = text->data();
-    while (begin < text->data() + text->size() && *begin == ' ') ++begin;
-    const auto [end, error] = std::from_chars(begin, text->data() + text->size(), value, base);
-    if (error != std::errc() || end != text->data() + text->size()) return std::nullopt;
+    if (!ParseNumber(number, base, &value)) return std::nullopt;
     return value;
 }
 

@@ -6,35 +6,24 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/common/wide_stream.h"
+#include "platform/linux/sysfs.h"
+
 namespace platform::linux_hw {
 namespace {
 
 constexpr std::wstring_view kUsbDeviceClass = L"{a5dcbf10-6530-11d2-901f-00c04fb951ed}";
 constexpr std::wstring_view kCameraClass = L"{e5323777-f976-4f5b-9b55-b94699c46e44}";
 
-std::wstring Widen(std::string_view text) {
-    return std::wstring(text.begin(), text.end());
-}
-
-std::string LowerAscii(const std::wstring& text, bool* ascii) {
+// The path lower-cased, or nothing when it is not all ASCII.
+std::optional<std::string> LowerAscii(const std::wstring& text) {
     std::string out;
     out.reserve(text.size());
-    *ascii = true;
     for (wchar_t c : text) {
-        if (c < 0 || c > 0x7F) {
-            *ascii = false;
-            return {};
-        }
+        if (c < 0 || c > 0x7F) return std::nullopt;
         out.push_back(static_cast<char>(std::towlower(static_cast<wint_t>(c))));
     }
     return out;
-}
-
-template <typename T>
-bool ParseNumber(std::string_view text, int base, T* value) {
-    if (text.empty()) return false;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), *value, base);
-    return error == std::errc() && end == text.data() + text.size();
 }
 
 // A sysfs name of a USB device that is not a root hub: "<bus>-<port>[.<port>...]".
@@ -94,13 +83,30 @@ bool ParseInstance(std::string_view instance, UsbDeviceAddress* address) {
     return true;
 }
 
+// A "\\?\usb#<hardware>#<instance>#<rest>" path in any case: the device it names and the
+// rest, which views `lower` (the path lower-cased).
+std::optional<std::string_view> ParseUsbPath(const std::wstring& path, std::string* lower,
+                                             UsbDeviceAddress* address,
+                                             std::optional<std::uint8_t>* interfaceNumber) {
+    constexpr std::string_view prefix = "\\\\?\\usb#";
+    auto ascii = LowerAscii(path);
+    if (!ascii || ascii->compare(0, prefix.size(), prefix) != 0) return std::nullopt;
+    *lower = std::move(*ascii);
+    const auto parts = Split(std::string_view(*lower).substr(prefix.size()), '#');
+    if (parts.size() != 3 || !ParseHardwarePart(parts[0], address, interfaceNumber) ||
+        !ParseInstance(parts[1], address)) {
+        return std::nullopt;
+    }
+    return parts[2];
+}
+
 std::wstring HardwareAndInstance(const UsbDeviceAddress& address, const char* interfacePart) {
     char hardware[64];
     std::snprintf(hardware, sizeof hardware, "\\\\?\\USB#VID_%04X&PID_%04X%s#", address.vendorId,
                   address.productId, interfacePart);
     char number[16];
     std::snprintf(number, sizeof number, "&%03u", address.deviceNumber % 1000);
-    return Widen(hardware) + Widen(address.sysName) + Widen(number) + L"#";
+    return Utf8ToWide(hardware) + Utf8ToWide(address.sysName) + Utf8ToWide(number) + L"#";
 }
 
 }  // namespace
@@ -110,21 +116,12 @@ std::wstring BuildUsbInterfacePath(const UsbDeviceAddress& address) {
 }
 
 std::optional<UsbDeviceAddress> ParseUsbInterfacePath(const std::wstring& path) {
-    bool ascii = false;
-    const std::string lower = LowerAscii(path, &ascii);
-    if (!ascii) return std::nullopt;
-    constexpr std::string_view prefix = "\\\\?\\usb#";
-    if (lower.compare(0, prefix.size(), prefix) != 0) return std::nullopt;
-    const auto parts = Split(std::string_view(lower).substr(prefix.size()), '#');
-    if (parts.size() != 3) return std::nullopt;
+    std::string lower;
     UsbDeviceAddress address;
     std::optional<std::uint8_t> interfaceNumber;
-    if (!ParseHardwarePart(parts[0], &address, &interfaceNumber) || interfaceNumber) {
-        return std::nullopt;
-    }
-    if (!ParseInstance(parts[1], &address)) return std::nullopt;
-    std::string guid(kUsbDeviceClass.begin(), kUsbDeviceClass.end());
-    if (parts[2] != guid) return std::nullopt;
+    const auto rest = ParseUsbPath(path, &lower, &address, &interfaceNumber);
+    const std::string guid(kUsbDeviceClass.begin(), kUsbDeviceClass.end());
+    if (!rest || interfaceNumber || *rest != guid) return std::nullopt;
     return address;
 }
 
@@ -133,25 +130,17 @@ std::wstring BuildVideoLink(const UsbDeviceAddress& address, std::uint8_t interf
     char interfacePart[16];
     std::snprintf(interfacePart, sizeof interfacePart, "&MI_%02X", interfaceNumber);
     return HardwareAndInstance(address, interfacePart) + std::wstring(kCameraClass) + L"\\" +
-           Widen(nodeName);
+           Utf8ToWide(nodeName);
 }
 
 std::optional<VideoLink> ParseVideoLink(const std::wstring& link) {
-    bool ascii = false;
-    const std::string lower = LowerAscii(link, &ascii);
-    if (!ascii) return std::nullopt;
-    constexpr std::string_view prefix = "\\\\?\\usb#";
-    if (lower.compare(0, prefix.size(), prefix) != 0) return std::nullopt;
-    const auto parts = Split(std::string_view(lower).substr(prefix.size()), '#');
-    if (parts.size() != 3) return std::nullopt;
+    std::string lower;
     VideoLink result;
     std::optional<std::uint8_t> interfaceNumber;
-    if (!ParseHardwarePart(parts[0], &result.address, &interfaceNumber) || !interfaceNumber) {
-        return std::nullopt;
-    }
+    const auto rest = ParseUsbPath(link, &lower, &result.address, &interfaceNumber);
+    if (!rest || !interfaceNumber) return std::nullopt;
     result.interfaceNumber = *interfaceNumber;
-    if (!ParseInstance(parts[1], &result.address)) return std::nullopt;
-    const std::string_view tail = parts[2];
+    const std::string_view tail = *rest;
     const std::string guid(kCameraClass.begin(), kCameraClass.end());
     if (tail.size() <= guid.size() + 1 || tail.substr(0, guid.size()) != guid ||
         tail[guid.size()] != '\\') {

@@ -1,36 +1,20 @@
 #include "platform/linux/uvc_descriptors.h"
 
+#include <algorithm>
+#include <iterator>
+
 #include "platform/ks.h"
+#include "platform/usb_descriptors.h"
 
 namespace platform::linux_hw {
 namespace {
 
-constexpr std::uint8_t kInterfaceDescriptor = 0x04;
-constexpr std::uint8_t kClassSpecificInterface = 0x24;
-constexpr std::uint8_t kVideoClass = 0x0E;
-constexpr std::uint8_t kVideoControlSubclass = 0x01;
-
-constexpr std::uint8_t kVcHeader = 0x01;
-constexpr std::uint8_t kVcInputTerminal = 0x02;
-constexpr std::uint8_t kVcOutputTerminal = 0x03;
-constexpr std::uint8_t kVcSelectorUnit = 0x04;
-constexpr std::uint8_t kVcProcessingUnit = 0x05;
-constexpr std::uint8_t kVcExtensionUnit = 0x06;
-constexpr std::uint8_t kVcEncodingUnit = 0x07;
-
-constexpr std::uint16_t kCameraTerminal = 0x0201;
-constexpr std::uint16_t kStreamingTerminal = 0x0101;
-
-std::uint16_t Le16(const std::uint8_t* p) {
-    return static_cast<std::uint16_t>(p[0] | (p[1] << 8));
-}
+using namespace usb;  // the class's own names, as in the kernel's linux/usb/video.h
 
 // GUIDs travel in USB descriptors in the same mixed-endian layout as in memory on x86.
 GUID GuidFromWire(const std::uint8_t* p) {
     GUID guid{};
-    guid.Data1 = static_cast<std::uint32_t>(p[0]) | (static_cast<std::uint32_t>(p[1]) << 8) |
-                 (static_cast<std::uint32_t>(p[2]) << 16) |
-                 (static_cast<std::uint32_t>(p[3]) << 24);
+    guid.Data1 = Le32(p);
     guid.Data2 = Le16(p + 4);
     guid.Data3 = Le16(p + 6);
     for (int i = 0; i < 8; ++i) guid.Data4[i] = p[8 + i];
@@ -39,57 +23,46 @@ GUID GuidFromWire(const std::uint8_t* p) {
 
 // One class-specific video-control descriptor; false when it is too short for its kind.
 bool ParseEntity(const std::uint8_t* d, std::uint8_t length, UvcEntity* entity) {
-    switch (d[2]) {
-        case kVcInputTerminal:
-            if (length < 8) return false;
-            entity->kind = UvcEntityKind::kInputTerminal;
-            entity->id = d[3];
+    static const struct {
+        std::uint8_t subtype;
+        std::uint8_t shortest;
+        UvcEntityKind kind;
+    } kinds[] = {
+        {UVC_VC_INPUT_TERMINAL, 8, UvcEntityKind::kInputTerminal},
+        {UVC_VC_OUTPUT_TERMINAL, 9, UvcEntityKind::kOutputTerminal},
+        {UVC_VC_SELECTOR_UNIT, 5, UvcEntityKind::kSelectorUnit},
+        {UVC_VC_PROCESSING_UNIT, 8, UvcEntityKind::kProcessingUnit},
+        {UVC_VC_EXTENSION_UNIT, 24, UvcEntityKind::kExtensionUnit},
+        {UVC_VC_ENCODING_UNIT, 4, UvcEntityKind::kEncodingUnit},
+    };
+    const auto* kind = std::find_if(std::begin(kinds), std::end(kinds),
+                                    [&](const auto& k) { return k.subtype == d[2]; });
+    if (kind == std::end(kinds) || length < kind->shortest) return false;
+    entity->kind = kind->kind;
+    entity->id = d[3];       // bTerminalID or bUnitID
+    std::size_t sizeAt = 0;  // where bControlSize is; bmControls follows
+    switch (entity->kind) {
+        case UvcEntityKind::kInputTerminal:
+        case UvcEntityKind::kOutputTerminal:
             entity->terminalType = Le16(d + 4);
             return true;
-        case kVcOutputTerminal:
-            if (length < 9) return false;
-            entity->kind = UvcEntityKind::kOutputTerminal;
-            entity->id = d[3];
-            entity->terminalType = Le16(d + 4);
-            return true;
-        case kVcSelectorUnit:
-            if (length < 5) return false;
-            entity->kind = UvcEntityKind::kSelectorUnit;
-            entity->id = d[3];
-            return true;
-        case kVcProcessingUnit: {
-            if (length < 8) return false;
-            entity->kind = UvcEntityKind::kProcessingUnit;
-            entity->id = d[3];
-            const std::uint8_t size = d[7];
-            if (8u + size > length) return false;
-            entity->controls.assign(d + 8, d + 8 + size);
-            return true;
-        }
-        case kVcExtensionUnit: {
-            // bLength, type, subtype, bUnitID, guid(16), bNumControls, bNrInPins, pins...,
-            // bControlSize, bmControls..., iExtension
-            if (length < 24) return false;
-            entity->kind = UvcEntityKind::kExtensionUnit;
-            entity->id = d[3];
+        case UvcEntityKind::kProcessingUnit:
+            sizeAt = 7;
+            break;
+        case UvcEntityKind::kExtensionUnit:
+            // bUnitID, guidExtensionCode, bNumControls, bNrInPins, baSourceID..., bControlSize
             entity->extensionCode = GuidFromWire(d + 4);
             entity->controlCount = d[20];
-            const std::size_t pins = d[21];
-            const std::size_t sizeAt = 22 + pins;
+            sizeAt = 22 + std::size_t{d[21]};
             if (sizeAt >= length) return false;
-            const std::size_t size = d[sizeAt];
-            if (sizeAt + 1 + size > length) return false;
-            entity->controls.assign(d + sizeAt + 1, d + sizeAt + 1 + size);
-            return true;
-        }
-        case kVcEncodingUnit:
-            if (length < 4) return false;
-            entity->kind = UvcEntityKind::kEncodingUnit;
-            entity->id = d[3];
-            return true;
+            break;
         default:
-            return false;
+            return true;
     }
+    const std::size_t size = d[sizeAt];
+    if (sizeAt + 1 + size > length) return false;
+    entity->controls.assign(d + sizeAt + 1, d + sizeAt + 1 + size);
+    return true;
 }
 
 }  // namespace
@@ -107,42 +80,44 @@ std::optional<UvcControlInterface> ParseUvcControlInterface(const std::uint8_t* 
     if (config == nullptr) return std::nullopt;
     std::optional<UvcControlInterface> result;
     bool inside = false;
-    std::size_t at = 0;
-    while (at + 2 <= length) {
-        const std::uint8_t* d = config + at;
-        const std::uint8_t size = d[0];
-        if (size < 2 || at + size > length) break;
-        const std::uint8_t type = d[1];
-        if (type == kInterfaceDescriptor) {
-            if (result) break;  // the next interface: the video-control one is complete
-            inside = size >= 9 && d[2] == interfaceNumber && d[3] == 0 && d[5] == kVideoClass &&
-                     d[6] == kVideoControlSubclass;
+    WalkDescriptors(config, length, [&](const usb_descriptor_header& d) {
+        if (d.bLength < 2) return false;
+        if (d.bDescriptorType == USB_DT_INTERFACE) {
+            if (result) return false;  // the next interface: the video-control one is complete
+            // Read only what is there: a short descriptor is no interface of ours.
+            const auto interface = d.bLength >= usb_interface_descriptor::bLength
+                                       ? usb_interface_descriptor::Read(d.bytes)
+                                       : usb_interface_descriptor{};
+            inside = interface.bInterfaceNumber == interfaceNumber &&
+                     interface.bAlternateSetting == 0 &&
+                     interface.bInterfaceClass == USB_CLASS_VIDEO &&
+                     interface.bInterfaceSubClass == UVC_SC_VIDEOCONTROL;
             if (inside) {
                 result.emplace();
                 result->interfaceNumber = interfaceNumber;
             }
-        } else if (inside && type == kClassSpecificInterface && size >= 3) {
-            if (d[2] == kVcHeader) {
-                if (size >= 5) result->uvcVersion = Le16(d + 3);
+        } else if (inside && d.bDescriptorType == USB_DT_CS_INTERFACE && d.bLength >= 3) {
+            if (d.bytes[2] == UVC_VC_HEADER) {
+                if (d.bLength >= 5) result->uvcVersion = Le16(d.bytes + 3);
             } else {
                 UvcEntity entity;
-                if (!ParseEntity(d, size, &entity)) break;
+                if (!ParseEntity(d.bytes, d.bLength, &entity)) return false;
                 result->entities.push_back(std::move(entity));
             }
         }
-        at += size;
-    }
+        return true;
+    });
     return result;
 }
 
 GUID NodeTypeOf(const UvcEntity& entity) {
     switch (entity.kind) {
         case UvcEntityKind::kInputTerminal:
-            return entity.terminalType == kCameraTerminal ? KSNODETYPE_VIDEO_CAMERA_TERMINAL
-                                                          : KSNODETYPE_VIDEO_INPUT_TERMINAL;
+            return entity.terminalType == UVC_ITT_CAMERA ? KSNODETYPE_VIDEO_CAMERA_TERMINAL
+                                                         : KSNODETYPE_VIDEO_INPUT_TERMINAL;
         case UvcEntityKind::kOutputTerminal:
-            return entity.terminalType == kStreamingTerminal ? KSNODETYPE_VIDEO_STREAMING
-                                                             : KSNODETYPE_VIDEO_OUTPUT_TERMINAL;
+            return entity.terminalType == UVC_TT_STREAMING ? KSNODETYPE_VIDEO_STREAMING
+                                                           : KSNODETYPE_VIDEO_OUTPUT_TERMINAL;
         case UvcEntityKind::kSelectorUnit:
             return KSNODETYPE_VIDEO_SELECTOR;
         case UvcEntityKind::kProcessingUnit:

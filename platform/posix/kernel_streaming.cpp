@@ -12,14 +12,7 @@ class NodeControl final : public IKsControl, private RefCounted {
         : device_(std::move(device)), node_(node) {}
 
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** object) override {
-        if (object == nullptr) return E_POINTER;
-        if (iid == IID_IUnknown || iid == IID_IKsControl) {
-            *object = static_cast<IKsControl*>(this);
-            AddRef();
-            return S_OK;
-        }
-        *object = nullptr;
-        return E_NOINTERFACE;
+        return QueryImpl(static_cast<IKsControl*>(this), iid == IID_IKsControl, iid, object);
     }
     ULONG STDMETHODCALLTYPE AddRef() override { return AddRefImpl(); }
     ULONG STDMETHODCALLTYPE Release() override { return ReleaseImpl(); }
@@ -69,14 +62,8 @@ class TopologyInfo final : public IKsTopologyInfo, private RefCounted {
         : device_(std::move(device)) {}
 
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** object) override {
-        if (object == nullptr) return E_POINTER;
-        if (iid == IID_IUnknown || iid == IID_IKsTopologyInfo) {
-            *object = static_cast<IKsTopologyInfo*>(this);
-            AddRef();
-            return S_OK;
-        }
-        *object = nullptr;
-        return E_NOINTERFACE;
+        return QueryImpl(static_cast<IKsTopologyInfo*>(this), iid == IID_IKsTopologyInfo, iid,
+                         object);
     }
     ULONG STDMETHODCALLTYPE AddRef() override { return AddRefImpl(); }
     ULONG STDMETHODCALLTYPE Release() override { return ReleaseImpl(); }

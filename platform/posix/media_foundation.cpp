@@ -28,15 +28,9 @@ class AttributeStore final : public IMFActivate, private RefCounted {
     explicit AttributeStore(bool activatable) : activatable_(activatable) {}
 
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** object) override {
-        if (object == nullptr) return E_POINTER;
-        if (iid == IID_IUnknown || iid == IID_IMFAttributes ||
-            (activatable_ && iid == IID_IMFActivate)) {
-            *object = static_cast<IMFActivate*>(this);
-            AddRef();
-            return S_OK;
-        }
-        *object = nullptr;
-        return E_NOINTERFACE;
+        return QueryImpl(static_cast<IMFActivate*>(this),
+                         iid == IID_IMFAttributes || (activatable_ && iid == IID_IMFActivate), iid,
+                         object);
     }
     ULONG STDMETHODCALLTYPE AddRef() override { return AddRefImpl(); }
     ULONG STDMETHODCALLTYPE Release() override { return ReleaseImpl(); }
@@ -114,18 +108,13 @@ class MediaSource final : public IMFMediaSource, private RefCounted {
         : device_(std::move(device)) {}
 
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** object) override {
-        if (object == nullptr) return E_POINTER;
-        *object = nullptr;
-        if (iid == IID_IUnknown || iid == IID_IMFMediaSource) {
-            *object = static_cast<IMFMediaSource*>(this);
-            AddRef();
-            return S_OK;
-        }
-        if (iid == IID_IKsTopologyInfo) {
+        if (object != nullptr && iid == IID_IKsTopologyInfo) {
+            *object = nullptr;
             if (device_->shutDown) return MF_E_SHUTDOWN;
             return CreateTopologyInfo(device_, object);
         }
-        return E_NOINTERFACE;
+        return QueryImpl(static_cast<IMFMediaSource*>(this), iid == IID_IMFMediaSource, iid,
+                         object);
     }
     ULONG STDMETHODCALLTYPE AddRef() override { return AddRefImpl(); }
     ULONG STDMETHODCALLTYPE Release() override { return ReleaseImpl(); }
@@ -184,14 +173,18 @@ HRESULT MFCreateAttributes(IMFAttributes** attributes, UINT32) {
     return store ? S_OK : E_OUTOFMEMORY;
 }
 
+// What both device-source calls check first: a start-up, then the source type asked for.
+static HRESULT StartedSourceType(IMFAttributes* attributes, GUID* sourceType) {
+    if (platform::posix::startups == 0) return platform::posix::MF_E_PLATFORM_NOT_INITIALIZED;
+    return attributes->GetGUID(MF_DEVSOURCE_ATTRIBUTE_SOURCE_TYPE, sourceType);
+}
+
 HRESULT MFEnumDeviceSources(IMFAttributes* attributes, IMFActivate*** sources, UINT32* count) {
     if (attributes == nullptr || sources == nullptr || count == nullptr) return E_POINTER;
     *sources = nullptr;
     *count = 0;
-    if (platform::posix::startups == 0) return platform::posix::MF_E_PLATFORM_NOT_INITIALIZED;
     GUID sourceType{};
-    if (const HRESULT status = attributes->GetGUID(MF_DEVSOURCE_ATTRIBUTE_SOURCE_TYPE, &sourceType);
-        status != S_OK) {
+    if (const HRESULT status = StartedSourceType(attributes, &sourceType); status != S_OK) {
         return status;
     }
     // Only video-capture devices exist behind the backend; audio capture lists nothing.
@@ -244,10 +237,8 @@ HRESULT MFEnumDeviceSources(IMFAttributes* attributes, IMFActivate*** sources, U
 HRESULT MFCreateDeviceSourceActivate(IMFAttributes* attributes, IMFActivate** activate) {
     if (attributes == nullptr || activate == nullptr) return E_POINTER;
     *activate = nullptr;
-    if (platform::posix::startups == 0) return platform::posix::MF_E_PLATFORM_NOT_INITIALIZED;
     GUID sourceType{};
-    if (const HRESULT status = attributes->GetGUID(MF_DEVSOURCE_ATTRIBUTE_SOURCE_TYPE, &sourceType);
-        status != S_OK) {
+    if (const HRESULT status = StartedSourceType(attributes, &sourceType); status != S_OK) {
         return status;
     }
     if (sourceType != MF_DEVSOURCE_ATTRIBUTE_SOURCE_TYPE_VIDCAP_GUID) return E_INVALIDARG;

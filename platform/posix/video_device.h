@@ -22,6 +22,17 @@ class RefCounted {
         return count;
     }
 
+    // QueryInterface of an object that is `self` as IUnknown and wherever `offered` says.
+    template <typename Interface>
+    HRESULT QueryImpl(Interface* self, bool offered, REFIID iid, void** object) {
+        if (object == nullptr) return E_POINTER;
+        *object = nullptr;
+        if (iid != IID_IUnknown && !offered) return E_NOINTERFACE;
+        *object = self;
+        AddRefImpl();
+        return S_OK;
+    }
+
   private:
     std::atomic<ULONG> refs_{1};
 };

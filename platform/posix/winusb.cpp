@@ -10,12 +10,11 @@
 
 #include "platform/posix/device_backend.h"
 #include "platform/posix/kernel_object.h"
+#include "platform/usb_descriptors.h"
 #include "platform/winusb.h"
 
 namespace {
 
-constexpr std::uint8_t kConfigurationDescriptorType = 2;
-constexpr std::uint8_t kInterfaceDescriptorType = 4;
 constexpr std::uint32_t kConfigurationReadLength = 4096;
 // WinUsb_ControlTransfer: "The length of this buffer must not exceed 4KB."
 constexpr ULONG kLargestControlBuffer = 4096;
@@ -58,23 +57,19 @@ platform::ErrorCode ReadInterfaceDescriptors(platform::UsbDeviceConnection& conn
     std::vector<std::uint8_t> bytes(kConfigurationReadLength, 0);
     std::uint32_t transferred = 0;
     const platform::ErrorCode error =
-        connection.GetDescriptor(kConfigurationDescriptorType, 0, 0, bytes.data(),
+        connection.GetDescriptor(usb::USB_DT_CONFIG, 0, 0, bytes.data(),
                                  static_cast<std::uint32_t>(bytes.size()), &transferred);
     if (error != ERROR_SUCCESS) return error;
     const std::size_t length = std::min<std::size_t>(transferred, bytes.size());
-    std::size_t offset = 0;
-    while (offset + 1 < length && bytes[offset] != 0) {
-        const std::size_t descriptorLength = bytes[offset];
-        if (bytes[offset + 1] == kInterfaceDescriptorType &&
-            descriptorLength >= sizeof(USB_INTERFACE_DESCRIPTOR) &&
-            length - offset >= sizeof(USB_INTERFACE_DESCRIPTOR)) {
+    usb::WalkDescriptors(bytes.data(), length, [&](const usb::usb_descriptor_header& d) {
+        if (d.bDescriptorType == usb::USB_DT_INTERFACE &&
+            d.bLength >= sizeof(USB_INTERFACE_DESCRIPTOR)) {
             USB_INTERFACE_DESCRIPTOR descriptor;
-            std::copy_n(bytes.data() + offset, sizeof descriptor,
-                        reinterpret_cast<std::uint8_t*>(&descriptor));
+            std::copy_n(d.bytes, sizeof descriptor, reinterpret_cast<std::uint8_t*>(&descriptor));
             interfaces->push_back(descriptor);
         }
-        offset += descriptorLength;
-    }
+        return true;
+    });
     return ERROR_SUCCESS;
 }
 
@@ -230,12 +225,8 @@ BOOL WinUsb_ControlTransfer(WINUSB_INTERFACE_HANDLE interfaceHandle,
         (setupPacket.Index & 0xFF) != object->interfaceNumber) {
         return Fail(ERROR_INVALID_PARAMETER);
     }
-    platform::UsbSetupPacket setup;
-    setup.requestType = setupPacket.RequestType;
-    setup.request = setupPacket.Request;
-    setup.value = setupPacket.Value;
-    setup.index = setupPacket.Index;
-    setup.length = setupPacket.Length;
+    const platform::UsbSetupPacket setup{setupPacket.RequestType, setupPacket.Request,
+                                         setupPacket.Value, setupPacket.Index, setupPacket.Length};
     std::uint32_t transferred = 0;
     const platform::ErrorCode error =
         object->file->connection->ControlTransfer(setup, buffer, setupPacket.Length, &transferred);

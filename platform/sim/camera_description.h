@@ -14,35 +14,27 @@
 #include <string>
 #include <vector>
 
+#include "platform/usb_descriptors.h"
+
 namespace sim {
 
-using DescriptorBytes = std::vector<std::uint8_t>;
+using DescriptorBytes = usb::Bytes;
+using usb::usb_device_descriptor;
 
-struct usb_device_descriptor {
-    std::uint16_t bcdUSB = 0x0200;
-    // Miscellaneous class, common class, interface association: a video function.
-    std::uint8_t bDeviceClass = 0xEF;
-    std::uint8_t bDeviceSubClass = 0x02;
-    std::uint8_t bDeviceProtocol = 0x01;
-    std::uint8_t bMaxPacketSize0 = 64;
-    std::uint16_t idVendor = 0;
-    std::uint16_t idProduct = 0;
-    std::uint16_t bcdDevice = 0x0100;
-    std::uint8_t iManufacturer = 1;
-    std::uint8_t iProduct = 2;
-    std::uint8_t iSerialNumber = 3;
-};
-
+// The records below are the class-specific descriptors of the kernel's linux/usb/video.h,
+// holding what varies; Append writes each in its wire layout, fixed fields included.
 struct uvc_camera_terminal_descriptor {
     std::uint8_t bTerminalID = 0;
-    std::uint16_t wTerminalType = 0x0201;  // camera sensor
+    std::uint16_t wTerminalType = usb::UVC_ITT_CAMERA;
     std::uint32_t bmControls = 0;
+    void Append(DescriptorBytes& out) const;
 };
 
 struct uvc_processing_unit_descriptor {
     std::uint8_t bUnitID = 0;
     std::uint8_t bSourceID = 0;
     std::uint16_t bmControls = 0;
+    void Append(DescriptorBytes& out, std::uint16_t bcdUVC) const;
 };
 
 struct uvc_extension_unit_descriptor {
@@ -51,24 +43,28 @@ struct uvc_extension_unit_descriptor {
     std::uint8_t bNumControls = 0;
     std::uint8_t baSourceID = 0;  // one input pin
     std::uint8_t bmControls = 0;  // selectors 1..8
+    void Append(DescriptorBytes& out) const;
 };
 
 struct uvc_output_terminal_descriptor {
     std::uint8_t bTerminalID = 0;
-    std::uint16_t wTerminalType = 0x0101;  // streaming
+    std::uint16_t wTerminalType = usb::UVC_TT_STREAMING;
     std::uint8_t bSourceID = 0;
+    void Append(DescriptorBytes& out) const;
 };
 
 struct uvc_frame_uncompressed {
     std::uint16_t wWidth = 0;
     std::uint16_t wHeight = 0;
     std::vector<std::uint32_t> dwFrameInterval;  // 100 ns units, the first is the default
+    void Append(DescriptorBytes& out, std::uint8_t bFrameIndex, std::uint8_t bBitsPerPixel) const;
 };
 
 struct uvc_format_uncompressed {
     std::array<std::uint8_t, 16> guidFormat{};
     std::uint8_t bBitsPerPixel = 16;
     std::vector<uvc_frame_uncompressed> frames;
+    void Append(DescriptorBytes& out) const;  // with its frames
 };
 
 // One streaming interface with its bulk endpoint and the output terminal it feeds.
@@ -79,10 +75,12 @@ struct StreamDescription {
     std::uint8_t bTerminalLink = 0;
     uvc_format_uncompressed format;
     std::uint32_t dwMaxPayloadTransferSize = 0;
+    void Append(DescriptorBytes& out) const;  // the whole streaming interface
 };
 
 struct CameraDescription {
-    usb_device_descriptor device;
+    // Miscellaneous class, common class, interface association: a video function.
+    usb_device_descriptor device{0x0200, 0xEF, 0x02, 0x01, 64, 0, 0, 0x0100, 1, 2, 3, 1};
     std::string manufacturer;
     std::string product;
     std::string serialNumber;

@@ -5,20 +5,15 @@
 // takes a 1024-byte command frame with SET and hands back its answer with GET.
 #include <algorithm>
 #include <array>
-#include <cwctype>
 #include <string>
 
 #include "platform/ks.h"
 #include "platform/sim/sim_world.h"
+#include "platform/usb_descriptors.h"
 
 namespace sim {
 namespace {
 
-// UVC class requests (UVC 1.5, table A-8).
-constexpr std::uint8_t kSetCur = 0x01;
-constexpr std::uint8_t kGetCur = 0x81;
-constexpr std::uint8_t kGetLen = 0x85;
-constexpr std::uint8_t kGetInfo = 0x86;
 
 constexpr std::uint32_t kFrameSize = 1024;
 constexpr std::uint32_t kHeaderLength = 20;  // opcode and four parameters
@@ -28,26 +23,10 @@ constexpr std::size_t kDeviceInfoSize = 230;
 constexpr std::uint64_t kInfoPauseMs = 100;
 constexpr std::uint32_t kRestartUnreadMs = 1000;
 
-std::uint32_t Le32(const std::uint8_t* bytes) {
-    return bytes[0] | (bytes[1] << 8) | (bytes[2] << 16) |
-           (static_cast<std::uint32_t>(bytes[3]) << 24);
-}
-
-void PutLe32(std::vector<std::uint8_t>& out, std::uint32_t value) {
-    for (int shift = 0; shift < 32; shift += 8)
-        out.push_back(static_cast<std::uint8_t>(value >> shift));
-}
+using usb::Le32;
 
 HRESULT Error(DWORD code) {
     return platform::HResultFromError(code);
-}
-
-bool SameLink(const std::wstring& a, const std::wstring& b) {
-    return a.size() == b.size() &&
-           std::equal(a.begin(), a.end(), b.begin(), [](wchar_t x, wchar_t y) {
-               return std::towlower(static_cast<wint_t>(x)) ==
-                      std::towlower(static_cast<wint_t>(y));
-           });
 }
 
 // A handle on one camera as the driver gives it out; it dies when the camera leaves.
@@ -57,43 +36,46 @@ class SimVideoConnection final : public platform::VideoDeviceConnection {
         : world_(world), index_(index), generation_(generation) {}
 
     HRESULT GetNodeCount(std::uint32_t* count) override {
-        std::lock_guard lock(world_.Lock());
-        SimCamera* camera = Camera();
-        if (camera == nullptr) return Error(ERROR_DEVICE_NOT_CONNECTED);
-        *count = camera->NodeCount();
-        return S_OK;
+        return WithCamera([&](SimCamera& camera) {
+            *count = camera.NodeCount();
+            return S_OK;
+        });
     }
 
     HRESULT GetNodeType(std::uint32_t node, GUID* type) override {
-        std::lock_guard lock(world_.Lock());
-        SimCamera* camera = Camera();
-        if (camera == nullptr) return Error(ERROR_DEVICE_NOT_CONNECTED);
-        if (node >= camera->NodeCount()) return Error(ERROR_NOT_FOUND);
-        *type = camera->NodeType(node);
-        return S_OK;
+        return WithCamera([&](SimCamera& camera) {
+            if (node >= camera.NodeCount()) return Error(ERROR_NOT_FOUND);
+            *type = camera.NodeType(node);
+            return S_OK;
+        });
     }
 
     HRESULT OpenNode(std::uint32_t node) override {
-        std::lock_guard lock(world_.Lock());
-        SimCamera* camera = Camera();
-        if (camera == nullptr) return Error(ERROR_DEVICE_NOT_CONNECTED);
-        return node < camera->NodeCount() ? S_OK : Error(ERROR_NOT_FOUND);
+        return WithCamera([&](SimCamera& camera) {
+            return node < camera.NodeCount() ? S_OK : Error(ERROR_NOT_FOUND);
+        });
     }
 
     HRESULT NodeProperty(std::uint32_t node, const GUID& propertySet, std::uint32_t id,
                          std::uint32_t flags, std::uint8_t* data, std::uint32_t length,
                          std::uint32_t* returned) override {
         *returned = 0;
-        std::lock_guard lock(world_.Lock());
-        SimCamera* camera = Camera();
-        if (camera == nullptr) return Error(ERROR_DEVICE_NOT_CONNECTED);
-        return camera->NodeProperty(node, propertySet, id, flags, data, length, returned);
+        return WithCamera([&](SimCamera& camera) {
+            return camera.NodeProperty(node, propertySet, id, flags, data, length, returned);
+        });
     }
 
   private:
-    SimCamera* Camera() {
-        SimCamera* camera = world_.Cameras()[static_cast<std::size_t>(index_)].get();
-        return camera->present && camera->Generation() == generation_ ? camera : nullptr;
+    // Runs `call` on the camera under the world's lock, while it is the camera this handle
+    // was given for.
+    template <typename Call>
+    HRESULT WithCamera(Call call) {
+        std::lock_guard lock(world_.Lock());
+        SimCamera& camera = *world_.Cameras()[static_cast<std::size_t>(index_)];
+        if (!camera.present || camera.Generation() != generation_) {
+            return Error(ERROR_DEVICE_NOT_CONNECTED);
+        }
+        return call(camera);
     }
 
     SimWorld& world_;
@@ -140,11 +122,11 @@ HRESULT SimCamera::NodeProperty(std::uint32_t node, const GUID& propertySet, std
     // control's length and sends or reads exactly that many bytes.
     std::uint8_t lengthBytes[2] = {};
     std::uint32_t got = 0;
-    UnitRequest(kGetLen, static_cast<std::uint8_t>(id), lengthBytes, 2, &got);
-    const std::uint32_t controlLength = lengthBytes[0] | (lengthBytes[1] << 8);
+    UnitRequest(usb::UVC_GET_LEN, static_cast<std::uint8_t>(id), lengthBytes, 2, &got);
+    const std::uint32_t controlLength = usb::Le16(lengthBytes);
     if (request == KSPROPERTY_TYPE_SET) {
         if (data == nullptr || length != controlLength) return Error(ERROR_INVALID_PARAMETER);
-        if (!UnitRequest(kSetCur, static_cast<std::uint8_t>(id), data, length, returned)) {
+        if (!UnitRequest(usb::UVC_SET_CUR, static_cast<std::uint8_t>(id), data, length, returned)) {
             return Error(ERROR_GEN_FAILURE);
         }
         return S_OK;
@@ -154,7 +136,8 @@ HRESULT SimCamera::NodeProperty(std::uint32_t node, const GUID& propertySet, std
             *returned = controlLength;
             return Error(ERROR_INSUFFICIENT_BUFFER);
         }
-        return UnitRequest(kGetCur, static_cast<std::uint8_t>(id), data, controlLength, returned)
+        return UnitRequest(usb::UVC_GET_CUR, static_cast<std::uint8_t>(id), data, controlLength,
+                           returned)
                    ? S_OK
                    : Error(ERROR_GEN_FAILURE);
     }
@@ -166,23 +149,23 @@ bool SimCamera::UnitRequest(std::uint8_t request, std::uint8_t selector, std::ui
     *returned = 0;
     if (!spec_.lynx || selector != 1) return false;
     switch (request) {
-        case kGetInfo:  // supports GET and SET
+        case usb::UVC_GET_INFO:  // supports GET and SET
             if (length != 1) return false;
             data[0] = 0x03;
             *returned = 1;
             return true;
-        case kGetLen:
+        case usb::UVC_GET_LEN:
             if (length != 2) return false;
             data[0] = kFrameSize & 0xFF;
             data[1] = kFrameSize >> 8;
             *returned = 2;
             return true;
-        case kSetCur:
+        case usb::UVC_SET_CUR:
             // The control is exactly one frame long; the device stalls anything else.
             if (length != kFrameSize || !RunCommand(data)) return false;
             *returned = kFrameSize;
             return true;
-        case kGetCur:
+        case usb::UVC_GET_CUR:
             return length == kFrameSize && ReadReply(data, returned);
         default:
             return false;
@@ -242,7 +225,7 @@ bool SimCamera::RunCommand(const std::uint8_t* frame) {
     // The commands it knows carry no data, so their length is the header's and their
     // parameters are fixed; the bytes after the data mean nothing to it. Anything else is not
     // a command of this firmware, and it answers nothing.
-    const std::uint32_t length = frame[0] | (frame[1] << 8);
+    const std::uint32_t length = usb::Le16(frame);
     const std::uint32_t parameters[4] = {Le32(frame + 8), Le32(frame + 12), Le32(frame + 16),
                                          Le32(frame + 20)};
     if (frame[2] != 0xAB || frame[3] != 0xCD || length != kHeaderLength || parameters[1] != 0 ||
@@ -255,7 +238,7 @@ bool SimCamera::RunCommand(const std::uint8_t* frame) {
             ++failedInfoExchanges_;
             return true;
         }
-        PutLe32(reply_, opcode);
+        usb::AppendLe(reply_, opcode);
         // The block's other fields carry non-zero values, so that a version read from the
         // wrong place shows.
         std::array<std::uint8_t, kDeviceInfoSize> info{};
@@ -273,7 +256,7 @@ bool SimCamera::RunCommand(const std::uint8_t* frame) {
     if (opcode == kSwitchToDfuCommand && parameters[0] == 1 && spec_.dfu) {
         // It answers at once and restarts after its answer is read, or after a second
         // when nobody reads it.
-        PutLe32(reply_, opcode);
+        usb::AppendLe(reply_, opcode);
         replyReadyMs_ = 0;
         leaveAfterReply_ = true;
         const std::uint32_t generation = generation_;
@@ -287,7 +270,7 @@ bool SimCamera::RunCommand(const std::uint8_t* frame) {
 nlohmann::json SimCamera::Dump() const {
     nlohmann::json commands = nlohmann::json::object();
     for (const auto& [opcode, count] : exchanges_) commands[std::to_string(opcode)] = count;
-    return {{"name", Narrow(spec_.name)},
+    return {{"name", WideToUtf8(spec_.name)},
             {"firmware", FormatVersion(firmware)},
             {"present", present},
             {"commands", commands}};

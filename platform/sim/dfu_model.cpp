@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "platform/sim/sim_world.h"
+#include "platform/usb_descriptors.h"
 
 namespace sim {
 namespace {
@@ -24,7 +25,6 @@ enum : std::uint8_t {
 constexpr std::uint8_t kStatusOk = 0x00;
 constexpr std::uint8_t kErrWrite = 0x03;
 constexpr std::uint8_t kErrStalledPacket = 0x0F;
-constexpr std::uint8_t kDfuClass = 254;
 constexpr std::uint16_t kVendorId = 0x3C5E;
 constexpr std::uint16_t kDfuProductId = 0x0F1C;
 constexpr std::uint16_t kDetachTimeoutMs = 1000;
@@ -56,11 +56,6 @@ const std::uint8_t kTakenInState[11] = {
     kStatus | kClear | kState,                                // dfuERROR
 };
 
-void PutWord(std::vector<std::uint8_t>& bytes, std::uint16_t value) {
-    bytes.push_back(static_cast<std::uint8_t>(value & 0xFF));
-    bytes.push_back(static_cast<std::uint8_t>(value >> 8));
-}
-
 }  // namespace
 
 SimDfuDevice::SimDfuDevice(SimWorld& world, DfuDeviceSpec spec, int cameraIndex)
@@ -70,39 +65,34 @@ SimDfuDevice::SimDfuDevice(SimWorld& world, DfuDeviceSpec spec, int cameraIndex)
       boot_(cameraIndex < 0 ? 0
                             : world.Cameras()[static_cast<std::size_t>(cameraIndex)]->Generation()),
       state_(spec_.initialState) {
-    deviceDescriptor_ = {18, 1};
-    PutWord(deviceDescriptor_, 0x0200);  // bcdUSB
-    deviceDescriptor_.insert(deviceDescriptor_.end(), {0, 0, 0, 64});
-    PutWord(deviceDescriptor_, kVendorId);
-    PutWord(deviceDescriptor_, kDfuProductId);
-    PutWord(deviceDescriptor_, 0x0100);  // bcdDevice
-    deviceDescriptor_.insert(deviceDescriptor_.end(), {0, 0, 0, 1});
-
-    const auto interfaceCount = static_cast<std::uint8_t>(spec_.interfaces.size());
-    configuration_ = {9, 2, 0, 0, interfaceCount, 1, 0, 0x80, 50};
+    usb::usb_device_descriptor{.idVendor = kVendorId, .idProduct = kDfuProductId}.Append(
+        deviceDescriptor_);
+    const auto interfaces = static_cast<std::uint8_t>(spec_.interfaces.size());
+    usb::usb_config_descriptor{.bNumInterfaces = interfaces, .bMaxPower = 50}.Append(
+        configuration_);
     for (std::size_t i = 0; i < spec_.interfaces.size(); ++i) {
-        const std::uint8_t interfaceClass = spec_.interfaces[i];
-        const bool isDfu = interfaceClass == kDfuClass;
-        configuration_.insert(configuration_.end(),
-                              {9, 4, static_cast<std::uint8_t>(i), 0, 0, interfaceClass,
-                               static_cast<std::uint8_t>(isDfu ? 1 : 0),
-                               static_cast<std::uint8_t>(isDfu ? 2 : 0), 0});
+        const bool isDfu = spec_.interfaces[i] == usb::USB_CLASS_APP_SPEC;
+        // A DFU interface: subclass device firmware upgrade, protocol DFU mode.
+        usb::usb_interface_descriptor{
+            .bInterfaceNumber = static_cast<std::uint8_t>(i),
+            .bInterfaceClass = spec_.interfaces[i],
+            .bInterfaceSubClass = isDfu,
+            .bInterfaceProtocol = static_cast<std::uint8_t>(isDfu ? 2 : 0)}
+            .Append(configuration_);
         if (isDfu && dfuInterface_ < 0) {
             dfuInterface_ = static_cast<int>(i);
             // bmAttributes: download capable; upload capable and manifestation tolerant when
             // the world says so.
             const unsigned attributes =
                 1u | (spec_.canUpload ? 2u : 0u) | (spec_.manifestationTolerant ? 4u : 0u);
-            configuration_.insert(configuration_.end(),
-                                  {9, 0x21, static_cast<std::uint8_t>(attributes)});
-            PutWord(configuration_, kDetachTimeoutMs);
-            PutWord(configuration_, spec_.transferSize);
-            PutWord(configuration_, 0x0110);
+            usb::usb_dfu_functional_descriptor{
+                .bmAttributes = static_cast<std::uint8_t>(attributes),
+                .wDetachTimeOut = kDetachTimeoutMs,
+                .wTransferSize = spec_.transferSize}
+                .Append(configuration_);
         }
     }
-    const auto total = static_cast<std::uint16_t>(configuration_.size());
-    configuration_[2] = static_cast<std::uint8_t>(total & 0xFF);
-    configuration_[3] = static_cast<std::uint8_t>(total >> 8);
+    usb::usb_config_descriptor::SetTotalLength(configuration_);
 }
 
 platform::ErrorCode SimDfuDevice::GetDescriptor(std::uint8_t type, std::uint8_t index,
@@ -110,8 +100,8 @@ platform::ErrorCode SimDfuDevice::GetDescriptor(std::uint8_t type, std::uint8_t 
                                                 std::uint32_t* transferred) {
     *transferred = 0;
     const std::vector<std::uint8_t>* descriptor = nullptr;
-    if (type == 1 && index == 0) descriptor = &deviceDescriptor_;
-    if (type == 2 && index == 0) descriptor = &configuration_;
+    if (type == usb::USB_DT_DEVICE && index == 0) descriptor = &deviceDescriptor_;
+    if (type == usb::USB_DT_CONFIG && index == 0) descriptor = &configuration_;
     if (descriptor == nullptr) return ERROR_GEN_FAILURE;
     const auto count = std::min<std::uint32_t>(length, descriptor->size());
     if (count > 0 && buffer == nullptr) return ERROR_INVALID_PARAMETER;
@@ -155,14 +145,14 @@ platform::ErrorCode SimDfuDevice::ControlTransfer(const platform::UsbSetupPacket
                                                   std::uint8_t* buffer, std::uint32_t length,
                                                   std::uint32_t* transferred) {
     *transferred = 0;
-    if (length < setup.length || (setup.length > 0 && buffer == nullptr)) {
+    if (length < setup.wLength || (setup.wLength > 0 && buffer == nullptr)) {
         return ERROR_INVALID_PARAMETER;
     }
-    if ((setup.requestType & 0x60) == 0) return StandardRequest(setup, buffer, transferred);
-    const bool classRequest = (setup.requestType & 0x60) == 0x20;
-    if (classRequest && setup.request <= static_cast<std::uint8_t>(DfuRequest::kAbort)) {
-        const std::uint32_t seen = ++requestsSeen_[setup.request];
-        const auto kind = static_cast<DfuRequest>(setup.request);
+    if ((setup.bRequestType & 0x60) == 0) return StandardRequest(setup, buffer, transferred);
+    const bool classRequest = (setup.bRequestType & 0x60) == 0x20;
+    if (classRequest && setup.bRequest <= static_cast<std::uint8_t>(DfuRequest::kAbort)) {
+        const std::uint32_t seen = ++requestsSeen_[setup.bRequest];
+        const auto kind = static_cast<DfuRequest>(setup.bRequest);
         for (const RequestFailure& failure : spec_.requestFailures) {
             // Lost on the wire: the device never sees it.
             if (failure.request == kind && seen >= failure.occurrence &&
@@ -189,13 +179,13 @@ platform::ErrorCode SimDfuDevice::StandardRequest(const platform::UsbSetupPacket
                                                   std::uint8_t* buffer,
                                                   std::uint32_t* transferred) {
     // Chapter 9 requests leave the DFU state alone; what the device does not support it stalls.
-    if (setup.requestType == 0x80 && setup.request == 6) {  // GET_DESCRIPTOR
-        return GetDescriptor(static_cast<std::uint8_t>(setup.value >> 8),
-                             static_cast<std::uint8_t>(setup.value & 0xFF), buffer, setup.length,
+    if (setup.bRequestType == 0x80 && setup.bRequest == usb::USB_REQ_GET_DESCRIPTOR) {
+        return GetDescriptor(static_cast<std::uint8_t>(setup.wValue >> 8),
+                             static_cast<std::uint8_t>(setup.wValue & 0xFF), buffer, setup.wLength,
                              transferred);
     }
-    if (setup.requestType == 0x80 && setup.request == 0 && setup.value == 0 &&
-        setup.length == 2) {  // GET_STATUS of the device: bus powered, no remote wake-up
+    if (setup.bRequestType == 0x80 && setup.bRequest == 0 && setup.wValue == 0 &&
+        setup.wLength == 2) {  // GET_STATUS of the device: bus powered, no remote wake-up
         buffer[0] = 0;
         buffer[1] = 0;
         *transferred = 2;
@@ -206,47 +196,47 @@ platform::ErrorCode SimDfuDevice::StandardRequest(const platform::UsbSetupPacket
 
 platform::ErrorCode SimDfuDevice::Request(const platform::UsbSetupPacket& setup,
                                           std::uint8_t* buffer, std::uint32_t* transferred) {
-    const bool out = setup.requestType == 0x21;
-    const bool in = setup.requestType == 0xA1;
-    if ((!out && !in) || dfuInterface_ < 0 || setup.index != dfuInterface_) return Stall();
+    const bool out = setup.bRequestType == 0x21;
+    const bool in = setup.bRequestType == 0xA1;
+    if ((!out && !in) || dfuInterface_ < 0 || setup.wIndex != dfuInterface_) return Stall();
 
-    if (setup.request > static_cast<std::uint8_t>(DfuRequest::kAbort) ||
-        !(kTakenInState[state_] & (1u << setup.request))) {
+    if (setup.bRequest > static_cast<std::uint8_t>(DfuRequest::kAbort) ||
+        !(kTakenInState[state_] & (1u << setup.bRequest))) {
         return Stall();
     }
-    switch (static_cast<DfuRequest>(setup.request)) {
+    switch (static_cast<DfuRequest>(setup.bRequest)) {
         case DfuRequest::kDetach:
             // wValue is the time the host will take to reset; more than the descriptor's
             // wDetachTimeOut is more than the device waits.
-            if (!out || setup.length != 0 || setup.value > kDetachTimeoutMs) return Stall();
+            if (!out || setup.wLength != 0 || setup.wValue > kDetachTimeoutMs) return Stall();
             // The family's devices take DETACH in dfuIDLE without leaving DFU mode.
             state_ = state_ == kDfuIdle ? spec_.stateAfterDetach : std::uint8_t{kAppDetach};
-            detachTimeout_ = setup.value;
+            detachTimeout_ = setup.wValue;
             return ERROR_SUCCESS;
         case DfuRequest::kDnload:
             if (!out) return Stall();
             return Download(setup, buffer);
         case DfuRequest::kUpload:
-            if (!in || !spec_.canUpload || setup.length > spec_.transferSize) return Stall();
+            if (!in || !spec_.canUpload || setup.wLength > spec_.transferSize) return Stall();
             // Nothing to read back: a short (empty) frame ends the upload at once.
             state_ = kDfuIdle;
             return ERROR_SUCCESS;
         case DfuRequest::kGetStatus:
-            if (!in || setup.value != 0 || setup.length != 6 || resetting_) return Stall();
+            if (!in || setup.wValue != 0 || setup.wLength != 6 || resetting_) return Stall();
             AnswerStatus(buffer, transferred);
             return ERROR_SUCCESS;
         case DfuRequest::kClrStatus:
-            if (!out || setup.value != 0 || setup.length != 0) return Stall();
+            if (!out || setup.wValue != 0 || setup.wLength != 0) return Stall();
             state_ = kDfuIdle;
             status_ = kStatusOk;
             return ERROR_SUCCESS;
         case DfuRequest::kGetState:
-            if (!in || setup.value != 0 || setup.length != 1) return Stall();
+            if (!in || setup.wValue != 0 || setup.wLength != 1) return Stall();
             buffer[0] = state_;
             *transferred = 1;
             return ERROR_SUCCESS;
         case DfuRequest::kAbort:
-            if (!out || setup.value != 0 || setup.length != 0) return Stall();
+            if (!out || setup.wValue != 0 || setup.wLength != 0) return Stall();
             state_ = kDfuIdle;
             return ERROR_SUCCESS;
         default:
@@ -261,11 +251,11 @@ platform::ErrorCode SimDfuDevice::Download(const platform::UsbSetupPacket& setup
         world_.Downloads().push_back(DownloadRecord{spec_.link, 0, 0, 0, false});
         download_ = static_cast<int>(world_.Downloads().size()) - 1;
     }
-    if (setup.length > spec_.transferSize) return Stall();
+    if (setup.wLength > spec_.transferSize) return Stall();
     const auto expected = static_cast<std::uint16_t>(blocks_ & 0xFFFF);
-    if (setup.value != expected) return Stall();
+    if (setup.wValue != expected) return Stall();
 
-    if (setup.length == 0) {
+    if (setup.wLength == 0) {
         // An empty download before any data is not a valid end of image.
         if (state_ == kDfuIdle) return Stall();
         state_ = kManifestSync;
@@ -291,8 +281,8 @@ platform::ErrorCode SimDfuDevice::Download(const platform::UsbSetupPacket& setup
     statusAfterBlockDue_ = spec_.statusAfterBlock && spec_.statusAfterBlock->block == blocks_;
     DownloadRecord& record = world_.Downloads()[static_cast<std::size_t>(download_)];
     record.blocks += 1;
-    record.bytes += setup.length;
-    record.crc32 = Crc32(record.crc32, data, setup.length);
+    record.bytes += setup.wLength;
+    record.crc32 = Crc32(record.crc32, data, setup.wLength);
     ++blocks_;
     busyLeft_ = spec_.busyPolls;
     state_ = kDnloadSync;
@@ -341,14 +331,10 @@ void SimDfuDevice::AnswerStatus(std::uint8_t* buffer, std::uint32_t* transferred
         busy_ = true;
         busyUntilMs_ = world_.NowMs() + pollTimeout;
     }
-    const std::uint8_t reply[6] = {status_,
-                                   static_cast<std::uint8_t>(pollTimeout & 0xFF),
-                                   static_cast<std::uint8_t>((pollTimeout >> 8) & 0xFF),
-                                   static_cast<std::uint8_t>((pollTimeout >> 16) & 0xFF),
-                                   state_,
-                                   0};
-    *transferred = sizeof reply;
-    std::copy_n(reply, sizeof reply, buffer);
+    // bStatus, bwPollTimeout (three bytes), bState, iString.
+    usb::StoreLe(buffer, status_, static_cast<std::uint16_t>(pollTimeout),
+                 static_cast<std::uint8_t>(pollTimeout >> 16), state_, std::uint8_t{0});
+    *transferred = 6;
     if (resetAfterAnswer) {
         lastStatusBeforeReset_ = true;
         ResetAfterManifest();
@@ -373,7 +359,7 @@ void SimDfuDevice::EndManifest() {
 
 nlohmann::json SimDfuDevice::Dump() const {
     nlohmann::json entry = {
-        {"link", Narrow(Link())}, {"present", present}, {"state", DfuStateName(state_)}};
+        {"link", WideToUtf8(Link())}, {"present", present}, {"state", DfuStateName(state_)}};
     if (detachTimeout_) entry["detachTimeoutMs"] = *detachTimeout_;
     nlohmann::json requests = nlohmann::json::object();
     for (std::uint8_t r = 0; r < 7; ++r) {

@@ -1,19 +1,10 @@
 // USB access to the simulated DFU devices.
 #include <algorithm>
-#include <cwctype>
 
 #include "platform/sim/sim_world.h"
 
 namespace sim {
 namespace {
-
-bool SamePath(const std::wstring& a, const std::wstring& b) {
-    return a.size() == b.size() &&
-           std::equal(a.begin(), a.end(), b.begin(), [](wchar_t x, wchar_t y) {
-               return std::towlower(static_cast<wint_t>(x)) ==
-                      std::towlower(static_cast<wint_t>(y));
-           });
-}
 
 class SimUsbConnection final : public platform::UsbDeviceConnection {
   public:
@@ -63,7 +54,7 @@ platform::ErrorCode SimWorld::OpenUsbDevice(
     std::lock_guard lock(mutex_);
     LeaveAfterListing();
     for (const auto& device : dfuDevices_) {
-        if (device->present && SamePath(device->Link(), interfacePath)) {
+        if (device->present && SameLink(device->Link(), interfacePath)) {
             *connection = std::make_unique<SimUsbConnection>(*this, device);
             return ERROR_SUCCESS;
         }

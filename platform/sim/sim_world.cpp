@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cwctype>
 #include <thread>
 
 #include "platform/registry.h"
@@ -14,29 +13,6 @@ namespace {
 // value by name, the one a world presets and the dump reports; the key that holds it is the
 // program's business, and the lab learns it only from the program's writes.
 const std::wstring kAutoModeValue = L"dfuautomode";
-
-std::wstring Lower(std::wstring text) {
-    for (auto& ch : text) ch = static_cast<wchar_t>(std::towlower(static_cast<wint_t>(ch)));
-    return text;
-}
-
-std::vector<std::uint8_t> Utf16Bytes(const std::wstring& text) {
-    std::vector<std::uint8_t> bytes;
-    for (wchar_t ch : text) {
-        const auto unit = static_cast<std::uint32_t>(ch);
-        bytes.push_back(static_cast<std::uint8_t>(unit & 0xFF));
-        bytes.push_back(static_cast<std::uint8_t>((unit >> 8) & 0xFF));
-    }
-    return bytes;
-}
-
-std::string Utf16BytesToUtf8(const std::vector<std::uint8_t>& bytes) {
-    std::wstring text;
-    for (std::size_t i = 0; i + 1 < bytes.size(); i += 2) {
-        text.push_back(static_cast<wchar_t>(bytes[i] | (bytes[i + 1] << 8)));
-    }
-    return Narrow(text);
-}
 
 }  // namespace
 
@@ -61,7 +37,7 @@ SimWorld::SimWorld(WorldSpec spec) : spec_(std::move(spec)) {
             std::make_unique<SimCamera>(*this, spec_.cameras[i], static_cast<int>(i)));
     }
     if (spec_.registry.dfuAutoMode) {
-        presetAutoMode_ = {REG_SZ, Utf16Bytes(*spec_.registry.dfuAutoMode)};
+        presetAutoMode_ = {REG_SZ, platform::WideToUtf16Le(*spec_.registry.dfuAutoMode)};
     }
     eventThread_ = std::thread([this] { RunEvents(); });
     std::lock_guard lock(mutex_);
@@ -401,9 +377,10 @@ nlohmann::json SimWorld::DumpState() const {
             autoMode = &value->second;
     }
     if (autoMode) {
-        state["registry"]["DFUAutoMode"] = {{"type", autoMode->type},
-                                            {"bytes", autoMode->bytes.size()},
-                                            {"text", Utf16BytesToUtf8(autoMode->bytes)}};
+        state["registry"]["DFUAutoMode"] = {
+            {"type", autoMode->type},
+            {"bytes", autoMode->bytes.size()},
+            {"text", platform::Utf16LeToUtf8(autoMode->bytes.data(), autoMode->bytes.size())}};
     }
     state["cameras"] = nlohmann::json::array();
     for (const auto& camera : cameras_) {
@@ -417,7 +394,7 @@ nlohmann::json SimWorld::DumpState() const {
     for (const auto& download : downloads_) {
         char crc[9];
         std::snprintf(crc, sizeof crc, "%08x", download.crc32);
-        state["downloads"].push_back({{"link", Narrow(download.link)},
+        state["downloads"].push_back({{"link", WideToUtf8(download.link)},
                                       {"blocks", download.blocks},
                                       {"bytes", download.bytes},
                                       {"crc32", crc},

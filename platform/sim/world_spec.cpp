@@ -11,7 +11,6 @@
 #include <set>
 #include <sstream>
 
-#include "platform/common/wide_stream.h"
 #include "platform/sim/camera_description.h"
 
 namespace sim {
@@ -39,6 +38,23 @@ void CheckKeys(const json& object, const std::string& where, const std::set<std:
     }
 }
 
+void Require(const json& object, const std::string& where,
+             std::initializer_list<const char*> keys) {
+    for (const char* key : keys) {
+        if (!object.contains(key)) Fail(where + "." + key, "required field is missing");
+    }
+}
+
+// Which of `names` the value is; anything else fails with `must`.
+template <std::size_t N>
+std::size_t NameIndex(const json& value, const std::string& where, const char* const (&names)[N],
+                      const char* must) {
+    for (std::size_t i = 0; value.is_string() && i < N; ++i) {
+        if (value.get<std::string>() == names[i]) return i;
+    }
+    Fail(where, must);
+}
+
 std::uint64_t Unsigned(const json& value, const std::string& where, std::uint64_t min,
                        std::uint64_t max) {
     if (!value.is_number_integer()) Fail(where, "must be a whole number");
@@ -60,7 +76,7 @@ std::wstring Text(const json& value, const std::string& where, bool allowEmpty) 
     if (!value.is_string()) Fail(where, "must be a string");
     const auto text = value.get<std::string>();
     if (!allowEmpty && text.empty()) Fail(where, "must not be empty");
-    return Widen(text);
+    return Utf8ToWide(text);
 }
 
 bool Bool(const json& value, const std::string& where) {
@@ -102,21 +118,13 @@ FirmwareVersion ParseVersion(const std::string& text, const std::string& where) 
 namespace {
 
 std::uint8_t StateByName(const json& value, const std::string& at) {
-    if (value.is_string()) {
-        for (std::uint8_t s = 0; s < 11; ++s) {
-            if (value.get<std::string>() == kStateNames[s]) return s;
-        }
-    }
-    Fail(at, "must be a DFU state name such as \"dfuIDLE\"");
+    return static_cast<std::uint8_t>(
+        NameIndex(value, at, kStateNames, "must be a DFU state name such as \"dfuIDLE\""));
 }
 
 DfuRequest RequestByName(const json& value, const std::string& at) {
-    if (value.is_string()) {
-        for (std::uint8_t r = 0; r < 7; ++r) {
-            if (value.get<std::string>() == kRequestNames[r]) return static_cast<DfuRequest>(r);
-        }
-    }
-    Fail(at, "must be a DFU request name such as \"GETSTATUS\"");
+    return static_cast<DfuRequest>(
+        NameIndex(value, at, kRequestNames, "must be a DFU request name such as \"GETSTATUS\""));
 }
 
 std::uint32_t Count(const json& object, const char* key, const std::string& where,
@@ -124,48 +132,51 @@ std::uint32_t Count(const json& object, const char* key, const std::string& wher
     return static_cast<std::uint32_t>(Unsigned(object[key], where + "." + key, min, max));
 }
 
+// Parses each entry of the array object[key], when there is one, with its place.
+template <typename Parse>
+void EachEntry(const json& object, const char* key, const std::string& where, Parse parse) {
+    if (!object.contains(key)) return;
+    const std::string at = where + "." + key;
+    if (!object[key].is_array()) Fail(at, "must be an array");
+    for (std::size_t i = 0; i < object[key].size(); ++i) {
+        parse(object[key][i], at + "[" + std::to_string(i) + "]");
+    }
+}
+
+// The same for a field that may be left out; `field` keeps its value then.
+template <typename T>
+void CountIf(const json& object, const char* key, const std::string& where, std::uint64_t min,
+             std::uint64_t max, T& field) {
+    if (object.contains(key)) field = static_cast<T>(Count(object, key, where, min, max));
+}
+
 void ParseDfuFaults(const json& object, const std::string& where, DfuDeviceSpec& spec) {
     if (object.contains("initialState")) {
         spec.initialState = StateByName(object["initialState"], where + ".initialState");
     }
-    if (object.contains("pollTimeoutMs")) {
-        spec.pollTimeoutMs = Count(object, "pollTimeoutMs", where, 0, 0xFFFFFF);
-    }
+    CountIf(object, "pollTimeoutMs", where, 0, 0xFFFFFF, spec.pollTimeoutMs);
     if (object.contains("canUpload"))
         spec.canUpload = Bool(object["canUpload"], where + ".canUpload");
     if (object.contains("manifestationTolerant")) {
         spec.manifestationTolerant =
             Bool(object["manifestationTolerant"], where + ".manifestationTolerant");
     }
-    if (object.contains("resetAfterManifestMs")) {
-        spec.resetAfterManifestMs = Count(object, "resetAfterManifestMs", where, 0, 3600000);
-    }
-    if (object.contains("requestFailures")) {
-        const auto& list = object["requestFailures"];
-        const std::string at = where + ".requestFailures";
-        if (!list.is_array()) Fail(at, "must be an array");
-        for (std::size_t i = 0; i < list.size(); ++i) {
-            const std::string item = at + "[" + std::to_string(i) + "]";
-            CheckKeys(list[i], item, {"request", "occurrence", "count", "error"});
-            if (!list[i].contains("request")) Fail(item + ".request", "required field is missing");
-            RequestFailure failure;
-            failure.request = RequestByName(list[i]["request"], item + ".request");
-            if (list[i].contains("occurrence")) {
-                failure.occurrence = Count(list[i], "occurrence", item, 1, 1000000);
-            }
-            if (list[i].contains("count"))
-                failure.count = Count(list[i], "count", item, 1, 1000000);
-            if (list[i].contains("error")) failure.error = Count(list[i], "error", item, 1, 65535);
-            spec.requestFailures.push_back(failure);
-        }
-    }
+    CountIf(object, "resetAfterManifestMs", where, 0, 3600000, spec.resetAfterManifestMs);
+    EachEntry(object, "requestFailures", where, [&](const json& entry, const std::string& item) {
+        CheckKeys(entry, item, {"request", "occurrence", "count", "error"});
+        Require(entry, item, {"request"});
+        RequestFailure failure;
+        failure.request = RequestByName(entry["request"], item + ".request");
+        CountIf(entry, "occurrence", item, 1, 1000000, failure.occurrence);
+        CountIf(entry, "count", item, 1, 1000000, failure.count);
+        CountIf(entry, "error", item, 1, 65535, failure.error);
+        spec.requestFailures.push_back(failure);
+    });
     if (object.contains("statusAfterBlock")) {
         const auto& answer = object["statusAfterBlock"];
         const std::string at = where + ".statusAfterBlock";
         CheckKeys(answer, at, {"block", "bStatus", "bState"});
-        for (const char* key : {"block", "bStatus", "bState"}) {
-            if (!answer.contains(key)) Fail(at + "." + key, "required field is missing");
-        }
+        Require(answer, at, {"block", "bStatus", "bState"});
         StatusAfterBlock parsed;
         parsed.block = Count(answer, "block", at, 0, std::numeric_limits<std::uint32_t>::max());
         parsed.bStatus = static_cast<std::uint8_t>(Count(answer, "bStatus", at, 0, 255));
@@ -177,10 +188,8 @@ void ParseDfuFaults(const json& object, const std::string& where, DfuDeviceSpec&
         const std::string at = where + ".unplug";
         CheckKeys(unplug, at, {"atMs", "afterListings", "atRequest", "occurrence"});
         UnplugSpec parsed;
-        if (unplug.contains("atMs")) parsed.atMs = Count(unplug, "atMs", at, 0, 3600000);
-        if (unplug.contains("afterListings")) {
-            parsed.afterListings = Count(unplug, "afterListings", at, 1, 1000000);
-        }
+        CountIf(unplug, "atMs", at, 0, 3600000, parsed.atMs);
+        CountIf(unplug, "afterListings", at, 1, 1000000, parsed.afterListings);
         if (unplug.contains("atRequest")) {
             parsed.atRequest = RequestByName(unplug["atRequest"], at + ".atRequest");
         }
@@ -202,12 +211,9 @@ DfuDeviceSpec ParseDfuDevice(const json& object, const std::string& where) {
          "fault", "initialState", "pollTimeoutMs", "canUpload", "requestFailures",
          "statusAfterBlock", "unplug", "manifestationTolerant", "resetAfterManifestMs"});
     DfuDeviceSpec spec;
-    if (!object.contains("link")) Fail(where + ".link", "required field is missing");
+    Require(object, where, {"link"});
     spec.link = Text(object["link"], where + ".link", false);
-    if (object.contains("transferSize")) {
-        spec.transferSize = static_cast<std::uint16_t>(
-            Unsigned(object["transferSize"], where + ".transferSize", 0, 65535));
-    }
+    CountIf(object, "transferSize", where, 0, 65535, spec.transferSize);
     if (object.contains("interfaces")) {
         const auto& list = object["interfaces"];
         const std::string at = where + ".interfaces";
@@ -220,14 +226,8 @@ DfuDeviceSpec ParseDfuDevice(const json& object, const std::string& where) {
                 Unsigned(list[i], at + "[" + std::to_string(i) + "]", 0, 255)));
         }
     }
-    if (object.contains("busyPolls")) {
-        spec.busyPolls = static_cast<std::uint32_t>(
-            Unsigned(object["busyPolls"], where + ".busyPolls", 0, 1000000));
-    }
-    if (object.contains("manifestPolls")) {
-        spec.manifestPolls = static_cast<std::uint32_t>(
-            Unsigned(object["manifestPolls"], where + ".manifestPolls", 0, 1000000));
-    }
+    CountIf(object, "busyPolls", where, 0, 1000000, spec.busyPolls);
+    CountIf(object, "manifestPolls", where, 0, 1000000, spec.manifestPolls);
     if (object.contains("stateAfterDetach")) {
         spec.stateAfterDetach =
             StateByName(object["stateAfterDetach"], where + ".stateAfterDetach");
@@ -237,22 +237,14 @@ DfuDeviceSpec ParseDfuDevice(const json& object, const std::string& where) {
         const auto& fault = object["fault"];
         const std::string at = where + ".fault";
         CheckKeys(fault, at, {"atBlock", "kind"});
-        if (!fault.contains("atBlock")) Fail(at + ".atBlock", "required field is missing");
-        if (!fault.contains("kind")) Fail(at + ".kind", "required field is missing");
+        Require(fault, at, {"atBlock", "kind"});
         DfuFault parsed;
         parsed.atBlock = static_cast<std::uint32_t>(Unsigned(
             fault["atBlock"], at + ".atBlock", 0, std::numeric_limits<std::uint32_t>::max()));
-        const auto& kind = fault["kind"];
-        const std::string kindText = kind.is_string() ? kind.get<std::string>() : std::string();
-        if (kindText == "stall") {
-            parsed.kind = FaultKind::kStall;
-        } else if (kindText == "error") {
-            parsed.kind = FaultKind::kError;
-        } else if (kindText == "unplug") {
-            parsed.kind = FaultKind::kUnplug;
-        } else {
-            Fail(at + ".kind", "must be \"stall\", \"error\" or \"unplug\"");
-        }
+        constexpr const char* kNames[] = {"stall", "error", "unplug"};
+        constexpr FaultKind kKinds[] = {FaultKind::kStall, FaultKind::kError, FaultKind::kUnplug};
+        parsed.kind = kKinds[NameIndex(fault["kind"], at + ".kind", kNames,
+                                       "must be \"stall\", \"error\" or \"unplug\"")];
         spec.fault = parsed;
     }
     return spec;
@@ -287,7 +279,7 @@ CameraSpec ParseCamera(const json& object, const std::string& where, std::size_t
               {"name", "link", "enumerations", "lynx", "firmware", "infoFailures", "dfu",
                "dfuDelayMs", "firmwareAfterUpdate", "commandFaults", "inDfuMode", "topology"});
     CameraSpec spec;
-    if (!object.contains("name")) Fail(where + ".name", "required field is missing");
+    Require(object, where, {"name"});
     spec.name = Text(object["name"], where + ".name", true);
     if (object.contains("link")) {
         spec.link = Text(object["link"], where + ".link", false);
@@ -313,17 +305,11 @@ CameraSpec ParseCamera(const json& object, const std::string& where, std::size_t
     if (object.contains("firmware"))
         spec.firmware = Version(object["firmware"], where + ".firmware");
     spec.firmwareAfterUpdate = spec.firmware;
-    if (object.contains("infoFailures")) {
-        spec.infoFailures = static_cast<std::uint32_t>(
-            Unsigned(object["infoFailures"], where + ".infoFailures", 0, 1000000));
-    }
+    CountIf(object, "infoFailures", where, 0, 1000000, spec.infoFailures);
     if (object.contains("topology"))
         ParseTopology(object["topology"], where + ".topology", spec.topology);
     if (object.contains("dfu")) spec.dfu = ParseDfuDevice(object["dfu"], where + ".dfu");
-    if (object.contains("dfuDelayMs")) {
-        spec.dfuDelayMs = static_cast<std::uint32_t>(
-            Unsigned(object["dfuDelayMs"], where + ".dfuDelayMs", 0, 3600000));
-    }
+    CountIf(object, "dfuDelayMs", where, 0, 3600000, spec.dfuDelayMs);
     if (object.contains("firmwareAfterUpdate")) {
         spec.firmwareAfterUpdate =
             Version(object["firmwareAfterUpdate"], where + ".firmwareAfterUpdate");
@@ -332,41 +318,22 @@ CameraSpec ParseCamera(const json& object, const std::string& where, std::size_t
         spec.inDfuMode = Bool(object["inDfuMode"], where + ".inDfuMode");
         if (spec.inDfuMode && !spec.dfu) Fail(where + ".inDfuMode", "needs a dfu device");
     }
-    if (object.contains("commandFaults")) {
-        const auto& list = object["commandFaults"];
-        const std::string at = where + ".commandFaults";
-        if (!list.is_array()) Fail(at, "must be an array");
-        for (std::size_t i = 0; i < list.size(); ++i) {
-            const std::string item = at + "[" + std::to_string(i) + "]";
-            CheckKeys(list[i], item, {"opcode", "kind", "times"});
-            if (!list[i].contains("opcode")) Fail(item + ".opcode", "required field is missing");
-            if (!list[i].contains("kind")) Fail(item + ".kind", "required field is missing");
-            CommandFault fault;
-            fault.opcode = Count(list[i], "opcode", item, 0, 0xFFFFFFFFu);
-            const auto& kind = list[i]["kind"];
-            const std::string text = kind.is_string() ? kind.get<std::string>() : std::string();
-            if (text == "setFails") {
-                fault.kind = CommandFaultKind::kSetFails;
-            } else if (text == "getFails") {
-                fault.kind = CommandFaultKind::kGetFails;
-            } else if (text == "shortReply") {
-                fault.kind = CommandFaultKind::kShortReply;
-            } else if (text == "wrongEcho") {
-                fault.kind = CommandFaultKind::kWrongEcho;
-            } else {
-                Fail(item + ".kind",
-                     "must be \"setFails\", \"getFails\", \"shortReply\" or \"wrongEcho\"");
-            }
-            if (list[i].contains("times")) fault.times = Count(list[i], "times", item, 1, 1000000);
-            spec.commandFaults.push_back(fault);
-        }
-    }
+    EachEntry(object, "commandFaults", where, [&](const json& entry, const std::string& item) {
+        CheckKeys(entry, item, {"opcode", "kind", "times"});
+        Require(entry, item, {"opcode", "kind"});
+        CommandFault fault;
+        fault.opcode = Count(entry, "opcode", item, 0, 0xFFFFFFFFu);
+        constexpr const char* kNames[] = {"setFails", "getFails", "shortReply", "wrongEcho"};
+        constexpr CommandFaultKind kKinds[] = {
+            CommandFaultKind::kSetFails, CommandFaultKind::kGetFails, CommandFaultKind::kShortReply,
+            CommandFaultKind::kWrongEcho};
+        fault.kind = kKinds[NameIndex(
+            entry["kind"], item + ".kind", kNames,
+            "must be \"setFails\", \"getFails\", \"shortReply\" or \"wrongEcho\"")];
+        CountIf(entry, "times", item, 1, 1000000, fault.times);
+        spec.commandFaults.push_back(fault);
+    });
     return spec;
-}
-
-std::wstring Lower(std::wstring text) {
-    for (wchar_t& c : text) c = static_cast<wchar_t>(std::towlower(static_cast<wint_t>(c)));
-    return text;
 }
 
 // Two devices on one link would be one device to the host: the world cannot mean it.
@@ -498,42 +465,18 @@ WorldSpec DefaultWorld() {
     return world;
 }
 
+std::wstring Lower(std::wstring text) {
+    for (wchar_t& c : text) c = static_cast<wchar_t>(std::towlower(static_cast<wint_t>(c)));
+    return text;
+}
+
+bool SameLink(const std::wstring& a, const std::wstring& b) {
+    return Lower(a) == Lower(b);
+}
+
 std::string FormatVersion(const FirmwareVersion& v) {
     return std::to_string(v[0]) + "." + std::to_string(v[1]) + "." + std::to_string(v[2]) + "." +
            std::to_string(v[3]);
-}
-
-std::wstring Widen(const std::string& utf8) {
-    std::wstring out;
-    std::size_t i = 0;
-    while (i < utf8.size()) {
-        const auto byte = static_cast<unsigned char>(utf8[i]);
-        char32_t cp = 0xFFFD;
-        std::size_t length = 1;
-        if (byte < 0x80) {
-            cp = byte;
-        } else if ((byte >> 5) == 0x6 && i + 1 < utf8.size()) {
-            cp = ((byte & 0x1Fu) << 6) | (static_cast<unsigned char>(utf8[i + 1]) & 0x3Fu);
-            length = 2;
-        } else if ((byte >> 4) == 0xE && i + 2 < utf8.size()) {
-            cp = ((byte & 0x0Fu) << 12) | ((static_cast<unsigned char>(utf8[i + 1]) & 0x3Fu) << 6) |
-                 (static_cast<unsigned char>(utf8[i + 2]) & 0x3Fu);
-            length = 3;
-        } else if ((byte >> 3) == 0x1E && i + 3 < utf8.size()) {
-            cp = ((byte & 0x07u) << 18) |
-                 ((static_cast<unsigned char>(utf8[i + 1]) & 0x3Fu) << 12) |
-                 ((static_cast<unsigned char>(utf8[i + 2]) & 0x3Fu) << 6) |
-                 (static_cast<unsigned char>(utf8[i + 3]) & 0x3Fu);
-            length = 4;
-        }
-        out.push_back(static_cast<wchar_t>(cp));
-        i += length;
-    }
-    return out;
-}
-
-std::string Narrow(const std::wstring& wide) {
-    return platform::WideToUtf8(wide);
 }
 
 }  // namespace sim

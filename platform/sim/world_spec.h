@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/common/wide_stream.h"
 #include "platform/linux/uvc_descriptors.h"
 
 namespace sim {
@@ -149,7 +150,12 @@ WorldSpec DefaultWorld();
 std::string FormatVersion(const FirmwareVersion& version);
 // "a.b.c.d" with parts 0 to 255; throws WorldError naming `where` otherwise.
 FirmwareVersion ParseVersion(const std::string& text, const std::string& where);
-std::wstring Widen(const std::string& utf8);
-std::string Narrow(const std::wstring& wide);
+// Links, registry keys and value names compare without regard to case, as Windows compares
+// them: each unit through the C library's wide lower-casing.
+std::wstring Lower(std::wstring text);
+bool SameLink(const std::wstring& a, const std::wstring& b);
+// Names and links travel as UTF-8 in world files and state dumps.
+using platform::Utf8ToWide;
+using platform::WideToUtf8;
 
 }  // namespace sim

@@ -10,6 +10,8 @@
 #include <fstream>
 #include <sstream>
 
+#include "platform/linux/sysfs.h"
+
 namespace usbip {
 namespace {
 
@@ -25,16 +27,43 @@ constexpr unsigned kHighSpeed = 3;
 
 const char* const kVhciDir = "/sys/devices/platform/vhci_hcd.0";
 
-void PutBe32(std::uint8_t* at, std::uint32_t value) {
-    const std::uint32_t be = htonl(value);
-    std::memcpy(at, &be, 4);
-}
-
-std::uint32_t GetBe32(const std::uint8_t* at) {
+std::uint32_t Be32(const std::uint8_t* at) {
     std::uint32_t be;
     std::memcpy(&be, at, 4);
     return ntohl(be);
 }
+
+// What the kernel sends: a submitted transfer or the unlink of one (usbip_header_basic and
+// usbip_header_cmd_submit / usbip_header_cmd_unlink, which share the words after the basic
+// part).
+struct usbip_header_cmd {
+    std::uint32_t command, seqnum, devid, direction, ep;
+    std::uint32_t transfer_flags;  // the same word is unlink_seqnum in an unlink
+    std::uint32_t transfer_buffer_length, start_frame, number_of_packets, interval;
+    const std::uint8_t* setup;
+
+    static usbip_header_cmd Read(const std::uint8_t* at) {
+        return {Be32(at),      Be32(at + 4),  Be32(at + 8),  Be32(at + 12),
+                Be32(at + 16), Be32(at + 20), Be32(at + 24), Be32(at + 28),
+                Be32(at + 32), Be32(at + 36), at + 40};
+    }
+    std::uint32_t unlink_seqnum() const { return transfer_flags; }
+};
+
+// What the device answers (usbip_header_ret_submit / usbip_header_ret_unlink); the fields
+// not named here are zero.
+struct usbip_header_ret {
+    std::uint32_t command, seqnum, status, actual_length;
+
+    Bytes Write() const {
+        Bytes out(kHeaderSize, 0);
+        const std::uint32_t words[] = {htonl(command), htonl(seqnum)};
+        std::memcpy(out.data(), words, sizeof words);
+        const std::uint32_t result[] = {htonl(status), htonl(actual_length)};
+        std::memcpy(out.data() + 20, result, sizeof result);
+        return out;
+    }
+};
 
 }  // namespace
 
@@ -99,25 +128,11 @@ void Link::Detach() {
 }
 
 bool Link::ReadExact(std::uint8_t* buffer, std::size_t length) {
-    std::size_t done = 0;
-    while (done < length) {
-        const ssize_t n = read(socket_, buffer + done, length - done);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        done += static_cast<std::size_t>(n);
-    }
-    return true;
+    return platform::linux_hw::WholeTransfer(socket_, buffer, length, ::read);
 }
 
 bool Link::WriteAll(const Bytes& data) {
-    std::size_t done = 0;
-    while (done < data.size()) {
-        const ssize_t n = write(socket_, data.data() + done, data.size() - done);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        done += static_cast<std::size_t>(n);
-    }
-    return true;
+    return platform::linux_hw::WholeTransfer(socket_, data.data(), data.size(), ::write);
 }
 
 bool Link::ServeOne(const ControlHandler& handler) {
@@ -126,15 +141,14 @@ bool Link::ServeOne(const ControlHandler& handler) {
         Detach();
         return false;
     }
-    const std::uint32_t command = GetBe32(header);
-    const std::uint32_t seqnum = GetBe32(header + 4);
-    if (command == kCmdUnlink) {
+    const auto cmd = usbip_header_cmd::Read(header);
+    if (cmd.command == kCmdUnlink) {
         // Only requests held back can still be unlinked; control requests are answered at
         // once.
         bool held = false;
         for (auto& [endpoint, queue] : held_) {
             const auto found = std::find_if(queue.begin(), queue.end(), [&](const Held& h) {
-                return h.seqnum == GetBe32(header + 20);
+                return h.seqnum == cmd.unlink_seqnum();
             });
             if (found != queue.end()) {
                 queue.erase(found);
@@ -142,53 +156,46 @@ bool Link::ServeOne(const ControlHandler& handler) {
                 break;
             }
         }
-        Bytes reply(kHeaderSize, 0);
-        PutBe32(reply.data(), kRetUnlink);
-        PutBe32(reply.data() + 4, seqnum);
-        PutBe32(reply.data() + 20, held ? static_cast<std::uint32_t>(-ECONNRESET) : 0);
-        return WriteAll(reply);
+        const auto status = held ? static_cast<std::uint32_t>(-ECONNRESET) : 0;
+        return WriteAll(usbip_header_ret{kRetUnlink, cmd.seqnum, status, 0}.Write());
     }
-    if (command != kCmdSubmit) {
+    if (cmd.command != kCmdSubmit) {
         Detach();
         return false;
     }
-    const std::uint32_t direction = GetBe32(header + 12);
-    const std::uint32_t endpoint = GetBe32(header + 16);
-    const std::uint32_t length = GetBe32(header + 24);
-    const std::uint32_t packets = GetBe32(header + 32);
+    const std::uint32_t length = cmd.transfer_buffer_length;
     Bytes out;
-    if (direction != kDirIn && length > 0) {
+    if (cmd.direction != kDirIn && length > 0) {
         out.resize(length);
         if (!ReadExact(out.data(), length)) return false;
     }
-    if (packets != 0 && packets != 0xFFFFFFFFu) {
+    if (cmd.number_of_packets != 0 && cmd.number_of_packets != 0xFFFFFFFFu) {
         // Isochronous descriptors follow; the streams are bulk, so none is ever answered.
-        Bytes skip(std::size_t{16} * packets);
+        Bytes skip(std::size_t{16} * cmd.number_of_packets);
         if (!ReadExact(skip.data(), skip.size())) return false;
     }
-    if (endpoint != 0) {
+    if (cmd.ep != 0) {
         // Interrupt and streaming endpoints: answered when the device has something to say.
-        held_[static_cast<std::uint8_t>(endpoint)].push_back({seqnum, length});
+        held_[static_cast<std::uint8_t>(cmd.ep)].push_back({cmd.seqnum, length});
         return true;
     }
-    const std::uint8_t* setup = header + 40;
-    const ControlReply reply = handler(setup, out);
+    const ControlReply reply = handler(cmd.setup, out);
     if (reply.unplugged) {
         Detach();
         return true;
     }
-    Bytes answer(kHeaderSize, 0);
-    PutBe32(answer.data(), kRetSubmit);
-    PutBe32(answer.data() + 4, seqnum);
-    const bool in = setup[0] & 0x80;
+    usbip_header_ret ret{kRetSubmit, cmd.seqnum, 0, 0};
+    const bool in = cmd.setup[0] & 0x80;
     if (reply.stall) {
-        PutBe32(answer.data() + 20, static_cast<std::uint32_t>(-EPIPE));
+        ret.status = static_cast<std::uint32_t>(-EPIPE);
     } else {
-        const std::uint32_t actual =
+        ret.actual_length =
             in ? static_cast<std::uint32_t>(std::min<std::size_t>(reply.data.size(), length))
                : length;
-        PutBe32(answer.data() + 24, actual);
-        if (in) answer.insert(answer.end(), reply.data.begin(), reply.data.begin() + actual);
+    }
+    Bytes answer = ret.Write();
+    if (!reply.stall && in) {
+        answer.insert(answer.end(), reply.data.begin(), reply.data.begin() + ret.actual_length);
     }
     return WriteAll(answer) || socket_ < 0;
 }
@@ -205,10 +212,7 @@ bool Link::Answer(std::uint8_t endpoint, const Bytes& data) {
     queue.pop_front();
     const std::uint32_t actual =
         static_cast<std::uint32_t>(std::min<std::size_t>(data.size(), request.length));
-    Bytes answer(kHeaderSize, 0);
-    PutBe32(answer.data(), kRetSubmit);
-    PutBe32(answer.data() + 4, request.seqnum);
-    PutBe32(answer.data() + 24, actual);
+    Bytes answer = usbip_header_ret{kRetSubmit, request.seqnum, 0, actual}.Write();
     answer.insert(answer.end(), data.begin(), data.begin() + actual);
     return WriteAll(answer);
 }

@@ -12,16 +12,14 @@ using usbip::ControlReply;
 
 constexpr std::uint16_t kFrameSize = 1024;
 
-std::uint32_t Le32(const std::uint8_t* at) {
-    return at[0] | (at[1] << 8) | (at[2] << 16) | (static_cast<std::uint32_t>(at[3]) << 24);
-}
+using usb::Le32;
 
 }  // namespace
 
 Camera::Camera(sim::SimWorld& world, std::size_t index) : world_(world), index_(index) {
     {
         std::lock_guard lock(world_.Lock());
-        description_ = sim::LynxDepthCamera(sim::Narrow(world_.Cameras()[index_]->Spec().name));
+        description_ = sim::LynxDepthCamera(sim::WideToUtf8(world_.Cameras()[index_]->Spec().name));
     }
     for (const sim::StreamDescription& stream : description_.streams) {
         streams_.emplace_back(stream, description_.bcdUVC, description_.dwClockFrequency);
@@ -48,14 +46,11 @@ bool Camera::Leaving() {
 
 ControlReply Camera::Control(const std::uint8_t* setup, const Bytes& out) {
     lastCommand_[0] = '\0';
-    const std::uint8_t type = setup[0];
-    const std::uint8_t request = setup[1];
-    const std::uint16_t value = setup[2] | (setup[3] << 8);
-    const std::uint16_t index = setup[4] | (setup[5] << 8);
-    const std::uint16_t length = setup[6] | (setup[7] << 8);
-    if ((type & 0x60) == 0x00) return Standard(type, request, value, index);
-    if ((type & 0x60) == 0x20 && (type & 0x1F) == 0x01) {
-        return VideoControl(request, value, index, length, out);
+    const auto s = usb::usb_ctrlrequest::Read(setup);
+    if ((s.bRequestType & 0x60) == 0x00)
+        return Standard(s.bRequestType, s.bRequest, s.wValue, s.wIndex);
+    if ((s.bRequestType & 0x60) == 0x20 && (s.bRequestType & 0x1F) == 0x01) {
+        return VideoControl(s.bRequest, s.wValue, s.wIndex, s.wLength, out);
     }
     return {true, {}};
 }
@@ -65,12 +60,15 @@ ControlReply Camera::Standard(std::uint8_t type, std::uint8_t request, std::uint
     switch (request) {
         case 0x00:  // GET_STATUS
             return {false, {0, 0}};
-        case 0x06: {  // GET_DESCRIPTOR
+        case usb::USB_REQ_GET_DESCRIPTOR: {
             const std::uint8_t kind = value >> 8;
             const std::uint8_t which = value & 0xFF;
-            if (kind == 0x01) return {false, description_.DeviceDescriptor()};
-            if (kind == 0x02 && which == 0) return {false, description_.ConfigurationDescriptor()};
-            Bytes text = kind == 0x03 ? description_.StringDescriptor(which) : Bytes{};
+            if (kind == usb::USB_DT_DEVICE) return {false, description_.DeviceDescriptor()};
+            if (kind == usb::USB_DT_CONFIG && which == 0) {
+                return {false, description_.ConfigurationDescriptor()};
+            }
+            Bytes text =
+                kind == usb::USB_DT_STRING ? description_.StringDescriptor(which) : Bytes{};
             return {text.empty(), text};
         }
         case 0x08:  // GET_CONFIGURATION
@@ -109,13 +107,13 @@ ControlReply Camera::VideoControl(std::uint8_t request, std::uint16_t value, std
     }
     if (interfaceNumber != description_.ControlInterface()) return {true, {}};
     // VC_REQUEST_ERROR_CODE_CONTROL of the interface: what went wrong with the last request.
-    if (entity == 0 && selector == 2 && request == 0x81) return {false, {lastError_}};
+    if (entity == 0 && selector == 2 && request == usb::UVC_GET_CUR) return {false, {lastError_}};
     if (entity != description_.extensionUnits.front().bUnitID) {
         lastError_ = 0x06;  // invalid control
         return {true, {}};
     }
-    if (request == 0x01 && out.size() == kFrameSize) {
-        const unsigned frameLength = out[0] | (out[1] << 8);
+    if (request == usb::UVC_SET_CUR && out.size() == kFrameSize) {
+        const unsigned frameLength = usb::Le16(out.data());
         if (out[2] == 0xAB && out[3] == 0xCD && frameLength >= 20 && frameLength <= 1020) {
             std::snprintf(lastCommand_, sizeof lastCommand_,
                           "command 0x%02x length %u parameters %u %u %u %u", Le32(&out[4]),

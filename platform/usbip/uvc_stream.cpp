@@ -3,29 +3,15 @@
 #include <algorithm>
 #include <cstring>
 
+#include "platform/usb_descriptors.h"
+
 namespace uvc {
 namespace {
 
 using usbip::Bytes;
 using usbip::ControlReply;
 
-constexpr std::uint8_t kSetCur = 0x01;
-constexpr std::uint8_t kGetCur = 0x81;
-constexpr std::uint8_t kGetMin = 0x82;
-constexpr std::uint8_t kGetMax = 0x83;
-constexpr std::uint8_t kGetRes = 0x84;
-constexpr std::uint8_t kGetLen = 0x85;
-constexpr std::uint8_t kGetInfo = 0x86;
-constexpr std::uint8_t kGetDef = 0x87;
 constexpr std::size_t kPayloadHeader = 2;
-
-std::uint32_t Get32(const std::uint8_t* at) {
-    return at[0] | (at[1] << 8) | (at[2] << 16) | (static_cast<std::uint32_t>(at[3]) << 24);
-}
-
-void Set32(std::uint8_t* at, std::uint32_t value) {
-    for (int i = 0; i < 4; ++i) at[i] = static_cast<std::uint8_t>(value >> (8 * i));
-}
 
 // 5x7 glyphs, one row a byte, bit 4 leftmost.
 const std::uint8_t* Glyph(char c) {
@@ -78,8 +64,7 @@ void DrawPattern(Bytes& frame, unsigned width, unsigned height, bool depth, std:
                                     : what == kBox ? 3000
                                     : what == kBar ? 700
                                                    : 1000 + y * 2000 / height;
-                p[0] = static_cast<std::uint8_t>(mm);
-                p[1] = static_cast<std::uint8_t>(mm >> 8);
+                usb::StoreLe(p, static_cast<std::uint16_t>(mm));
             } else {
                 // YUYV: luma per pixel, the pair's chroma on even (U) and odd (V) pixels.
                 const std::uint8_t luma = what == kInk   ? 235
@@ -114,17 +99,17 @@ Stream::Control34 Stream::Negotiate(const Bytes& wanted) const {
     c[2] = 1;  // the one format
     if (c[3] == 0 || c[3] > frames.size()) c[3] = 1;
     const sim::uvc_frame_uncompressed& frame = frames[c[3] - 1];
-    const std::uint32_t asked = Get32(&c[4]);
+    const std::uint32_t asked = usb::Le32(&c[4]);
     std::uint32_t interval = frame.dwFrameInterval.front();
     for (std::uint32_t offered : frame.dwFrameInterval) {
         const auto distance = [&](std::uint32_t v) { return v > asked ? v - asked : asked - v; };
         if (asked != 0 && distance(offered) < distance(interval)) interval = offered;
     }
-    Set32(&c[4], interval);
+    usb::StoreLe(&c[4], interval);
     std::fill(c.begin() + 8, c.begin() + 18, 0);  // key frames, quality, window, delay
-    Set32(&c[18], frame.wWidth * frame.wHeight * description_.format.bBitsPerPixel / 8u);
-    Set32(&c[22], description_.dwMaxPayloadTransferSize);
-    Set32(&c[26], clock_);
+    usb::StoreLe(&c[18], frame.wWidth * frame.wHeight * description_.format.bBitsPerPixel / 8u);
+    usb::StoreLe(&c[22], description_.dwMaxPayloadTransferSize);
+    usb::StoreLe(&c[26], clock_);
     c[30] = 0x03;  // frame id and end of frame in every payload header
     c[31] = c[32] = c[33] = 1;
     return c;
@@ -137,7 +122,7 @@ ControlReply Stream::Control(std::uint8_t request, std::uint8_t selector, std::u
     const bool commit = selector == 2;
     Control34 answer{};
     switch (request) {
-        case kSetCur:
+        case usb::UVC_SET_CUR:
             if (!commit) {
                 probe_ = Negotiate(out);
             } else {
@@ -147,20 +132,20 @@ ControlReply Stream::Control(std::uint8_t request, std::uint8_t selector, std::u
                 due_ = std::chrono::steady_clock::now();
             }
             return {false, {}};
-        case kGetCur:
+        case usb::UVC_GET_CUR:
             answer = commit ? commit_ : probe_;
             break;
-        case kGetMin:
-        case kGetMax:
-        case kGetRes:
+        case usb::UVC_GET_MIN:
+        case usb::UVC_GET_MAX:
+        case usb::UVC_GET_RES:
             answer = probe_;
             break;
-        case kGetDef:
+        case usb::UVC_GET_DEF:
             answer = Negotiate({});
             break;
-        case kGetLen:
+        case usb::UVC_GET_LEN:
             return {false, {static_cast<std::uint8_t>(size), 0}};
-        case kGetInfo:
+        case usb::UVC_GET_INFO:
             return {false, {0x03}};  // get and set
         default:
             return {true, {}};
@@ -196,7 +181,7 @@ void Stream::Render(const std::string& version) {
 bool Stream::Pump(usbip::Link& link, const std::string& version) {
     if (!committed_) return true;
     const auto endpoint = static_cast<std::uint8_t>(description_.bEndpointAddress & 0x0F);
-    const std::size_t maxPayload = Get32(&commit_[22]);
+    const std::size_t maxPayload = usb::Le32(&commit_[22]);
     while (const std::uint32_t room = link.HeldLength(endpoint)) {
         if (closePayload_) {
             if (!link.Answer(endpoint, {})) return false;
@@ -211,7 +196,8 @@ bool Stream::Pump(usbip::Link& link, const std::string& version) {
                 inFrame_ = true;
                 sent_ = 0;
                 fid_ ^= 1;
-                const std::chrono::nanoseconds interval(std::uint64_t{Get32(&commit_[4])} * 100);
+                const std::chrono::nanoseconds interval(std::uint64_t{usb::Le32(&commit_[4])} *
+                                                        100);
                 // A host that fell behind gets the next frame on time, not a burst to catch up.
                 due_ = std::max(due_ + interval, now - interval);
             }

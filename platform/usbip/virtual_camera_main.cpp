@@ -258,11 +258,7 @@ class VirtualCamera {
     }
 
     ControlReply Control(const std::uint8_t* setup, const Bytes& out) {
-        const std::uint8_t type = setup[0];
-        const std::uint8_t request = setup[1];
-        const std::uint16_t value = setup[2] | (setup[3] << 8);
-        const std::uint16_t index = setup[4] | (setup[5] << 8);
-        const std::uint16_t length = setup[6] | (setup[7] << 8);
+        const auto [type, request, value, index, length] = usb::usb_ctrlrequest::Read(setup);
         if (face_ == Face::kCamera) {
             ControlReply reply = camera_->Control(setup, out);
             if (camera_->LastCommand()[0] != '\0') log_.Line("%s", camera_->LastCommand());

@@ -63,7 +63,7 @@ struct FakeDevice final : platform::UsbDeviceConnection {
     }
     platform::ErrorCode ControlTransfer(const platform::UsbSetupPacket& setup, std::uint8_t*,
                                         std::uint32_t length, std::uint32_t* done) override {
-        indexes->push_back(setup.index);
+        indexes->push_back(setup.wIndex);
         *done = length;
         return ERROR_SUCCESS;
     }

@@ -16,19 +16,15 @@
 #include <vector>
 
 #include "platform/types.h"
+#include "platform/usb_descriptors.h"
 
 namespace platform {
 
 // A Windows error number (ERROR_*); 0 is success.
 using ErrorCode = std::uint32_t;
 
-struct UsbSetupPacket {
-    std::uint8_t requestType = 0;
-    std::uint8_t request = 0;
-    std::uint16_t value = 0;
-    std::uint16_t index = 0;
-    std::uint16_t length = 0;
-};
+// The eight bytes of a setup packet, with the names of the kernel's ch9.h.
+using UsbSetupPacket = usb::usb_ctrlrequest;
 
 // One opened USB device: its default control pipe and its interfaces.
 class UsbDeviceConnection {
@@ -48,7 +44,7 @@ class UsbDeviceConnection {
     virtual ErrorCode SetAlternateSetting(std::uint8_t interfaceNumber,
                                           std::uint8_t alternateSetting) = 0;
 
-    // One control transfer on the default pipe; the direction follows setup.requestType.
+    // One control transfer on the default pipe; the direction follows setup.bRequestType.
     virtual ErrorCode ControlTransfer(const UsbSetupPacket& setup, std::uint8_t* buffer,
                                       std::uint32_t length, std::uint32_t* transferred) = 0;
 };
