@@ -14,7 +14,6 @@
 namespace sim {
 namespace {
 
-
 constexpr std::uint32_t kFrameSize = 1024;
 constexpr std::uint32_t kHeaderLength = 20;  // opcode and four parameters
 constexpr std::uint32_t kDeviceInfoCommand = 0x10;
