@@ -2,6 +2,7 @@
 
 #include <iostream>
 
+#include "diag/answer.h"
 #include "platform/console.h"
 
 const std::string g_vendorPrefix = "Vantrel (TM) ";
@@ -17,6 +18,16 @@ std::string ReadLine() {
 
 bool InputEnded() {
     return platform::ConsoleInputEnded();
+}
+
+std::int64_t AskNumber(const char* question) {
+    std::cout << question;
+    std::cout.flush();
+    return ParseAnswerNumber(ReadLine());
+}
+
+bool NamesEntry(std::int64_t number, std::size_t count) {
+    return number >= 1 && number <= static_cast<std::int64_t>(count);
 }
 
 void ClearScreen() {

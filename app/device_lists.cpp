@@ -8,7 +8,6 @@
 #include "app/commands.h"
 #include "app/console_ops.h"
 #include "camera/camera_devices_factory.h"
-#include "diag/answer.h"
 #include "platform/console.h"
 #include "updatable/lynx_updatable_device.h"
 
@@ -83,25 +82,20 @@ void ConfigureDfuMode() {
         return;
     }
 
-    std::wostream& out = platform::WideOut();
-    for (std::size_t i = 0; i < entries.size(); ++i) {
-        out << L"[" << (i + 1) << L"] " << entries[i]->GetName() << std::endl;
-    }
-    std::cout
-        << "\nEnter camera number to config: (any out of bounds index to go back to main menu)";
-    std::cout.flush();
-    const std::int64_t number = ParseAnswerNumber(ReadLine());
-    if (number < 1 || number > static_cast<std::int64_t>(entries.size())) {
+    ListByName(entries);
+    const std::int64_t number = AskNumber(
+        "\nEnter camera number to config: (any out of bounds index to go back to main menu)");
+    if (!NamesEntry(number, entries.size())) {
         std::cout << "Invalid camera number\n";
         return;
     }
     const auto& chosen = entries[static_cast<std::size_t>(number - 1)];
 
-    std::cout << "Enter 1 to enable service control, 2 to disable auto (any other key to return to "
-                 "main menu): ";
-    std::cout.flush();
+    const std::int64_t choice = AskNumber(
+        "Enter 1 to enable service control, 2 to disable auto (any other key to return to main "
+        "menu): ");
     // The outcome is reported, if at all, by the device itself through its logger stream.
-    switch (ParseAnswerNumber(ReadLine())) {
+    switch (choice) {
         case 1:
             chosen->SetDfuAutoModeServiceControlled();
             break;

@@ -5,7 +5,6 @@
 #include "app/commands.h"
 #include "app/console_ops.h"
 #include "dfu/dfu_devices_factory.h"
-#include "diag/answer.h"
 #include "platform/console.h"
 #include "platform/interrupts.h"
 
@@ -18,14 +17,10 @@ void RecoverDfuDevices() {
         std::cout << "No devices are stuck in DFU mode\n";
         return;
     }
-    std::wostream& out = platform::WideOut();
-    for (std::size_t i = 0; i < devices.size(); ++i) {
-        out << L"[" << (i + 1) << L"] " << devices[i]->GetName() << std::endl;
-    }
-    std::cout << "Select a device by index (invalid index to go back to main menu): ";
-    std::cout.flush();
-    const std::int64_t index = ParseAnswerNumber(ReadLine());
-    if (index < 1 || index > static_cast<std::int64_t>(devices.size())) {
+    ListByName(devices);
+    const std::int64_t index =
+        AskNumber("Select a device by index (invalid index to go back to main menu): ");
+    if (!NamesEntry(index, devices.size())) {
         std::cout << "Invalid index " << index << std::endl;
         return;
     }

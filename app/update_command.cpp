@@ -7,7 +7,6 @@
 #include "app/commands.h"
 #include "app/console_ops.h"
 #include "camera/camera_devices_factory.h"
-#include "diag/answer.h"
 #include "platform/console.h"
 #include "platform/interrupts.h"
 
@@ -28,11 +27,9 @@ void UpdateCameraDevice() {
         return;
     }
 
-    std::cout
-        << "\nEnter camera number to update: (any out of bounds index to go back to main menu)";
-    std::cout.flush();
-    const std::int64_t number = ParseAnswerNumber(ReadLine());
-    if (number < 1 || number > static_cast<std::int64_t>(updatable.size())) {
+    const std::int64_t number = AskNumber(
+        "\nEnter camera number to update: (any out of bounds index to go back to main menu)");
+    if (!NamesEntry(number, updatable.size())) {
         std::cout << "Aborting FW update\n";
         return;
     }
