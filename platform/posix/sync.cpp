@@ -113,24 +113,25 @@ HANDLE CreateEventW(LPSECURITY_ATTRIBUTES, BOOL manualReset, BOOL initialState, 
     return platform::posix::ToHandle(new Event(manualReset != FALSE, initialState != FALSE));
 }
 
-BOOL SetEvent(HANDLE event) {
-    Event* object = EventFromHandle(event);
+namespace {
+// Win32's calls on a handle that is not (or not the kind of) object they take fail this way.
+template <typename Object, typename Action>
+BOOL OnObject(Object* object, Action action) {
     if (!object) {
         SetLastError(ERROR_INVALID_HANDLE);
         return FALSE;
     }
-    object->Set();
+    action(*object);
     return TRUE;
+}
+}  // namespace
+
+BOOL SetEvent(HANDLE event) {
+    return OnObject(EventFromHandle(event), [](Event& object) { object.Set(); });
 }
 
 BOOL ResetEvent(HANDLE event) {
-    Event* object = EventFromHandle(event);
-    if (!object) {
-        SetLastError(ERROR_INVALID_HANDLE);
-        return FALSE;
-    }
-    object->Reset();
-    return TRUE;
+    return OnObject(EventFromHandle(event), [](Event& object) { object.Reset(); });
 }
 
 DWORD WaitForSingleObject(HANDLE handle, DWORD milliseconds) {
@@ -147,13 +148,7 @@ DWORD WaitForSingleObject(HANDLE handle, DWORD milliseconds) {
 }
 
 BOOL CloseHandle(HANDLE handle) {
-    auto* object = FromHandle(handle);
-    if (!object) {
-        SetLastError(ERROR_INVALID_HANDLE);
-        return FALSE;
-    }
-    object->Unref();
-    return TRUE;
+    return OnObject(FromHandle(handle), [](auto& object) { object.Unref(); });
 }
 
 void Sleep(DWORD milliseconds) {
