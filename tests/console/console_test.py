@@ -4,9 +4,10 @@
     console_test.py CASE LAB_BINARY LINUX_BINARY SOURCE_DIR
 
 CASE: pause-keys (each key of a table, a lone Esc among them, is taken whole at a pause),
-closed-stdout (a reader gone away ends neither program early), interrupted-download (a signal amid a download: the image is written whole,
-then the program ends by that signal), terminal-given-back (a signal, crash, or stop and
-continue at a pause leaves the terminal as found). Every wait is bounded.
+closed-stdout (a reader gone away ends neither program early), interrupted-download (a signal
+amid a download: the image is written whole, then the program ends by that signal),
+terminal-given-back (a signal, crash, or stop and continue at a pause leaves the terminal as
+found). Every wait is bounded.
 """
 import json
 import os
@@ -137,14 +138,14 @@ def closed_stdout(lab, linux, src):
     try:
         with tempfile.TemporaryDirectory() as scratch:
             dump = os.path.join(scratch, "state.json")
-            lab_run = subprocess.run([lab, "--world=lab/default-world.json", "--dump-state=" + dump],
-                                     cwd=src, input=b"1\n1\nlab/sample-firmware.bin\n\nq\n",
-                                     stdout=write_end, stderr=subprocess.PIPE, timeout=60)
+            ran = subprocess.run([lab, "--world=lab/default-world.json", "--dump-state=" + dump],
+                                 cwd=src, input=b"1\n1\nlab/sample-firmware.bin\n\nq\n",
+                                 stdout=write_end, stderr=subprocess.PIPE, timeout=60)
             state = read_state(dump)
         burned = [(d.get("bytes"), d.get("manifested")) for d in state.get("downloads", [])]
-        if lab_run.returncode != 0 or burned != [(6000, True)]:
-            fail("closed stdout, lab", f"exit status {lab_run.returncode}, stderr "
-                 f"{lab_run.stderr!r}; the sample image burned? {state}")
+        if ran.returncode != 0 or burned != [(6000, True)]:
+            fail("closed stdout, lab", f"exit status {ran.returncode}, stderr {ran.stderr!r}; "
+                 f"the sample image burned? {state}")
         result = subprocess.run([linux], cwd=src, input=b"2\n\nq\n", stdout=write_end,
                                 stderr=subprocess.PIPE, timeout=60)
         if result.returncode != 0:
@@ -264,8 +265,8 @@ def terminal_given_back(lab, _linux, src):
 
 def main():
     case, lab, linux, src = sys.argv[1:5]
-    cases = {"pause-keys": pause_keys, "closed-stdout": closed_stdout,
-             "interrupted-download": interrupted_download, "terminal-given-back": terminal_given_back}
+    cases = {run.__name__.replace("_", "-"): run
+             for run in (pause_keys, closed_stdout, interrupted_download, terminal_given_back)}
     if case not in cases:
         sys.exit(f"unknown case {case}")
     cases[case](lab, linux, src)
