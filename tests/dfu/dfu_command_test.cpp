@@ -3,9 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <sstream>
+#include <utility>
 
 #include "dfu/dfu_command.h"
-#include "named_row.h"
 #include "platform/sync.h"
 
 namespace {
@@ -42,46 +42,35 @@ struct EndpointDouble final : usb_core::IUsbControlEndpoint {
     std::uint64_t delivered = 6;
 };
 
-struct SequenceCase {
-    const char* name;
-    std::uint16_t transferSize;
-    std::size_t imageSize;
-};
-
-class RequestSequence : public testing::TestWithParam<SequenceCase> {};
-
 // Blocks of the transfer size numbered from zero modulo 65536, a short last block, then the
 // empty closing download numbered one past the last block.
-TEST_P(RequestSequence, BlocksNumberedFromZeroThenTheClosingDownload) {
-    const auto& c = GetParam();
-    auto endpoint = std::make_shared<EndpointDouble>(c.transferSize);
-    const std::vector<std::uint8_t> image(c.imageSize, 0x5A);
-    ASSERT_EQ(dfu::DfuCommand(nullptr, endpoint).Execute(image.data(), image.size()), S_OK);
+TEST(DfuCommandLogic, BlocksNumberedFromZeroThenTheClosingDownload) {
+    // Transfer size, image size: empty, a short last block, an exact multiple, numbers wrapping.
+    const std::pair<std::uint16_t, std::size_t> rows[] = {{64, 0}, {4, 10}, {8, 24}, {1, 65538}};
+    for (const auto& [transferSize, imageSize] : rows) {
+        SCOPED_TRACE(imageSize);
+        auto endpoint = std::make_shared<EndpointDouble>(transferSize);
+        const std::vector<std::uint8_t> image(imageSize, 0x5A);
+        ASSERT_EQ(dfu::DfuCommand(nullptr, endpoint).Execute(image.data(), image.size()), S_OK);
 
-    std::size_t sent = 0, blocks = 0, closings = 0, wrongBlocks = 0;
-    for (const auto& packet : endpoint->packets) {
-        EXPECT_EQ(packet.Index, 0) << "wIndex is the endpoint's to fill in";
-        if (packet.Request != 1) continue;
-        const std::size_t length = std::min<std::size_t>(c.transferSize, c.imageSize - sent);
-        if (packet.Value != static_cast<USHORT>(blocks) || packet.Length != length) ++wrongBlocks;
-        closings += length == 0;
-        sent += length;
-        ++blocks;
+        std::size_t sent = 0, blocks = 0, closings = 0, wrongBlocks = 0;
+        for (const auto& packet : endpoint->packets) {
+            EXPECT_EQ(packet.Index, 0) << "wIndex is the endpoint's to fill in";
+            if (packet.Request != 1) continue;
+            const std::size_t length = std::min<std::size_t>(transferSize, imageSize - sent);
+            wrongBlocks += packet.Value != static_cast<USHORT>(blocks) || packet.Length != length;
+            closings += length == 0;
+            sent += length;
+            ++blocks;
+        }
+        EXPECT_EQ(wrongBlocks, 0u);
+        EXPECT_EQ(sent, imageSize);
+        EXPECT_EQ(closings, 1u);
+        // One poll per block, the manifestation poll and the last status; no upload.
+        EXPECT_EQ(endpoint->Count(3), blocks + 1);
+        EXPECT_EQ(endpoint->Count(2), 0u);
     }
-    EXPECT_EQ(wrongBlocks, 0u);
-    EXPECT_EQ(sent, c.imageSize);
-    EXPECT_EQ(closings, 1u);
-    // One poll per block, the manifestation poll and the last status; no upload.
-    EXPECT_EQ(endpoint->Count(3), blocks + 1);
-    EXPECT_EQ(endpoint->Count(2), 0u);
 }
-
-INSTANTIATE_TEST_SUITE_P(Cases, RequestSequence,
-                         testing::Values(SequenceCase{"EmptyImage", 64, 0},
-                                         SequenceCase{"ShortLastBlock", 4, 10},
-                                         SequenceCase{"ExactMultiple", 8, 24},
-                                         SequenceCase{"BlockNumberWraps", 1, 65538}),
-                         [](const auto& info) { return std::string(info.param.name); });
 
 TEST(DfuCommandLogic, NothingIsSentWithoutATransferSize) {
     const std::uint8_t image[4] = {1, 2, 3, 4};

@@ -24,11 +24,6 @@ struct ClosedEndpoint final : usb_core::IUsbControlEndpoint {
     std::uint16_t GetMaxTransferSize() override { return 64; }
 };
 
-std::string Utf8(const fs::path& path) {
-    const std::u8string text = path.u8string();
-    return std::string(text.begin(), text.end());
-}
-
 TEST(ImagePath, NamesOutsideAsciiOpenAsTyped) {
     const fs::path folder = fs::temp_directory_path() / u8"lynx-image-J\u00f6rg";
     fs::remove_all(folder);
@@ -47,8 +42,8 @@ TEST(ImagePath, NamesOutsideAsciiOpenAsTyped) {
     };
     for (const auto& row : rows) {
         if (row.file != nullptr) std::ofstream(folder / row.file, std::ios::binary) << "image";
-        const std::u8string suffix = row.typed;
-        std::string typed = Utf8(folder) + std::string(suffix.begin(), suffix.end());
+        const std::u8string typed8 = folder.u8string() + row.typed;
+        std::string typed(typed8.begin(), typed8.end());
         if (typed.back() == '"') typed.insert(typed.begin(), '"');
         SCOPED_TRACE(typed);
 

@@ -75,14 +75,13 @@ TEST_P(Transcript, MatchesExpectedOutput) {
     fs::create_directories(scratch);
     // The case file's text with the source tree and scratch folder filled in ("" if absent).
     const auto read = [&](const char* name) {
-        std::string text = fs::exists(dir / name) ? ReadFile(dir / name) : "";
+        std::string text = ReadFile(dir / name);
         for (const auto& [var, value] :
-             {std::pair{std::string("@SOURCE_DIR@"), std::string(LYNX_SOURCE_DIR)},
-              std::pair{std::string("@SCRATCH@"), scratch.string()}}) {
+             {std::pair<std::string, std::string>{"@SOURCE_DIR@", LYNX_SOURCE_DIR},
+              {"@SCRATCH@", scratch.string()}}) {
             for (auto at = text.find(var); at != std::string::npos;
-                 at = text.find(var, at + value.size())) {
+                 at = text.find(var, at + value.size()))
                 text.replace(at, var.size(), value);
-            }
         }
         return text;
     };
@@ -90,9 +89,8 @@ TEST_P(Transcript, MatchesExpectedOutput) {
     std::vector<std::string> args;
     if (fs::exists(dir / "args")) {
         std::istringstream lines(read("args"));
-        for (std::string line; std::getline(lines, line);) {
+        for (std::string line; std::getline(lines, line);)
             if (!line.empty()) args.push_back(line);
-        }
     } else if (fs::exists(dir / "world.json")) {
         std::ofstream(scratch / "world.json") << read("world.json");
         args = {"--world", (scratch / "world.json").string()};

@@ -48,9 +48,7 @@ TEST(AnswerLine, ConsoleTextBecomesUtf8) {
         {L"no line end", "no line end"},
         {L"a\r\r\n", "a\r"},
     };
-    for (const auto& row : rows) {
-        EXPECT_EQ(platform::AnswerFromConsoleText(row.typed), row.answer);
-    }
+    for (const auto& row : rows) EXPECT_EQ(platform::AnswerFromConsoleText(row.typed), row.answer);
 }
 
 }  // namespace

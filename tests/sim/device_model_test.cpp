@@ -3,6 +3,7 @@
 // but the last must be taken, and the last one is judged.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <utility>
 #include <vector>
@@ -85,23 +86,17 @@ class DeviceModel : public Bus, public testing::WithParamInterface<Rule> {
     bool CameraCommand(platform::VideoDeviceConnection& video, const Step& step) {
         std::uint32_t returned = 0;
         std::vector<std::uint8_t> frame(1024, 0);
-        if (step.request == 1) {
-            return video.NodeProperty(3, kFamilyUnit, 1, 0x10000100, frame.data(), 1024,
-                                      &returned) == S_OK;
-        }
-        frame[0] = 20;
-        frame[2] = 0xAB;
-        frame[3] = 0xCD;
-        frame[4] = 0x10;
+        const auto property = [&](std::uint32_t flags) {
+            return video.NodeProperty(3, kFamilyUnit, 1, flags, frame.data(), 1024, &returned) ==
+                   S_OK;
+        };
+        if (step.request == 1) return property(0x10000100);
+        const std::uint8_t headers[] = {20, 0, 0xAB, 0xCD, 0x10};
+        std::copy(std::begin(headers), std::end(headers), frame.begin());
         frame[step.length] = static_cast<std::uint8_t>(step.index);
-        if (video.NodeProperty(3, kFamilyUnit, 1, 0x10000002, frame.data(), 1024, &returned) !=
-            S_OK) {
-            return false;
-        }
+        if (!property(0x10000002)) return false;
         Sleep(step.value);
-        return video.NodeProperty(3, kFamilyUnit, 1, 0x10000001, frame.data(), 1024, &returned) ==
-                   S_OK &&
-               returned == 1024 && frame[0] == 0x10;
+        return property(0x10000001) && returned == 1024 && frame[0] == 0x10;
     }
 };
 
@@ -274,16 +269,13 @@ TEST_P(Replugged, BootLoaderStartsOnWhatTheFlashHolds) {
     if (row.manifest) world.Sleep(50);
     EXPECT_TRUE(!row.manifest || request(kIn, kGetStatus, 0, 6) == 0);  // dfuMANIFEST_WAIT_RESET
     world.Replug(0, 500);
-    const auto onTheBus = [&world] {
-        const auto state = world.DumpState();
-        std::string present = state["cameras"][0]["present"] ? state["cameras"][0]["firmware"] : "";
-        for (const auto& device : state["dfuDevices"]) {
-            present += device["present"] ? device["state"].get<std::string>() : "";
-        }
-        return present;
-    };
     world.Sleep(500);
-    EXPECT_EQ(row.after, onTheBus());
+    const auto state = world.DumpState();
+    std::string onTheBus = state["cameras"][0]["present"] ? state["cameras"][0]["firmware"] : "";
+    for (const auto& device : state["dfuDevices"]) {
+        onTheBus += device["present"] ? device["state"].get<std::string>() : "";
+    }
+    EXPECT_EQ(row.after, onTheBus);
 }
 
 // clang-format off
