@@ -16,13 +16,7 @@ const wchar_t* const kDfuAutoModeValue = L"DFUAutoMode";
 // the text, Windows reads the unit after it and stores it too when it is 0: two bytes past
 // the buffer, and a stored size that depends on what the heap holds there.
 std::vector<BYTE> Utf16BytesWithNull(const std::wstring& text) {
-    std::vector<BYTE> bytes;
-    bytes.reserve((text.size() + 1) * 2);
-    for (wchar_t ch : text) {
-        const auto unit = static_cast<std::uint32_t>(ch);
-        bytes.push_back(static_cast<BYTE>(unit & 0xFFu));
-        bytes.push_back(static_cast<BYTE>((unit >> 8) & 0xFFu));
-    }
+    std::vector<BYTE> bytes = platform::WideToUtf16Le(text);
     bytes.insert(bytes.end(), {0, 0});
     return bytes;
 }

@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "platform/registry.h"
+
 namespace platform {
 namespace {
 

@@ -25,8 +25,6 @@ std::string WideToUtf8(std::wstring_view text);
 std::wstring Utf8ToWide(std::string_view text);
 // UTF-16LE bytes, as the registry holds text, to UTF-8; an odd last byte is not a unit.
 std::string Utf16LeToUtf8(const std::uint8_t* data, std::size_t size);
-// Wide text as the registry holds it: each unit's low 16 bits, little-endian.
-std::vector<std::uint8_t> WideToUtf16Le(std::wstring_view text);
 
 class Utf8WideStreamBuf final : public std::wstreambuf {
   public:

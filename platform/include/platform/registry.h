@@ -1,6 +1,10 @@
 // The registry: create or open a key, set a value, close the key.
 #pragma once
 
+#include <cstdint>
+#include <string_view>
+#include <vector>
+
 #include "platform/types.h"
 
 #ifdef _WIN32
@@ -26,3 +30,9 @@ LSTATUS RegSetValueExW(HKEY key, LPCWSTR valueName, DWORD reserved, DWORD type, 
                        DWORD size);
 LSTATUS RegCloseKey(HKEY key);
 #endif
+
+namespace platform {
+// Wide text as the registry holds REG_SZ data: each unit's low 16 bits, little-endian, with
+// no terminator (the caller adds one where the call wants it).
+std::vector<std::uint8_t> WideToUtf16Le(std::wstring_view text);
+}  // namespace platform
