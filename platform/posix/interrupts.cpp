@@ -9,6 +9,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstddef>
+#include <iterator>
 
 #include "platform/interrupts.h"
 #include "platform/posix/signals.h"

@@ -2,6 +2,7 @@
 // the lab's device never gives.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <sstream>
 #include <utility>
 
