@@ -57,6 +57,10 @@ else()
                 ${PROJECT_SOURCE_DIR}/docs/virtual-camera.md ${PROJECT_SOURCE_DIR}/docs/linux.md
           DESTINATION share/doc/lynx-dfu)
 
+  # Why a warning of Debian's lintian does not apply to this package, said where lintian reads it.
+  install(FILES ${PROJECT_SOURCE_DIR}/packaging/debian/lintian-overrides
+          DESTINATION share/lintian/overrides RENAME lynx-dfu)
+
   set(CPACK_GENERATOR DEB)
   set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
   set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)

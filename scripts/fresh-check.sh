@@ -1,21 +1,25 @@
 #!/usr/bin/env bash
-# Does the README hold on a machine nobody has touched? Bootstraps a minimal Debian 12 root,
-# clones this repository's current commit into it and runs the README's two commands there,
-# exactly as the README writes them, as root, with no locale, no terminal, no sudo and an
-# empty environment. CI runs it (.ci/run); run it yourself before calling setup work done:
+# Does the README hold on machines nobody has touched? Bootstraps minimal Debian 13 and
+# Debian 12 roots, clones this repository's current commit into each and runs the README's
+# commands there, exactly as the README writes them, as root, with no locale, no terminal, no
+# sudo and an empty environment. CI runs it (.ci/run); run it yourself before calling setup
+# work done:
 #
 #   sudo scripts/fresh-check.sh [--run-only] [--keep]
 #
-# --run-only  only the run command (a quick check of setup.sh and the build)
+# --run-only  only the run command, on each release (a quick check of setup.sh and the build)
 # --keep      keep the roots afterwards and print where they are
 #
-# Each command gets a root of its own, as on a machine where it is the first thing typed, and
-# the two run side by side: the run command's build overlaps the test command's installs.
+# The roots, each as on a machine where its command is the first thing typed, run side by side:
+#   run13   Debian 13: the README's run command
+#   run12   Debian 12: the README's run command, then the test tools (setup.sh --test), the
+#           native build with its whole ctest suite and the mingw-w64 cross build
+#   test13  Debian 13: the README's test command, in full
 # Needs root (chroot, mounts), mmdebstrap and git: `scripts/setup.sh --fresh-check`.
 # Only downloads are kept between runs, outside the roots, in $LYNX_FRESH_CACHE (default
-# /var/cache/lynx-dfu/fresh-check): the bare bootstrap (rebuilt when a week old), apt's
-# package files (linked into a root before, and new ones back after) and the hardware lab's
-# kernel download. Nothing installed or built is kept. Delete the folder to free its room.
+# /var/cache/lynx-dfu/fresh-check): each release's bare bootstrap (rebuilt when a week old),
+# apt's package files (linked into a root before, and new ones back after) and the hardware
+# lab's kernels. Nothing installed or built is kept. Delete the folder to free its room.
 # Commits only: uncommitted changes are not part of the check.
 set -euo pipefail
 
@@ -24,16 +28,22 @@ cache="${LYNX_FRESH_CACHE:-/var/cache/lynx-dfu/fresh-check}"
 # The archive this machine's own apt uses (the one CI can reach), unless told otherwise.
 host_mirror() {
   { cat /etc/apt/sources.list.d/*.sources /etc/apt/sources.list 2>/dev/null || true; } |
-    sed -n 's#^URIs: *\([^ ]*\)/debian/*$#\1#p; s#^deb  *\([^ ]*\)/debian/* bookworm .*#\1#p' |
+    sed -n 's#^URIs: *\([^ ]*\)/debian/*$#\1#p; s#^deb  *\([^ ]*\)/debian/* [a-z-]* .*#\1#p' |
     awk 'NR == 1'
 }
 mirror="${LYNX_DEBIAN_MIRROR:-$(host_mirror)}"
+suite_of() { case "$1" in 12) echo bookworm ;; 13) echo trixie ;; esac; }
 
-# What each step may take on two cores, cold, with room to spare; past it the step is
-# stopped and the check fails, saying which step ran out of time.
+# What each step may take on two cores, cold, with all roots side by side and room to spare;
+# past it the step is stopped and the check fails, saying which step ran out of time.
 budget_bootstrap=900
 budget_run=1200
-budget_test=3600
+budget_builds12=2400
+budget_test=4200
+
+# Debian 12's share after its run command: the test tools install there too, the whole
+# native suite passes with GCC 12 and the Windows program cross-builds with its mingw-w64.
+builds12='./scripts/setup.sh --test && cmake --preset default && cmake --build --preset default && ctest --preset default --no-tests=error && cmake --preset mingw && cmake --build --preset mingw'
 
 fail() { echo "fresh-check: $*" >&2; exit 1; }
 [ -n "$mirror" ] || fail "no Debian archive in this machine's apt sources: set LYNX_DEBIAN_MIRROR"
@@ -41,7 +51,7 @@ fail() { echo "fresh-check: $*" >&2; exit 1; }
 if [ "${1:-}" = --inside ]; then
   # --- in a mount and process namespace of its own: mounts and processes end with it ----
   shift
-  root="$1" stage="$2"
+  root="$1" kind="$2"
   mounted=()
   unmount_all() {
     local i
@@ -73,18 +83,18 @@ if [ "${1:-}" = --inside ]; then
   ln -s pts/ptmx "$root/dev/ptmx"
   mnt /dev/shm -t tmpfs -o mode=1777,nosuid,nodev tmpfs
   mnt /run -t tmpfs -o mode=755,nosuid,nodev tmpfs
-  [ "$stage" = run ] || mnt /root/.cache/lynx-dfu/hwlab --bind "$cache/hwlab"
+  [ "$kind" = run ] || mnt /root/.cache/lynx-dfu/hwlab --bind "$cache/hwlab"
 
   # The commands run as a new user's login would: root, home /root, the default PATH, no
   # locale, no terminal. CI=true only tells the tests they run unattended.
   # The trace shows each command of the line as it starts, with the time.
-  in_root() {
-    chroot "$root" /usr/bin/env -i HOME=/root USER=root LOGNAME=root SHELL=/bin/bash \
+  in_root() { # in_root COMMAND [SECONDS]
+    ${2:+timeout "$2"} chroot "$root" /usr/bin/env -i HOME=/root USER=root LOGNAME=root SHELL=/bin/bash \
       PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin CI=true \
       /bin/bash -c "PS4='+ [\$(date -u +%T)] '; set -x; cd /root/lynx-dfu && $1"
   }
   command="$(cat "$root/root/command")"
-  case "$stage" in
+  case "$kind" in
     run)
       # The lab waits for keys: list the devices (2, then Enter), then quit.
       printf '2\n\nq\n' | in_root "$command" 2>&1 | tee "$root/root/run-output.txt"
@@ -92,6 +102,14 @@ if [ "${1:-}" = --inside ]; then
       grep -x 'Q: Quit' "$root/root/run-output.txt" >/dev/null || fail "the lab showed no menu"
       grep -x 'Vantrel (TM) Updatable Devices List' "$root/root/run-output.txt" >/dev/null ||
         fail "the lab listed no devices"
+      if [ -f "$root/root/then" ]; then
+        start=$(date +%s) status=0
+        in_root "$(cat "$root/root/then")" "$budget_builds12" </dev/null 2>&1 || status=$?
+        [ "$status" != 124 ] || fail "Debian 12's builds ran out of their budget of $budget_builds12 s"
+        [ "$status" = 0 ] || fail "Debian 12's builds failed (status $status)"
+        printf '=== fresh-check: Debian 12: test tools, native suite, mingw-w64 build took %d s (budget %d s) ===\n' \
+          $(( $(date +%s) - start )) "$budget_builds12"
+      fi
       ;;
     test) in_root "$command" </dev/null ;;
   esac
@@ -114,12 +132,12 @@ done
 commit="$(git -C "$repo" rev-parse HEAD)"
 git -C "$repo" diff --quiet HEAD -- || echo "fresh-check: uncommitted changes are left out; checking $commit"
 
-mkdir -p "$cache/apt-archives" "$cache/hwlab"
+mkdir -p "$cache/apt-archives/bookworm" "$cache/apt-archives/trixie" "$cache/hwlab"
 work="$(mktemp -d /var/tmp/lynx-fresh.XXXXXX)"
-stages=()  # the budgets' timeout processes still running
+pids=()  # the steps still running in the background
 cleanup() {
   local status=$? pid
-  for pid in "${stages[@]}"; do kill -TERM "$pid" 2>/dev/null || true; done
+  for pid in "${pids[@]}"; do kill -TERM "$pid" 2>/dev/null || true; done
   wait 2>/dev/null || true
   # The mounts live in the stages' own namespaces; never delete through one that survived.
   if grep -F " $work/" /proc/self/mountinfo >/dev/null; then
@@ -135,8 +153,8 @@ trap cleanup EXIT
 trap 'exit 130' INT TERM
 
 total_start=$(date +%s)
-# budget NAME SECONDS STATUS START: a step's end, loudly when it failed or ran out of time.
-budget() { # budget NAME SECONDS STATUS START [END]
+# budget NAME SECONDS STATUS START [END]: a step's end, loudly when it failed or ran out of time.
+budget() {
   local took=$(( ${5:-$(date +%s)} - $4 ))
   if [ "$3" = 124 ] || [ "$3" = 137 ]; then
     fail "$1 ran out of its budget of $2 s and was stopped"
@@ -145,43 +163,68 @@ budget() { # budget NAME SECONDS STATUS START [END]
   printf '=== fresh-check: %s took %d s (budget %d s) ===\n' "$1" "$took" "$2"
 }
 
-# --- the bare bootstrap, cached ---
-printf '\n=== fresh-check: a minimal Debian 12 (budget %d s) ===\n' "$budget_bootstrap"
-start=$(date +%s)
-tarball="$cache/bootstrap-bookworm.tar"
-if [ -z "$(find "$tarball" -mtime -7 2>/dev/null)" ]; then
-  echo "bootstrapping a minimal Debian 12 (kept in $tarball for a week)"
-  rm -f "$tarball.tmp"
-  status=0
-  timeout "$budget_bootstrap" mmdebstrap --variant=minbase --format=tar --quiet bookworm "$tarball.tmp" \
-    "deb $mirror/debian bookworm main" \
-    "deb $mirror/debian bookworm-updates main" \
-    "deb $mirror/debian-security bookworm-security main" || status=$?
-  budget "the bootstrap" "$budget_bootstrap" "$status" "$start"
-  mv "$tarball.tmp" "$tarball"
-else
-  echo "the bare bootstrap of $(date -r "$tarball" '+%F %H:%M') from $tarball"
-fi
+# in_background NAME COMMAND...: COMMAND in the background; its status and end time are left
+# in $work/NAME.status and $work/NAME.end for `ended`.
+in_background() {
+  local name="$1"
+  shift
+  { status=0; "$@" || status=$?; date +%s >"$work/$name.end"; echo "$status" >"$work/$name.status"; } &
+  pids+=($!)
+}
+ended() { cat "$work/$1.status" "$work/$1.end"; }
 
-# fresh_root NAME COMMAND: a root of its own with a plain clone of the commit, for COMMAND.
+# --- the bare bootstraps, cached, side by side ---
+printf '\n=== fresh-check: minimal Debian 13 and 12 (budget %d s) ===\n' "$budget_bootstrap"
+start=$(date +%s)
+bootstrap() { # bootstrap SUITE TARBALL
+  timeout "$budget_bootstrap" mmdebstrap --variant=minbase --format=tar --quiet "$1" "$2.tmp" \
+    "deb $mirror/debian $1 main" \
+    "deb $mirror/debian $1-updates main" \
+    "deb $mirror/debian-security $1-security main"
+}
+for release in 13 12; do
+  suite="$(suite_of "$release")"
+  tarball="$cache/bootstrap-$suite.tar"
+  if [ -z "$(find "$tarball" -mtime -7 2>/dev/null)" ]; then
+    echo "bootstrapping a minimal Debian $release (kept in $tarball for a week)"
+    rm -f "$tarball.tmp"
+    in_background "bootstrap$release" bootstrap "$suite" "$tarball"
+  else
+    echo "the bare bootstrap of Debian $release of $(date -r "$tarball" '+%F %H:%M') from $tarball"
+  fi
+done
+wait "${pids[@]}" 2>/dev/null || true
+pids=()
+for release in 13 12; do
+  [ -f "$work/bootstrap$release.status" ] || continue
+  { read -r status; read -r end; } < <(ended "bootstrap$release")
+  budget "the bootstrap of Debian $release" "$budget_bootstrap" "$status" "$start" "$end"
+  tarball="$cache/bootstrap-$(suite_of "$release").tar"
+  mv "$tarball.tmp" "$tarball"
+done
+
+# fresh_root NAME RELEASE COMMAND: a root of its own with a plain clone of the commit.
 fresh_root() {
-  local root="$work/$1"
+  local root="$work/$1" suite
+  suite="$(suite_of "$2")"
   mkdir "$root"
-  tar -xf "$tarball" -C "$root" --numeric-owner
+  tar -xf "$cache/bootstrap-$suite.tar" -C "$root" --numeric-owner
   cp -L /etc/resolv.conf "$root/etc/resolv.conf"
   # apt's package files from earlier runs, as links: new ones are linked back afterwards.
-  find "$cache/apt-archives" -maxdepth 1 -name '*.deb' -exec ln -t "$root/var/cache/apt/archives/" {} + 2>/dev/null ||
-    find "$cache/apt-archives" -maxdepth 1 -name '*.deb' -exec cp -t "$root/var/cache/apt/archives/" {} +
+  find "$cache/apt-archives/$suite" -maxdepth 1 -name '*.deb' -exec ln -t "$root/var/cache/apt/archives/" {} + 2>/dev/null ||
+    find "$cache/apt-archives/$suite" -maxdepth 1 -name '*.deb' -exec cp -t "$root/var/cache/apt/archives/" {} +
   git clone --quiet --no-hardlinks "$repo" "$root/root/lynx-dfu"
   git -C "$root/root/lynx-dfu" checkout --quiet --detach "$commit"
-  printf '%s\n' "$2" >"$root/root/command"
+  printf '%s\n' "$3" >"$root/root/command"
+  echo "$suite" >"$root/root/suite"
 }
 # keep_downloads NAME: the package files that root NAME fetched itself, into the cache
 keep_downloads() {
-  local deb
+  local deb dir
+  dir="$cache/apt-archives/$(cat "$work/$1/root/suite")"
   for deb in "$work/$1"/var/cache/apt/archives/*.deb; do
-    [ -e "$cache/apt-archives/${deb##*/}" ] || ln "$deb" "$cache/apt-archives/" 2>/dev/null ||
-      cp "$deb" "$cache/apt-archives/"
+    [ -e "$deb" ] || continue
+    [ -e "$dir/${deb##*/}" ] || ln "$deb" "$dir/" 2>/dev/null || cp "$deb" "$dir/"
   done
 }
 # installed NAME: packages and their installed size, as dpkg counts them
@@ -203,56 +246,58 @@ test_command="$(readme_command '## Run all the tests')"
 [ -n "$run_command" ] || fail "README.md has no run command under its heading"
 [ -n "$test_command" ] || fail "README.md has no test command under its heading"
 
-fresh_root run "$run_command"
-[ "$run_only" = 1 ] || fresh_root test "$test_command"
-echo "the bare root: $(installed run); the commit $commit cloned into each root"
-budget "a minimal Debian 12 and the clones" "$budget_bootstrap" 0 "$start"
+fresh_root run13 13 "$run_command"
+fresh_root run12 12 "$run_command"
+roots=(run13 run12)
+if [ "$run_only" = 0 ]; then
+  printf '%s\n' "$builds12" >"$work/run12/root/then"
+  fresh_root test13 13 "$test_command"
+  roots+=(test13)
+fi
+echo "bare roots: Debian 13 $(installed run13), Debian 12 $(installed run12); the commit $commit cloned into each"
+budget "the roots and the clones" "$budget_bootstrap" 0 "$start"
 
-# stage NAME BUDGET: the README's command in root NAME, in the background, within its budget.
+# stage NAME BUDGET: root NAME's command in the background, within its budget.
 stage() {
-  timeout --kill-after=30 "$2" unshare --mount --pid --fork --propagation private \
-    "$0" --inside "$work/$1" "$1" &
-  stages+=($!)
+  local name="$1" limit="$2"
+  shift 2
+  in_background "$name" timeout --kill-after=30 "$limit" \
+    unshare --mount --pid --fork --propagation private "$0" --inside "$work/$name" "$@"
 }
 
-printf '\n=== fresh-check: the README'"'"'s run command, in a fresh root (budget %d s) ===\n' "$budget_run"
-echo "+ $run_command"
-run_start=$(date +%s)
-if [ "$run_only" = 1 ]; then
-  stage run "$budget_run"
-  status=0; wait "${stages[0]}" || status=$?; stages=()
-  keep_downloads run
-  budget "the README's run command" "$budget_run" "$status" "$run_start"
-  echo "installed: $(installed run)"
-  echo "fresh-check: the run command passed; total $(( $(date +%s) - total_start )) s"
-  exit 0
-fi
-# Its output waits in a file while the test command's goes to the log.
-stage run "$budget_run" >"$work/run.log" 2>&1
-run_pid=$!
+printf '\n=== fresh-check: side by side, each in a fresh root ===\n'
+echo "run13 (Debian 13, budget $budget_run s): + $run_command"
+echo "run12 (Debian 12, budget $(( budget_run + ${budget_builds12} * (1 - run_only) )) s): + $run_command"
+[ "$run_only" = 1 ] || echo "       then + $builds12"
+[ "$run_only" = 1 ] || echo "test13 (Debian 13, budget $budget_test s): + $test_command"
+stages_start=$(date +%s)
+# The run commands' output waits in files while the test command's goes to the log.
+stage run13 "$budget_run" run >"$work/run13.log" 2>&1
+stage run12 $(( budget_run + budget_builds12 * (1 - run_only) )) run >"$work/run12.log" 2>&1
+[ "$run_only" = 1 ] || stage test13 "$budget_test" test
+wait "${pids[@]}" 2>/dev/null || true
+pids=()
+for name in "${roots[@]}"; do keep_downloads "$name"; done
 
-printf '\n=== fresh-check: the README'"'"'s test command, in another fresh root, beside it (budget %d s) ===\n' "$budget_test"
-echo "+ $test_command"
-test_start=$(date +%s)
-stage test "$budget_test"
-test_pid=$!
-
-status=0; wait "$run_pid" || status=$?
-run_end=$(date +%s)
-printf '\n=== fresh-check: the run command ended after %d s (status %d); its output is shown at the end ===\n' \
-  $(( run_end - run_start )) "$status"
-run_status=$status
-status=0; wait "$test_pid" || status=$?
-stages=()
-keep_downloads run
-keep_downloads test
-
-printf '\n=== fresh-check: the README'"'"'s run command, its output ===\n'
-cat "$work/run.log"
-budget "the README's run command" "$budget_run" "$run_status" "$run_start" "$run_end"
-echo "installed by it: $(installed run)"
-budget "the README's test command" "$budget_test" "$status" "$test_start"
-echo "installed by it: $(installed test)"
-echo "root of the test command: $(du -sh --one-file-system "$work/test" | cut -f1) on disk"
+for name in run13 run12; do
+  printf '\n=== fresh-check: %s, its output ===\n' "$name"
+  cat "$work/$name.log"
+done
 echo
-echo "fresh-check: the README's two commands passed on fresh Debian 12 roots in $(( $(date +%s) - total_start )) s"
+for name in "${roots[@]}"; do
+  { read -r status; read -r end; } < <(ended "$name")
+  case "$name" in
+    run13) label="the README's run command on Debian 13" limit=$budget_run ;;
+    run12) label="the README's run command and the builds on Debian 12"
+           limit=$(( budget_run + budget_builds12 * (1 - run_only) )) ;;
+    test13) label="the README's test command on Debian 13" limit=$budget_test ;;
+  esac
+  budget "$label" "$limit" "$status" "$stages_start" "$end"
+  echo "installed in $name: $(installed "$name"), $(du -sh --one-file-system "$work/$name" | cut -f1) on disk"
+done
+echo
+if [ "$run_only" = 1 ]; then
+  echo "fresh-check: the README's run command passed on fresh Debian 13 and 12 roots in $(( $(date +%s) - total_start )) s"
+else
+  echo "fresh-check: the README's two commands passed on a fresh Debian 13 root, the run command and the builds on a fresh Debian 12 root, in $(( $(date +%s) - total_start )) s"
+fi

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Installs what lynx-dfu needs on Debian 12, with apt-get (through sudo when not root).
+# Installs what lynx-dfu needs on Debian 13 or 12, with apt-get (through sudo when not root).
 #
 #   scripts/setup.sh               what building, packaging and running the programs and
 #                                  the lab needs
@@ -10,8 +10,22 @@
 #                                  coverage report
 #   scripts/setup.sh --fresh-check what scripts/fresh-check.sh needs to bootstrap a root
 #
-# Written for a minimal Debian 12: nothing here assumes a package that such a system lacks.
+# Written for a minimal Debian 13 or 12: nothing here assumes a package that such a system
+# lacks, and every name is one both releases carry. Any other system is told so before
+# anything is installed.
 set -euo pipefail
+
+IFS='|' read -r os_id os_version os_name <<<"$(
+  . /etc/os-release 2>/dev/null
+  printf '%s|%s|%s' "${ID:-}" "${VERSION_ID:-}" "${PRETTY_NAME:-a system without /etc/os-release}"
+)"
+case "$os_id $os_version" in
+  "debian 13" | "debian 12") ;;
+  *)
+    echo "setup: lynx-dfu supports Debian 13 (trixie) and Debian 12 (bookworm); this is $os_name, so nothing was installed" >&2
+    exit 2
+    ;;
+esac
 
 # file: CPack reads the programs' shared-library dependencies through it.
 packages=(build-essential cmake ninja-build git nlohmann-json3-dev file)
@@ -19,7 +33,10 @@ case "${1:-}" in
   "") ;;
   --test)
     packages+=(
-      python3 clang clang-format clang-tidy libclang-rt-14-dev
+      # The fuzzers build with the release's own clang and its runtime. Lint reads LLVM 19's
+      # clang-format and clang-tidy on both releases: no formatting satisfies both 14 and 19,
+      # so these two are named by version.
+      python3 clang libclang-rt-dev clang-format-19 clang-tidy-19
       libgtest-dev libgmock-dev libbenchmark-dev
       dpkg-dev mingw-w64 wine wine64
       qemu-system-x86 busybox-static dfu-util v4l-utils lintian

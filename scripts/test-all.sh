@@ -45,7 +45,7 @@ step "Debian package: build, lint, install, run, remove"
 (cd build/default && rm -f lynx-dfu_*.deb && cpack -G DEB >/dev/null)
 deb="$(ls build/default/lynx-dfu_*.deb)"
 packaged=(/usr/bin/lynx-dfu /usr/bin/lynx-dfu-lab /usr/bin/lynx-virtual-camera
-          /usr/lib/udev/rules.d/70-lynx-dfu.rules
+          /usr/lib/udev/rules.d/70-lynx-dfu.rules /usr/share/lintian/overrides/lynx-dfu
           /usr/share/man/man1/lynx-dfu.1.gz /usr/share/man/man1/lynx-dfu-lab.1.gz
           /usr/share/man/man1/lynx-virtual-camera.1.gz
           /usr/share/doc/lynx-dfu/copyright /usr/share/doc/lynx-dfu/changelog.gz
