@@ -13,8 +13,10 @@
 # The roots, each as on a machine where its command is the first thing typed, run side by side:
 #   run13   Debian 13: the README's run command
 #   run12   Debian 12: the README's run command, then the test tools (setup.sh --test), the
-#           native build with its whole ctest suite and the mingw-w64 cross build
-#   test13  Debian 13: the README's test command, in full
+#           native build with its whole ctest suite, the Debian package and the mingw-w64
+#           cross build
+#   test13  Debian 13: the README's test command, in full; afterwards the package built on
+#           Debian 12 installs, runs and purges there (scripts/deb-check.sh)
 # Needs root (chroot, mounts), mmdebstrap and git: `scripts/setup.sh --fresh-check`.
 # Only downloads are kept between runs, outside the roots, in $LYNX_FRESH_CACHE (default
 # /var/cache/lynx-dfu/fresh-check): each release's bare bootstrap (rebuilt when a week old),
@@ -42,8 +44,9 @@ budget_builds12=2400
 budget_test=4200
 
 # Debian 12's share after its run command: the test tools install there too, the whole
-# native suite passes with GCC 12 and the Windows program cross-builds with its mingw-w64.
-builds12='./scripts/setup.sh --test && cmake --preset default && cmake --build --preset default && ctest --preset default --no-tests=error && cmake --preset mingw && cmake --build --preset mingw'
+# native suite passes with GCC 12, its package is built for Debian 13 to install, and the
+# Windows program cross-builds with its mingw-w64.
+builds12='./scripts/setup.sh --test && cmake --preset default && cmake --build --preset default && ctest --preset default --no-tests=error && (cd build/default && cpack -G DEB) && cmake --preset mingw && cmake --build --preset mingw'
 
 fail() { echo "fresh-check: $*" >&2; exit 1; }
 [ -n "$mirror" ] || fail "no Debian archive in this machine's apt sources: set LYNX_DEBIAN_MIRROR"
@@ -83,7 +86,7 @@ if [ "${1:-}" = --inside ]; then
   ln -s pts/ptmx "$root/dev/ptmx"
   mnt /dev/shm -t tmpfs -o mode=1777,nosuid,nodev tmpfs
   mnt /run -t tmpfs -o mode=755,nosuid,nodev tmpfs
-  [ "$kind" = run ] || mnt /root/.cache/lynx-dfu/hwlab --bind "$cache/hwlab"
+  [ "$kind" != test ] || mnt /root/.cache/lynx-dfu/hwlab --bind "$cache/hwlab"
 
   # The commands run as a new user's login would: root, home /root, the default PATH, no
   # locale, no terminal. CI=true only tells the tests they run unattended.
@@ -112,6 +115,7 @@ if [ "${1:-}" = --inside ]; then
       fi
       ;;
     test) in_root "$command" </dev/null ;;
+    deb12) in_root "./scripts/deb-check.sh /root/lynx-dfu-built-on-debian12.deb" </dev/null ;;
   esac
   exit 0
 fi
@@ -257,12 +261,11 @@ fi
 echo "bare roots: Debian 13 $(installed run13), Debian 12 $(installed run12); the commit $commit cloned into each"
 budget "the roots and the clones" "$budget_bootstrap" 0 "$start"
 
-# stage NAME BUDGET: root NAME's command in the background, within its budget.
+# stage NAME ROOT BUDGET KIND: a step of KIND (run, test, deb12) in root ROOT, in the
+# background, within its budget.
 stage() {
-  local name="$1" limit="$2"
-  shift 2
-  in_background "$name" timeout --kill-after=30 "$limit" \
-    unshare --mount --pid --fork --propagation private "$0" --inside "$work/$name" "$@"
+  in_background "$1" timeout --kill-after=30 "$3" \
+    unshare --mount --pid --fork --propagation private "$0" --inside "$work/$2" "$4"
 }
 
 printf '\n=== fresh-check: side by side, each in a fresh root ===\n'
@@ -272,9 +275,9 @@ echo "run12 (Debian 12, budget $(( budget_run + ${budget_builds12} * (1 - run_on
 [ "$run_only" = 1 ] || echo "test13 (Debian 13, budget $budget_test s): + $test_command"
 stages_start=$(date +%s)
 # The run commands' output waits in files while the test command's goes to the log.
-stage run13 "$budget_run" run >"$work/run13.log" 2>&1
-stage run12 $(( budget_run + budget_builds12 * (1 - run_only) )) run >"$work/run12.log" 2>&1
-[ "$run_only" = 1 ] || stage test13 "$budget_test" test
+stage run13 run13 "$budget_run" run >"$work/run13.log" 2>&1
+stage run12 run12 $(( budget_run + budget_builds12 * (1 - run_only) )) run >"$work/run12.log" 2>&1
+[ "$run_only" = 1 ] || stage test13 test13 "$budget_test" test
 wait "${pids[@]}" 2>/dev/null || true
 pids=()
 for name in "${roots[@]}"; do keep_downloads "$name"; done
@@ -283,6 +286,14 @@ for name in run13 run12; do
   printf '\n=== fresh-check: %s, its output ===\n' "$name"
   cat "$work/$name.log"
 done
+if [ "$run_only" = 0 ] && [ "$(cat "$work/run12.status")" = 0 ] && [ "$(cat "$work/test13.status")" = 0 ]; then
+  printf '\n=== fresh-check: the package built on Debian 12, on Debian 13 (budget %d s) ===\n' "$budget_run"
+  cp "$work"/run12/root/lynx-dfu/build/default/lynx-dfu_*_amd64.deb "$work/test13/root/lynx-dfu-built-on-debian12.deb"
+  deb_start=$(date +%s)
+  stage deb12 test13 "$budget_run" deb12
+  wait "${pids[@]}" 2>/dev/null || true
+  pids=()
+fi
 echo
 for name in "${roots[@]}"; do
   { read -r status; read -r end; } < <(ended "$name")
@@ -295,6 +306,10 @@ for name in "${roots[@]}"; do
   budget "$label" "$limit" "$status" "$stages_start" "$end"
   echo "installed in $name: $(installed "$name"), $(du -sh --one-file-system "$work/$name" | cut -f1) on disk"
 done
+if [ "$run_only" = 0 ]; then
+  { read -r status; read -r end; } < <(ended deb12)
+  budget "Debian 12's package on Debian 13" "$budget_run" "$status" "$deb_start" "$end"
+fi
 echo
 if [ "$run_only" = 1 ]; then
   echo "fresh-check: the README's run command passed on fresh Debian 13 and 12 roots in $(( $(date +%s) - total_start )) s"
