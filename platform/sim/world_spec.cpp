@@ -418,7 +418,7 @@ WorldSpec ParseWorld(const std::string& jsonText) {
 }
 
 WorldSpec LoadWorldFile(const std::string& path) {
-    struct stat info {};
+    struct stat info{};
     if (stat(path.c_str(), &info) != 0) throw WorldError(path + ": cannot be read (no such file)");
     if (!S_ISREG(info.st_mode)) throw WorldError(path + ": cannot be read (not a regular file)");
     std::ifstream file(path, std::ios::binary);

@@ -384,7 +384,7 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "%s\n", kUsage);
         return 2;
     }
-    struct sigaction action {};
+    struct sigaction action{};
     action.sa_handler = [](int) { stopRequested = 1; };
     sigaction(SIGTERM, &action, nullptr);
     sigaction(SIGINT, &action, nullptr);
