@@ -4,7 +4,7 @@
 #   scripts/setup.sh               what building, packaging and running the programs and
 #                                  the lab needs
 #   scripts/setup.sh --test        that, and the test tools: GoogleTest, clang for the
-#                                  fuzzer, clang-format and clang-tidy, mingw-w64 and Wine
+#                                  fuzzer, clang-format and clang-tidy 19, mingw-w64 and Wine
 #                                  for the Windows program, qemu, busybox, dfu-util and
 #                                  v4l-utils for the hardware lab, lintian, gcovr for the
 #                                  coverage report
@@ -19,7 +19,7 @@ case "${1:-}" in
   "") ;;
   --test)
     packages+=(
-      python3 clang clang-format clang-tidy libclang-rt-14-dev
+      python3 clang clang-format-19 clang-tidy-19 libclang-rt-14-dev
       libgtest-dev libgmock-dev libbenchmark-dev
       dpkg-dev mingw-w64 wine wine64
       qemu-system-x86 busybox-static dfu-util v4l-utils lintian
