@@ -215,7 +215,7 @@ class VirtualCamera {
             world_.OpenUsbDevice(kDfuLink, &usb_);
             firstRequestSeen_ = false;
             log_.Line("attach dfu 3c5e:0f1c transfer-size %u",
-                      options_.world.cameras[0].dfu->transferSize);
+                      options_.world.cameras[0].DfuSide().transferSize);
         } else {
             camera_ = std::make_unique<uvc::Camera>(world_, 0);
             const sim::usb_device_descriptor& device = camera_->Description().device;
@@ -238,6 +238,7 @@ class VirtualCamera {
     // The answer to block N goes out late: the host waits in that request for whatever a
     // test does at this moment, until SIGUSR2 lets the answer go.
     void Hold() {
+        if (!holdAtBlock_) return;
         holdReleased = 0;
         log_.Line("dfu hold at block %u", *holdAtBlock_);
         holdAtBlock_.reset();
