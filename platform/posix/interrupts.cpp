@@ -114,7 +114,8 @@ void OnSignal(int sig, siginfo_t* info, void*) {
         // A real fault happens again when the handler returns, now with the action it had
         // before (a sanitizer's report, or a core); a signal that was sent is sent again and
         // taken as soon as the handler returns.
-        if (!(IsIn(sig, kFaults) && info != nullptr && info->si_code > 0)) raise(sig);
+        const bool realFault = IsIn(sig, kFaults) && info != nullptr && info->si_code > 0;
+        if (!realFault) raise(sig);
     }
     errno = savedErrno;
 }

@@ -374,7 +374,7 @@ class VirtualCamera {
     std::size_t manifestedSeen_ = 0;
     std::optional<unsigned> holdAtBlock_;  // until the hold has happened
     bool holdNow_ = false;                 // the answer under way is held
-    std::chrono::steady_clock::time_point started_{};
+    std::chrono::steady_clock::time_point started_;
 };
 
 }  // namespace
