@@ -27,7 +27,7 @@ template <typename Devices>
 void ListByName(const Devices& devices) {
     std::wostream& out = platform::WideOut();
     for (std::size_t i = 0; i < devices.size(); ++i) {
-        out << L"[" << (i + 1) << L"] " << devices[i]->GetName() << std::endl;
+        out << L"[" << (i + 1) << L"] " << devices[i]->GetName() << L'\n';
     }
 }
 

@@ -12,17 +12,17 @@
 #include "updatable/lynx_updatable_device.h"
 
 void ShowDevicesList(bool detailed, bool updatableOnly, const std::string& title) {
-    std::cout << kSeparatorLine << g_vendorPrefix << title << std::endl;
+    std::cout << kSeparatorLine << g_vendorPrefix << title << '\n';
     CameraDevicesFactory enumerator(&std::cout);
     const auto devices = enumerator.GetDevices();
     std::wostream& out = platform::WideOut();
     int number = 1;
     for (const auto& device : devices) {
         if (updatableOnly && !device->IsUpdatable()) continue;
-        out << L"[" << number << L"]" << device->GetDetails(detailed) << std::endl;
+        out << L"[" << number << L"]" << device->GetDetails(detailed) << L'\n';
         ++number;
     }
-    std::cout << std::endl;
+    std::cout << '\n';
 }
 
 void ShowSettingsMenu() {

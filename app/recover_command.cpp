@@ -21,7 +21,7 @@ void RecoverDfuDevices() {
     const std::int64_t index =
         AskNumber("Select a device by index (invalid index to go back to main menu): ");
     if (!NamesEntry(index, devices.size())) {
-        std::cout << "Invalid index " << index << std::endl;
+        std::cout << "Invalid index " << index << '\n';
         return;
     }
     std::cout << "Enter path and filename (e.g. c:\\Documents\\newFirmware.bin: )";

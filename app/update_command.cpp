@@ -19,7 +19,7 @@ void UpdateCameraDevice() {
     std::wostream& out = platform::WideOut();
     for (const auto& device : devices) {
         if (!device->IsUpdatable()) continue;
-        out << L"[" << (updatable.size() + 1) << L"] " << device->GetDetails(false) << std::endl;
+        out << L"[" << (updatable.size() + 1) << L"] " << device->GetDetails(false) << L'\n';
         updatable.push_back(device);
     }
     if (updatable.empty()) {

@@ -22,7 +22,7 @@ class ActivationArray {
         for (UINT32 i = 0; i < count; ++i) {
             if (items[i] != nullptr) items[i]->Release();
         }
-        CoTaskMemFree(items);
+        CoTaskMemFree(static_cast<void*>(items));
     }
 
     // Takes over the array's reference to one entry.

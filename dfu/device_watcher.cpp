@@ -138,8 +138,9 @@ DWORD CALLBACK DeviceWatcher::OnNotification(HCMNOTIFICATION, PVOID context,
     return 0;
 }
 
-void CreateUsbDeviceWatcher(std::optional<DeviceWatcher>& storage, const std::wstring& name,
-                            const std::wstring& vendorToken, const std::wstring& productToken,
-                            const std::wstring& interfaceToken) {
-    storage.emplace(name, MakeUsbDeviceFilter(vendorToken, productToken, interfaceToken));
+DeviceWatcher& CreateUsbDeviceWatcher(std::optional<DeviceWatcher>& storage,
+                                      const std::wstring& name, const std::wstring& vendorToken,
+                                      const std::wstring& productToken,
+                                      const std::wstring& interfaceToken) {
+    return storage.emplace(name, MakeUsbDeviceFilter(vendorToken, productToken, interfaceToken));
 }

@@ -46,7 +46,8 @@ class DeviceWatcher {
     std::mutex listLock;
 };
 
-// Builds the USB filter and the watcher in the caller's storage.
-void CreateUsbDeviceWatcher(std::optional<DeviceWatcher>& storage, const std::wstring& name,
-                            const std::wstring& vendorToken, const std::wstring& productToken,
-                            const std::wstring& interfaceToken);
+// Builds the USB filter and the watcher in the caller's storage, and hands back the watcher.
+DeviceWatcher& CreateUsbDeviceWatcher(std::optional<DeviceWatcher>& storage,
+                                      const std::wstring& name, const std::wstring& vendorToken,
+                                      const std::wstring& productToken,
+                                      const std::wstring& interfaceToken);

@@ -20,15 +20,16 @@ std::vector<std::shared_ptr<IDfuDevice>> DfuDevicesFactory::GetDfuDevices(std::u
 std::vector<std::shared_ptr<IDfuDevice>> LynxDfuDevicesFactory::GetDfuDevices(
     std::uint32_t timeoutMs) {
     // Registered before anything is listed, so a device arriving from now on is not missed.
-    std::optional<DeviceWatcher> watcher;
-    CreateUsbDeviceWatcher(watcher, kDfuWatcherName, kLynxVendorToken, kLynxDfuProductToken, L"");
+    std::optional<DeviceWatcher> storage;
+    DeviceWatcher& watcher = CreateUsbDeviceWatcher(storage, kDfuWatcherName, kLynxVendorToken,
+                                                    kLynxDfuProductToken, L"");
     if (timeoutMs != 0) {
-        watcher->Refresh();
+        watcher.Refresh();
         // Ends at once when one is present, or on the first arrival (or removal) meanwhile.
-        WaitForSingleObject(watcher->arrivalEvent, timeoutMs);
+        WaitForSingleObject(watcher.arrivalEvent, timeoutMs);
     }
     std::vector<std::shared_ptr<IDfuDevice>> result;
-    for (const auto& entry : watcher->GetDevices()) {
+    for (const auto& entry : watcher.GetDevices()) {
         result.push_back(std::make_shared<LynxDfuDevice>(entry.symbolicLink, log));
     }
     return result;

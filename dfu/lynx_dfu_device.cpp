@@ -19,10 +19,11 @@ LynxDfuDevice::LynxDfuDevice(std::wstring link, std::ostream* log)
     : DfuLogger(log), symbolicLink(std::move(link)) {}
 
 HRESULT LynxDfuDevice::WaitForConnection(std::uint32_t timeLimitMs) {
-    std::optional<DeviceWatcher> watcher;
-    CreateUsbDeviceWatcher(watcher, kDfuWatcherName, kLynxVendorToken, kLynxDfuProductToken, L"");
-    const DWORD found = watcher->WaitForDevice(timeLimitMs, symbolicLink);
-    watcher.reset();
+    std::optional<DeviceWatcher> storage;
+    DeviceWatcher& watcher = CreateUsbDeviceWatcher(storage, kDfuWatcherName, kLynxVendorToken,
+                                                    kLynxDfuProductToken, L"");
+    const DWORD found = watcher.WaitForDevice(timeLimitMs, symbolicLink);
+    storage.reset();
     return found == 0 ? S_OK : E_FAIL;
 }
 

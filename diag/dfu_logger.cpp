@@ -3,9 +3,7 @@
 #include <cstdint>
 
 HRESULT DfuLogger::CheckStatus(const char* stepText, HRESULT status) const {
-    if (status != 0 && log != nullptr) {
-        *log << stepText << " Failed with status" << static_cast<long>(status) << std::endl;
-    }
+    if (status != 0) LogLine(stepText, " Failed with status", static_cast<long>(status));
     return status;
 }
 

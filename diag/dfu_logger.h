@@ -16,12 +16,14 @@ class DfuLogger {
     std::ostream* GetLog() const { return log; }
 
   protected:
-    // One message line: the pieces in order, then std::endl. Nothing without a stream.
+    // One message line: the pieces in order, then the line end. Nothing without a stream.
+    // Flushed at once, so that a burn's lines show as they happen and none is lost with the
+    // buffer when a signal or a crash ends the process.
     template <class... Pieces>
     void LogLine(const Pieces&... pieces) const {
         if (log == nullptr) return;
         ((*log << pieces), ...);
-        *log << std::endl;
+        *log << '\n' << std::flush;
     }
 
     // Pieces written as they stand, for messages that carry their own line break.

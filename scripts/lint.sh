@@ -11,12 +11,18 @@ cd "$(dirname "$0")/.."
 jobs="${LYNX_JOBS:-2}"
 status=0
 
+# LLVM 19 by its versioned names, whatever the plain names point to: no formatting satisfies
+# both clang-format 14 and 19, and each clang-tidy release brings checks of its own.
+for tool in clang-format-19 clang-tidy-19; do
+  command -v "$tool" >/dev/null || { echo "lint: no $tool (scripts/setup.sh --test)"; exit 2; }
+done
+
 mapfile -t tracked < <(git ls-files -- "$@" | grep -E '\.(c|cpp|h)$')
 [ ${#tracked[@]} -gt 0 ] || { echo "lint: no tracked C or C++ file among: $*"; exit 2; }
-if clang-format --dry-run -Werror "${tracked[@]}"; then
-  echo "clang-format: ${#tracked[@]} files, no drift"
+if clang-format-19 --dry-run -Werror "${tracked[@]}"; then
+  echo "clang-format-19: ${#tracked[@]} files, no drift"
 else
-  echo "clang-format: drift (fix with clang-format -i FILE)"
+  echo "clang-format-19: drift (fix with clang-format-19 -i FILE)"
   status=1
 fi
 
@@ -42,7 +48,7 @@ mapfile -t windows < <(LC_ALL=C comm -13 <(compiled build/default) <(compiled bu
 tidy() {
   local build="$1" file="$2" out
   shift 2
-  if ! out="$(clang-tidy -p "$build" --quiet "$@" "$file" 2>&1)"; then
+  if ! out="$(clang-tidy-19 -p "$build" --quiet "$@" "$file" 2>&1)"; then
     printf '%s\n' "$out"
     return 1
   fi
@@ -57,9 +63,9 @@ tidy_all() {
   [ ${#files[@]} -gt 0 ] && [ -n "${files[0]}" ] || return 0
   if printf '%s\0' "${files[@]}" |
       xargs -0 -P "$jobs" -I{} bash -c 'tidy "$@"' _ "$build" {} "$@"; then
-    echo "clang-tidy: ${#files[@]} $label, no finding"
+    echo "clang-tidy-19: ${#files[@]} $label, no finding"
   else
-    echo "clang-tidy: findings in the $label"
+    echo "clang-tidy-19: findings in the $label"
     status=1
   fi
 }

@@ -4,7 +4,7 @@
 #   scripts/setup.sh               what building, packaging and running the programs and
 #                                  the lab needs
 #   scripts/setup.sh --test        that, and the test tools: GoogleTest, clang for the
-#                                  fuzzer, clang-format and clang-tidy, mingw-w64 and Wine
+#                                  fuzzer, clang-format and clang-tidy 19, mingw-w64 and Wine
 #                                  for the Windows program, qemu, busybox, dfu-util and
 #                                  v4l-utils for the hardware lab, lintian, gcovr for the
 #                                  coverage report

@@ -110,7 +110,7 @@ class UsbfsConnection final : public UsbDeviceConnection {
     ErrorCode ControlTransfer(const UsbSetupPacket& setup, std::uint8_t* buffer,
                               std::uint32_t length, std::uint32_t* transferred) override {
         if (transferred != nullptr) *transferred = 0;
-        if (length > setup.wLength) length = setup.wLength;
+        length = std::min<std::uint32_t>(length, setup.wLength);
         if (length > 0 && buffer == nullptr) return ERROR_INVALID_PARAMETER;
         usbdevfs_ctrltransfer request{};
         request.bRequestType = setup.bRequestType;

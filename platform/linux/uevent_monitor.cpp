@@ -57,7 +57,9 @@ void UeventMonitor::Unsubscribe(std::uint64_t subscription) {
         last = subscribers_.empty();
     }
     // A callback already running finishes before we return.
-    { std::lock_guard delivery(deliveryMutex_); }
+    {
+        std::lock_guard delivery(deliveryMutex_);
+    }
     if (last) Stop();
 }
 

@@ -60,7 +60,7 @@ void TakeTerminalAgain() {
 void OnSignal(int sig, siginfo_t* info, void*);
 
 void Catch(int sig) {
-    struct sigaction action {};
+    struct sigaction action{};
     action.sa_sigaction = OnSignal;
     // Reads and writes go on after a handler that returns; the other signals of ours wait
     // while one is handled, SIGCONT excepted (a stop inside the handler needs it).
@@ -81,7 +81,7 @@ void Unblock(int sig) {
 // Stops the process now, as the signal's default action does, and catches it again once
 // the process continues.
 void StopNow(int sig) {
-    struct sigaction stop {};
+    struct sigaction stop{};
     stop.sa_handler = SIG_DFL;
     sigaction(sig, &stop, nullptr);
     Unblock(sig);
@@ -101,7 +101,7 @@ void OnSignal(int sig, siginfo_t* info, void*) {
             stopAsked.compare_exchange_strong(none, sig);
             // A read or write from the background raises SIGTTIN or SIGTTOU each time it is
             // restarted; ignored, the write goes through. The hold's end catches it again.
-            struct sigaction ignore {};
+            struct sigaction ignore{};
             ignore.sa_handler = SIG_IGN;
             sigaction(sig, &ignore, nullptr);
         }
@@ -114,7 +114,8 @@ void OnSignal(int sig, siginfo_t* info, void*) {
         // A real fault happens again when the handler returns, now with the action it had
         // before (a sanitizer's report, or a core); a signal that was sent is sent again and
         // taken as soon as the handler returns.
-        if (!(IsIn(sig, kFaults) && info != nullptr && info->si_code > 0)) raise(sig);
+        const bool realFault = IsIn(sig, kFaults) && info != nullptr && info->si_code > 0;
+        if (!realFault) raise(sig);
     }
     errno = savedErrno;
 }
@@ -186,7 +187,7 @@ void EndByKeptBackInterrupt() {
     const int sig = keptBack.load();
     if (sig == 0) return;
     GiveTerminalBack();
-    struct sigaction ending {};
+    struct sigaction ending{};
     ending.sa_handler = SIG_DFL;
     sigaction(sig, &ending, nullptr);
     Unblock(sig);

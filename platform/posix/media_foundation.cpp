@@ -1,5 +1,6 @@
 // Media Foundation's attribute stores, capture-device enumeration, activation and media
 // sources, over the backend's video-capture devices.
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <new>
@@ -228,7 +229,7 @@ HRESULT MFEnumDeviceSources(IMFAttributes* attributes, IMFActivate*** sources, U
         for (auto* activation : made) activation->Release();
         return E_OUTOFMEMORY;
     }
-    std::memcpy(array, made.data(), bytes);
+    std::copy(made.begin(), made.end(), array);
     *sources = array;
     *count = static_cast<UINT32>(made.size());
     return S_OK;

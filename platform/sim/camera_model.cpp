@@ -196,7 +196,8 @@ void SimCamera::LeaveForDfu() {
     if (!leaveAfterReply_) return;
     // The camera drops off the bus; its boot loader enumerates a little later.
     LeaveBus();
-    world_.PlugAt(spec_.dfuDelayMs, std::make_shared<SimDfuDevice>(world_, *spec_.dfu, index_));
+    world_.PlugAt(spec_.dfuDelayMs,
+                  std::make_shared<SimDfuDevice>(world_, spec_.DfuSide(), index_));
 }
 
 void SimCamera::LeaveBus() {

@@ -297,7 +297,7 @@ void SimDfuDevice::AnswerStatus(std::uint8_t* buffer, std::uint32_t* transferred
                 errorPending_ = false;
                 state_ = kDfuError;
                 status_ = kErrWrite;
-            } else if (statusAfterBlockDue_) {
+            } else if (statusAfterBlockDue_ && spec_.statusAfterBlock) {
                 statusAfterBlockDue_ = false;
                 state_ = spec_.statusAfterBlock->bState;
                 status_ = spec_.statusAfterBlock->bStatus;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <optional>
 #include <thread>
 
 #include "platform/registry.h"
@@ -45,7 +46,7 @@ SimWorld::SimWorld(WorldSpec spec) : spec_(std::move(spec)) {
         if (!camera->Spec().inDfuMode) continue;
         camera->present = false;
         dfuDevices_.push_back(
-            std::make_shared<SimDfuDevice>(*this, *camera->Spec().dfu, camera->Index()));
+            std::make_shared<SimDfuDevice>(*this, camera->Spec().DfuSide(), camera->Index()));
         OnBus(dfuDevices_.back());
     }
     for (const auto& dfu : spec_.dfuDevices) {
@@ -296,13 +297,14 @@ void SimWorld::Replug(std::size_t index, std::uint32_t afterMs) {
     // The boot loader starts the firmware in flash when the image there is whole: never
     // touched, or put in place by a manifestation. A download cut off before that leaves
     // half an image, and the boot loader stays in DFU mode, in dfuIDLE.
+    const std::optional<DfuDeviceSpec>& dfu = camera.Spec().dfu;
     const DownloadRecord* last = nullptr;
     for (const auto& download : downloads_) {
-        if (camera.Spec().dfu && download.link == camera.Spec().dfu->link) last = &download;
+        if (dfu && download.link == dfu->link) last = &download;
     }
     if (last ? !last->manifested : camera.Spec().inDfuMode) {
-        PlugAt(afterMs,
-               std::make_shared<SimDfuDevice>(*this, *camera.Spec().dfu, static_cast<int>(index)));
+        PlugAt(afterMs, std::make_shared<SimDfuDevice>(*this, camera.Spec().DfuSide(),
+                                                       static_cast<int>(index)));
         return;
     }
     if (last) camera.firmware = camera.Spec().firmwareAfterUpdate;

@@ -345,8 +345,9 @@ void CheckLinksUnique(const WorldSpec& world) {
     };
     for (std::size_t i = 0; i < world.cameras.size(); ++i) {
         const std::string where = "$.cameras[" + std::to_string(i) + "]";
-        check(world.cameras[i].link, where);
-        if (world.cameras[i].dfu) check(world.cameras[i].dfu->link, where + ".dfu");
+        const CameraSpec& camera = world.cameras[i];
+        check(camera.link, where);
+        if (camera.dfu) check(camera.dfu->link, where + ".dfu");
     }
     for (std::size_t i = 0; i < world.dfuDevices.size(); ++i) {
         check(world.dfuDevices[i].link, "$.dfuDevices[" + std::to_string(i) + "]");
@@ -418,7 +419,7 @@ WorldSpec ParseWorld(const std::string& jsonText) {
 }
 
 WorldSpec LoadWorldFile(const std::string& path) {
-    struct stat info {};
+    struct stat info{};
     if (stat(path.c_str(), &info) != 0) throw WorldError(path + ": cannot be read (no such file)");
     if (!S_ISREG(info.st_mode)) throw WorldError(path + ": cannot be read (not a regular file)");
     std::ifstream file(path, std::ios::binary);
@@ -436,9 +437,15 @@ WorldSpec LoadWorldFile(const std::string& path) {
 Topology DescribedTopology() {
     const CameraDescription camera = LynxDepthCamera({});
     const DescriptorBytes config = camera.ConfigurationDescriptor();
-    return platform::linux_hw::ParseUvcControlInterface(config.data(), config.size(),
-                                                        camera.ControlInterface())
-        ->entities;
+    const auto parsed = platform::linux_hw::ParseUvcControlInterface(config.data(), config.size(),
+                                                                     camera.ControlInterface());
+    if (!parsed) throw std::logic_error("the described camera's descriptors do not parse");
+    return parsed->entities;
+}
+
+const DfuDeviceSpec& CameraSpec::DfuSide() const {
+    if (!dfu) throw std::logic_error("a camera without a DFU device goes into DFU mode");
+    return *dfu;
 }
 
 WorldSpec DefaultWorld() {

@@ -118,6 +118,10 @@ struct CameraSpec {
     std::vector<CommandFault> commandFaults;
     // It starts off the bus, as its DFU device (which is on the bus from the start).
     bool inDfuMode = false;
+
+    // The DFU device it becomes; std::logic_error without one. None is put in DFU mode then:
+    // the world's check refuses inDfuMode, and the camera refuses the switch command.
+    const DfuDeviceSpec& DfuSide() const;
 };
 
 struct RegistrySpec {

@@ -45,7 +45,7 @@ class Stream {
     bool inFrame_ = false;
     std::uint8_t fid_ = 0;
     std::uint32_t frameCount_ = 0;
-    std::chrono::steady_clock::time_point due_{};
+    std::chrono::steady_clock::time_point due_;
     // The payload under way and how much of it the host has; whether it still needs closing.
     usbip::Bytes payload_;
     std::size_t payloadSent_ = 0;

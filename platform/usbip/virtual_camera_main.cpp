@@ -215,7 +215,7 @@ class VirtualCamera {
             world_.OpenUsbDevice(kDfuLink, &usb_);
             firstRequestSeen_ = false;
             log_.Line("attach dfu 3c5e:0f1c transfer-size %u",
-                      options_.world.cameras[0].dfu->transferSize);
+                      options_.world.cameras[0].DfuSide().transferSize);
         } else {
             camera_ = std::make_unique<uvc::Camera>(world_, 0);
             const sim::usb_device_descriptor& device = camera_->Description().device;
@@ -238,6 +238,7 @@ class VirtualCamera {
     // The answer to block N goes out late: the host waits in that request for whatever a
     // test does at this moment, until SIGUSR2 lets the answer go.
     void Hold() {
+        if (!holdAtBlock_) return;
         holdReleased = 0;
         log_.Line("dfu hold at block %u", *holdAtBlock_);
         holdAtBlock_.reset();
@@ -373,7 +374,7 @@ class VirtualCamera {
     std::size_t manifestedSeen_ = 0;
     std::optional<unsigned> holdAtBlock_;  // until the hold has happened
     bool holdNow_ = false;                 // the answer under way is held
-    std::chrono::steady_clock::time_point started_{};
+    std::chrono::steady_clock::time_point started_;
 };
 
 }  // namespace
@@ -384,7 +385,7 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "%s\n", kUsage);
         return 2;
     }
-    struct sigaction action {};
+    struct sigaction action{};
     action.sa_handler = [](int) { stopRequested = 1; };
     sigaction(SIGTERM, &action, nullptr);
     sigaction(SIGINT, &action, nullptr);

@@ -16,7 +16,9 @@ template <typename Function>
 Function SystemFunction(const wchar_t* library, const char* name) {
     const HMODULE module = SystemLibrary(library);
     if (module == nullptr) return nullptr;
-    return reinterpret_cast<Function>(reinterpret_cast<void*>(GetProcAddress(module, name)));
+    // By way of void (*)(), which any function pointer becomes and comes back from without
+    // GCC's cast-function-type warning.
+    return reinterpret_cast<Function>(reinterpret_cast<void (*)()>(GetProcAddress(module, name)));
 }
 
 }  // namespace platform::win32

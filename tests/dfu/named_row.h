@@ -7,9 +7,7 @@
 namespace {
 
 template <class Row>
-requires requires(const Row& row) {
-    row.name;
-}
+    requires requires(const Row& row) { row.name; }
 void PrintTo(const Row& row, std::ostream* out) {
     *out << row.name;
 }

@@ -25,6 +25,7 @@ struct FilterCase {
     const char* name;
     std::wstring path;
     bool matches;
+    // NOLINTNEXTLINE(readability-redundant-member-init): {} spares GCC's missing-field warning
     std::wstring vendor = L"vid_3c5e", product = L"pid_0f1c", interfaceToken{};
 };
 

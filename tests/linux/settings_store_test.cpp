@@ -54,7 +54,7 @@ TEST_F(SettingsStoreTest, EachModeIsStoredAsTextInARootOnlyFile) {
         EXPECT_EQ(std::string(std::istreambuf_iterator<char>(stored), {}), row.text);
         EXPECT_FALSE(std::filesystem::exists(file + ".new"));
     }
-    struct stat info {};
+    struct stat info{};
     for (const auto& [path, mode] :
          {std::pair{base_ + "/var", 0755u}, std::pair{base_ + "/var/lib", 0755u},
           std::pair{root, 0700u}, std::pair{root + "/SYSTEM", 0700u}, std::pair{file, 0600u}}) {

@@ -13,7 +13,7 @@ TEST(WideStream, WritesUtf8InOrderWithNarrowText) {
     platform::Utf8WideStreamBuf buffer(narrow);
     std::wostream wide(&buffer);
     narrow << "[";
-    wide << 1 << L"] Caméra Ω " << L"\U0001F4F7" << std::endl;
+    wide << 1 << L"] Caméra Ω " << L"\U0001F4F7" << L'\n';
     narrow << "end\n";
     EXPECT_EQ("[1] Cam\xC3\xA9ra \xCE\xA9 \xF0\x9F\x93\xB7\nend\n", narrow.str());
 }

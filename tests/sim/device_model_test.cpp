@@ -213,7 +213,8 @@ TEST_P(StateTable, EveryRequestInTheState) {
         const bool refused = expected.front() == '!';
         if (refused) expected.erase(0, 1);
         EXPECT_EQ(!refused, DfuRequest(requests[r])) << "request " << r;
-        EXPECT_EQ(expected, world->DumpState()["dfuDevices"][0]["state"].get<std::string>()) << "request " << r;
+        EXPECT_EQ(expected, world->DumpState()["dfuDevices"][0]["state"].get<std::string>())
+            << "request " << r;
         TearDown();
     }
 }

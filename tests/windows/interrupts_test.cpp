@@ -21,7 +21,9 @@ TEST(InterruptsOnWindows, CtrlCAndCtrlBreakAreKeptBackOnlyDuringAHold) {
     EXPECT_FALSE(platform::InterruptKeptBack());
     {
         const platform::InterruptHold hold;
-        { const platform::InterruptHold nested; }
+        {
+            const platform::InterruptHold nested;
+        }
         // The hold added the routine to the console's list (removing it succeeds) and the
         // end of the nested hold did not take it away.
         EXPECT_TRUE(SetConsoleCtrlHandler(KeepInterruptsBackWhileHeld, FALSE));

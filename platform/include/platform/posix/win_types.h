@@ -69,7 +69,7 @@ constexpr HRESULT E_HANDLE = static_cast<HRESULT>(0x80070006u);
 constexpr HRESULT E_OUTOFMEMORY = static_cast<HRESULT>(0x8007000Eu);
 constexpr HRESULT E_INVALIDARG = static_cast<HRESULT>(0x80070057u);
 
-inline constexpr bool SUCCEEDED(HRESULT hr) {
+constexpr bool SUCCEEDED(HRESULT hr) {
     return hr >= 0;
 }
 
