@@ -49,8 +49,10 @@ lintian --fail-on error,warning "$deb"
 echo "lintian: no error, no warning"
 ./scripts/deb-check.sh "$deb"
 
-step "Hardware lab: lynx-dfu against an emulated camera through the Linux kernel (qemu)"
-./tests/hwlab/run.sh --build build/default
+# The release's own kernel, and the newest Debian ships: Debian 13's backports.
+release="$(. /etc/os-release && echo "$VERSION_CODENAME")"
+step "Hardware lab: lynx-dfu against an emulated camera through the kernels of $release and trixie-backports (qemu)"
+./tests/hwlab/run.sh --build build/default --kernel "$release" --kernel trixie-backports
 
 step "Line coverage of the device logic"
 cmake --preset coverage
