@@ -18,7 +18,7 @@ step() {
 sudo=""
 if [ "$(id -u)" -ne 0 ]; then sudo="sudo"; fi
 
-step "Formatting and static analysis (clang-format, clang-tidy)"
+step "Formatting and static analysis (clang-format-19, clang-tidy-19)"
 ./scripts/lint.sh
 
 step "First run: the README's run command builds the lab alone and reaches its menu"
