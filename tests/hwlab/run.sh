@@ -97,17 +97,17 @@ kernel() {
     : >"$dir/status"
     [ -n "$mirror" ] || fail "no Debian archive in this machine's apt sources: set LYNX_DEBIAN_MIRROR"
     echo "deb [signed-by=$keyring] $mirror/debian $1 main" >"$dir/sources.list"
-    if apt_for "$1" apt-get update >"$dir/update.txt" 2>&1; then
-        image="$(apt_for "$1" apt-cache depends linux-image-amd64 | awk '$1 == "Depends:" && $2 ~ /^linux-image-[0-9]/ {print $2; exit}')"
-        [ -n "$image" ] || fail "linux-image-amd64 of $1 depends on no linux-image-VERSION"
+    if apt_for "$1" apt-get update --error-on=any >"$dir/update.txt" 2>&1 &&
+        image="$(apt_for "$1" apt-cache depends linux-image-amd64 2>>"$dir/update.txt" |
+            awk '$1 == "Depends:" && $2 ~ /^linux-image-[0-9]/ {print $2; exit}')" && [ -n "$image" ]; then
         version="$(apt_for "$1" apt-cache show --no-all-versions "$image" | sed -n 's/^Version: //p')"
         kdir="$cache/kernel/$1/${image}_$version"
         unpack "$kdir" "$1" "$image" $(apt_for "$1" apt-cache depends "$image" | awk -v v="${image#linux-image}" \
             '$1 == "Depends:" && $2 ~ /^linux-/ && substr($2, length($2) - length(v) + 1) == v {print $2}')
     else
         kdir="$(first "$cache/kernel/$1"/*_*[0-9])"
-        [ -n "$kdir" ] || fail "apt-get update for $1 failed ($dir/update.txt): $(tail -n2 "$dir/update.txt")"
-        echo "hwlab: apt-get update for $1 failed; booting the kernel in the cache, ${kdir##*/}"
+        [ -n "$kdir" ] || fail "apt found no linux-image-amd64 of $1 ($dir/update.txt): $(grep -m2 '^E:' "$dir/update.txt")"
+        echo "hwlab: apt found no linux-image-amd64 of $1 (no network?); booting the kernel in the cache, ${kdir##*/}"
     fi
     mods="$(dirname "$(first "$kdir"/{usr/,}lib/modules/*/kernel)")"
     kver="${mods##*/}" && echo "$kver" >"$work/$1.kver"
@@ -204,7 +204,8 @@ results="" failed=0
 for release in "${kernels[@]}"; do
     set +e; (set -e; boot "$release"); status=$?; set -e
     [ "$status" = 0 ] && verdict=passed || { verdict=FAILED; failed=1; }
-    results+="${results:+, }$release $(cat "$work/$release.kver" 2>/dev/null) $verdict"
+    kver="$(cat "$work/$release.kver" 2>/dev/null || true)"
+    results+="${results:+, }$release${kver:+ $kver} $verdict"
 done
 echo "hwlab: kernels: $results"
 [ "$failed" = 0 ] || fail "failed"
