@@ -60,7 +60,8 @@ mirror="${LYNX_DEBIAN_MIRROR:-$({ cat /etc/apt/sources.list.d/*.sources /etc/apt
     sed -n 's#^URIs: *\([^ ]*\)/debian/*$#\1#p; s#^deb  *\(\[[^]]*\]  *\)\{0,1\}\([^ ]*\)/debian/*  *.*#\2#p' | awk 'NR == 1')}"
 
 # apt_for RELEASE COMMAND ARGS...: apt with the lab's own sources, lists and downloads for
-# RELEASE alone (no root needed); "system": the machine's apt as it is.
+# RELEASE alone (no root needed); "system": the machine's apt as it is. The lists stay
+# compressed and apt keeps no binary cache of them: a few seconds more, 250 MB less.
 apt_for() {
     local release="$1" dir="$cache/apt/$1" command="$2"
     shift 2
@@ -68,7 +69,8 @@ apt_for() {
     "$command" -o Dir::State="$dir" -o Dir::State::status="$dir/status" -o Dir::Cache="$dir" \
         -o Dir::Etc::sourcelist="$dir/sources.list" -o Dir::Etc::sourceparts="$dir/none" \
         -o Dir::Etc::preferencesparts="$dir/none" -o Dir::Etc::preferences="$dir/none/preferences" \
-        -o Acquire::Languages=none "$@"
+        -o Acquire::Languages=none -o Acquire::GzipIndexes=true -o Dir::Cache::pkgcache= \
+        -o Dir::Cache::srcpkgcache= "$@"
 }
 
 # unpack DIR RELEASE PACKAGE...: the packages, fetched by apt_for RELEASE, unpacked together
