@@ -60,7 +60,8 @@ mirror="${LYNX_DEBIAN_MIRROR:-$({ cat /etc/apt/sources.list.d/*.sources /etc/apt
     sed -n 's#^URIs: *\([^ ]*\)/debian/*$#\1#p; s#^deb  *\(\[[^]]*\]  *\)\{0,1\}\([^ ]*\)/debian/*  *.*#\2#p' | awk 'NR == 1')}"
 
 # apt_for RELEASE COMMAND ARGS...: apt with the lab's own sources, lists and downloads for
-# RELEASE alone (no root needed); "system": the machine's apt as it is.
+# RELEASE alone (no root needed); "system": the machine's apt as it is. The lists stay
+# compressed and apt keeps no binary cache of them: a few seconds more, 250 MB less.
 apt_for() {
     local release="$1" dir="$cache/apt/$1" command="$2"
     shift 2
@@ -68,7 +69,8 @@ apt_for() {
     "$command" -o Dir::State="$dir" -o Dir::State::status="$dir/status" -o Dir::Cache="$dir" \
         -o Dir::Etc::sourcelist="$dir/sources.list" -o Dir::Etc::sourceparts="$dir/none" \
         -o Dir::Etc::preferencesparts="$dir/none" -o Dir::Etc::preferences="$dir/none/preferences" \
-        -o Acquire::Languages=none "$@"
+        -o Acquire::Languages=none -o Acquire::GzipIndexes=true -o Dir::Cache::pkgcache= \
+        -o Dir::Cache::srcpkgcache= "$@"
 }
 
 # unpack DIR RELEASE PACKAGE...: the packages, fetched by apt_for RELEASE, unpacked together
@@ -97,17 +99,17 @@ kernel() {
     : >"$dir/status"
     [ -n "$mirror" ] || fail "no Debian archive in this machine's apt sources: set LYNX_DEBIAN_MIRROR"
     echo "deb [signed-by=$keyring] $mirror/debian $1 main" >"$dir/sources.list"
-    if apt_for "$1" apt-get update >"$dir/update.txt" 2>&1; then
-        image="$(apt_for "$1" apt-cache depends linux-image-amd64 | awk '$1 == "Depends:" && $2 ~ /^linux-image-[0-9]/ {print $2; exit}')"
-        [ -n "$image" ] || fail "linux-image-amd64 of $1 depends on no linux-image-VERSION"
+    if apt_for "$1" apt-get update --error-on=any >"$dir/update.txt" 2>&1 &&
+        image="$(apt_for "$1" apt-cache depends linux-image-amd64 2>>"$dir/update.txt" |
+            awk '$1 == "Depends:" && $2 ~ /^linux-image-[0-9]/ {print $2; exit}')" && [ -n "$image" ]; then
         version="$(apt_for "$1" apt-cache show --no-all-versions "$image" | sed -n 's/^Version: //p')"
         kdir="$cache/kernel/$1/${image}_$version"
         unpack "$kdir" "$1" "$image" $(apt_for "$1" apt-cache depends "$image" | awk -v v="${image#linux-image}" \
             '$1 == "Depends:" && $2 ~ /^linux-/ && substr($2, length($2) - length(v) + 1) == v {print $2}')
     else
         kdir="$(first "$cache/kernel/$1"/*_*[0-9])"
-        [ -n "$kdir" ] || fail "apt-get update for $1 failed ($dir/update.txt): $(tail -n2 "$dir/update.txt")"
-        echo "hwlab: apt-get update for $1 failed; booting the kernel in the cache, ${kdir##*/}"
+        [ -n "$kdir" ] || fail "apt found no linux-image-amd64 of $1 ($dir/update.txt): $(grep -m2 '^E:' "$dir/update.txt")"
+        echo "hwlab: apt found no linux-image-amd64 of $1 (no network?); booting the kernel in the cache, ${kdir##*/}"
     fi
     mods="$(dirname "$(first "$kdir"/{usr/,}lib/modules/*/kernel)")"
     kver="${mods##*/}" && echo "$kver" >"$work/$1.kver"
@@ -204,7 +206,8 @@ results="" failed=0
 for release in "${kernels[@]}"; do
     set +e; (set -e; boot "$release"); status=$?; set -e
     [ "$status" = 0 ] && verdict=passed || { verdict=FAILED; failed=1; }
-    results+="${results:+, }$release $(cat "$work/$release.kver" 2>/dev/null) $verdict"
+    kver="$(cat "$work/$release.kver" 2>/dev/null || true)"
+    results+="${results:+, }$release${kver:+ $kver} $verdict"
 done
 echo "hwlab: kernels: $results"
 [ "$failed" = 0 ] || fail "failed"
