@@ -39,7 +39,8 @@ case "${1:-}" in
       python3 clang libclang-rt-dev clang-format-19 clang-tidy-19
       libgtest-dev libgmock-dev libbenchmark-dev
       dpkg-dev mingw-w64 wine wine64
-      qemu-system-x86 busybox-static dfu-util v4l-utils lintian
+      # libsystemd-shared: the hardware lab's VM runs the release's udevadm, which links it.
+      qemu-system-x86 busybox-static dfu-util v4l-utils libsystemd-shared lintian
       gcovr
     )
     ;;
