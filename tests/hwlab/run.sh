@@ -6,14 +6,8 @@
 #   tests/hwlab/run.sh [--kernel RELEASE[,RELEASE]...] [--build DIR] [--bench] [--keep]
 #                      [--record DIR] [--case NAME]...
 #
-# --kernel R   boot Debian release R's kernel (bookworm, trixie, trixie-backports: a suite of
-#              the archive); repeatable, each in a VM run of its own (default: this machine's)
-# --build DIR  the native build whose app/lynx-dfu is tested (default: build/default)
-# --bench      run the measurements of bench/hwlab instead of the sessions
-# --keep       keep the work directory and print where it is
-# --record DIR copy every case's actual output and device log to DIR/RELEASE, for review
-# --case NAME  run only this case of tests/hwlab/cases (may be given more than once)
-# Exits non-zero on any failure.
+# The options are told in tests/hwlab/README.md; --keep keeps the work directory. Exits
+# non-zero on any failure.
 set -euo pipefail
 
 here="$(cd "$(dirname "$0")" && pwd)"

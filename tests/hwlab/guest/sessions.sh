@@ -1,20 +1,5 @@
 # Runs inside the VM (busybox sh): every case under /hwlab/cases, then a summary line that
-# run.sh reads. A case directory holds:
-#   emulator.args   how the emulated device starts (lynx-virtual-camera options)
-#   input1.txt      the answers typed into lynx-dfu; expected1.txt its whole console output
-#   input2.txt      optional second session, run once the camera is back on the bus
-#   expected2.txt
-#   device.txt      what the emulated device received, as its log tells (clock and timing
-#                   lines left out)
-#   user            optional: run lynx-dfu as this user instead of root
-#   setup.sh        optional: run as root once the device is on the bus and udev has handled
-#                   it, before the sessions
-#   program         optional: a command run instead of the sessions (output not compared;
-#                   its lines that begin "HWLAB: " are reported)
-#   timeout         optional: seconds the program may take (120 unless given)
-#   check.sh        optional: further checks, run last; non-zero fails the case
-#   interrupt       optional: an update cut off by a signal, then recovered (interrupted.sh)
-# Device numbers are the kernel's running count, so "&NNN#" stands for them in expectations.
+# run.sh reads. What a case folder holds: tests/hwlab/README.md, "A case folder".
 cd /tmp
 passed=0
 failed=0
