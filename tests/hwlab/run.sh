@@ -2,12 +2,7 @@
 # The hardware lab: lynx-dfu against an emulated camera of the family, through the real
 # Linux kernel (vhci-hcd, usbfs, uvcvideo, uevents) in a qemu VM with no network. Installs
 # nothing; the packages it needs and the kernel cache it keeps: tests/hwlab/README.md.
-#
-#   tests/hwlab/run.sh [--kernel RELEASE[,RELEASE]...] [--build DIR] [--bench] [--keep]
-#                      [--record DIR] [--case NAME]...
-#
-# The options are told in tests/hwlab/README.md; --keep keeps the work directory. Exits
-# non-zero on any failure.
+# Its options are told there too. Exits non-zero on any failure.
 set -euo pipefail
 
 here="$(cd "$(dirname "$0")" && pwd)"
@@ -47,11 +42,8 @@ lynx="$build/app/lynx-dfu"
 # --- the kernels and the udev daemon -----------------------------------------------------
 cache="${LYNX_HWLAB_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/lynx-dfu/hwlab}"
 mkdir -p "$cache"
-rm -rf "$cache"/linux-image-* "$cache"/udev_*  # the layout of earlier versions of this script
 keyring=/usr/share/keyrings/debian-archive-keyring.gpg
-# The archive this machine's own apt uses, as scripts/fresh-check.sh reads it.
-mirror="${LYNX_DEBIAN_MIRROR:-$({ cat /etc/apt/sources.list.d/*.sources /etc/apt/sources.list 2>/dev/null || true; } |
-    sed -n 's#^URIs: *\([^ ]*\)/debian/*$#\1#p; s#^deb  *\(\[[^]]*\]  *\)\{0,1\}\([^ ]*\)/debian/*  *.*#\2#p' | awk 'NR == 1')}"
+mirror="$("$repo/scripts/debian-mirror.sh")"
 
 # apt_for RELEASE COMMAND ARGS...: apt with the lab's own sources, lists and downloads for
 # RELEASE alone (no root needed); "system": the machine's apt as it is. The lists stay
