@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The commands reached from the main menu.
 #pragma once
 

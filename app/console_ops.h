@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Console conventions shared by every screen of the front end.
 #pragma once
 

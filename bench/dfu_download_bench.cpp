@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How much time the host spends per DFU block, and how much memory a download needs.
 //
 // The lab's device answers at once (no busy or manifest polls), so every microsecond

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A video-capture device as the console sees it, and the plain camera that any device is.
 #pragma once
 

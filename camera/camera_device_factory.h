@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Factories that turn one enumerated capture device into a camera device object.
 #pragma once
 

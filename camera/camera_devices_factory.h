@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The camera enumerator: every video-capture device of the two attribute sets, each made by
 // the first family factory that claims it, or else by the plain fallback.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "camera/extension_unit_ks_control.h"
 
 #include <new>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The family's vendor-specific UVC extension unit, found on a camera's topology and then
 // addressed as a plain IKsControl.
 #pragma once

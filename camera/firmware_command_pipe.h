@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Firmware commands to a camera through one control of its extension unit: a command frame
 // written with SET, the firmware's reply read back with GET.
 #pragma once

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Each library links only with the layers below it, lowest first in this list. A target
 # belongs to the layer of the folder it is defined in; links to targets outside these folders
 # (system and third-party libraries) are not layers and are not checked.

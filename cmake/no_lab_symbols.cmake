@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Fails when the program PROGRAM carries code of the lab. A lab symbol is one that
 #  - lies in the lab's namespace (sim::), or
 #  - has a name part that begins with World, or with Sim and a capital (SimWorld, SimCamera,

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Packages for operators: a Debian package of the Linux programs, a zip of the Windows one.
 #   native build:  cpack -G DEB   (in the build folder)   -> lynx-dfu_<version>_amd64.deb
 #   mingw build:   cpack -G ZIP   (in the build folder)   -> lynx-dfu-<version>-win64.zip
@@ -15,10 +16,13 @@ if(LYNX_TARGET_WINDOWS)
   # One folder with the program and what an operator reads first; the exe is static, so
   # nothing else is needed beside it.
   install(TARGETS lynx-dfu RUNTIME DESTINATION .)
-  # With CR LF, so that every Windows editor shows its lines.
+  # With CR LF, so that every Windows editor shows their lines.
   configure_file(${PROJECT_SOURCE_DIR}/docs/windows-operator-readme.txt
                  ${CMAKE_CURRENT_BINARY_DIR}/README.txt @ONLY NEWLINE_STYLE WIN32)
-  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/README.txt DESTINATION .)
+  configure_file(${PROJECT_SOURCE_DIR}/LICENSE ${CMAKE_CURRENT_BINARY_DIR}/LICENSE.txt
+                 @ONLY NEWLINE_STYLE WIN32)
+  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/README.txt ${CMAKE_CURRENT_BINARY_DIR}/LICENSE.txt
+          DESTINATION .)
   set(CPACK_GENERATOR ZIP)
   set(CPACK_SYSTEM_NAME win64)
   set(CPACK_INCLUDE_TOPLEVEL_DIRECTORY ON)
@@ -55,6 +59,7 @@ else()
   install(FILES ${PROJECT_SOURCE_DIR}/packaging/debian/copyright ${lynx_changelog}
                 ${PROJECT_SOURCE_DIR}/docs/lab.md ${PROJECT_SOURCE_DIR}/docs/world-file.md
                 ${PROJECT_SOURCE_DIR}/docs/virtual-camera.md ${PROJECT_SOURCE_DIR}/docs/linux.md
+                ${PROJECT_SOURCE_DIR}/docs/commands.md
           DESTINATION share/doc/lynx-dfu)
 
   # Why a warning of Debian's lintian does not apply to this package, said where lintian reads it.

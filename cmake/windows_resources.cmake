@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The resources of a Windows program: its manifest and its version information, both made
 # from the project's version, so that the two never disagree.
 function(lynx_windows_resources target)

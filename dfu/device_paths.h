@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Device interface paths of USB devices: lower-casing, the filter a watcher keeps paths by,
 // and the record it keeps of each.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Keeps the list of the device interfaces of one class that pass a filter, from rescans made
 // by its owner and from the platform's arrival and removal notifications.
 #pragma once

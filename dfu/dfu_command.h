@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Writes one firmware image into a device that is already in DFU mode (DFU 1.1 class requests).
 #pragma once
 

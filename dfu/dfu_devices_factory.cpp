@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "dfu/dfu_devices_factory.h"
 
 #include <optional>

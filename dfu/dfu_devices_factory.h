@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Discovery of the family's devices in DFU mode.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Where an image file typed by the operator lies.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "dfu/lynx_dfu_device.h"
 
 #include <optional>

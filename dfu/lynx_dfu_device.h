@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A device of the family in DFU mode, known by its device interface path.
 #pragma once
 

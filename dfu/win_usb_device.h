@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A USB device in DFU mode opened through WinUSB, and the control endpoints it hands out.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Numbers typed by the operator, and numbers inside device paths.
 #pragma once
 

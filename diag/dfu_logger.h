@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The optional narrow output stream that device, factory and protocol objects write to,
 // and the failure check every step of an operation runs under.
 #pragma once

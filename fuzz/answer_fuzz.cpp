@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Operator answers. A number answer reads as strtoll reads it, saturated at the ends of the
 // range. An image path answer loses one pair of enclosing quotes and nothing else: mapped onto
 // a few letters and quotes, it gets past the file (to a device that is not there) only when it

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The camera's firmware answers a command frame with whatever it likes. Input: the byte count
 // the driver reports (2 bytes), the reply length asked for (2 bytes), then the reply itself.
 // A reply counts only with the opcode echoed and enough bytes behind it, and then the caller

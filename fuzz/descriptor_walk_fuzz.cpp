@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Whatever a device sends as its configuration descriptor, the walk stays within the bytes
 // read and hands back only a whole functional descriptor.
 #include <cstdint>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Interface paths come from the system's device lists and notifications. Whatever they hold,
 // the kind is one of the four, and the parent id is a piece of the path itself.
 #include <cstdint>

@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
 # Builds every fuzz target with the fuzz preset and runs each for a bounded time under ASan and
 # UBSan, after every input kept under fuzz/regressions/<target>/ (a crash once found).
 # Usage: fuzz/run_fuzz.sh [seconds-per-target] [build-dir] [target...]  (20, build/fuzz, all)

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Kernel uevents and the interface paths the Linux backend makes of them. A device taken
 // from a uevent must come back unchanged from the path that names it, and a path or video
 // link that parses must be the one its parts build again (in any case).

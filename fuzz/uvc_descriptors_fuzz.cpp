@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The configuration descriptor of a camera, as the Linux backend reads it from the device.
 // Input: the video-control interface number, then the descriptor bytes. Every entity found
 // lies within the bytes, and every question asked of it stays within what was parsed.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A world file is the lab user's text: anything but a usable world must end in a WorldError,
 // which the lab turns into one line and exit status 2. Any other exception would abort it.
 #include <cstdint>

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Line coverage of the system's own logic, after the suite ran in a --coverage build.
 
     scripts/coverage.py [build/coverage]

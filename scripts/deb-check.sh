@@ -1,11 +1,13 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Does a Debian package of lynx-dfu hold what it should, install, run and go away whole?
 #
 #   scripts/deb-check.sh lynx-dfu_VERSION_amd64.deb
 #
 # Lists its files against what the package must carry, installs it with dpkg (through sudo
 # when not root), lists the devices with the installed lynx-dfu, runs the lab example of the
-# manual page with the installed sample world and image, purges it and checks that nothing is
+# manual page with the installed sample world and image, checks the version and licence the
+# program prints, purges it and checks that nothing is
 # left. test-all.sh runs it on the package it just built; the fresh-machine check also runs it
 # on Debian 13 with the package built on Debian 12. A lynx-dfu already installed on this
 # machine is left alone: only the file list is checked then.
@@ -46,6 +48,14 @@ printf '3\n1\n/usr/share/lynx-dfu/sample-firmware.bin\n\n2\n\nq\n' |
     >"$out/lab-run.txt"
 grep -Fx '[1]Lynx LX20 Depth Camera (FW Version: 5.16.0.1)' "$out/lab-run.txt" >/dev/null ||
   { echo "the installed lab did not recover the sample camera"; cat "$out/lab-run.txt"; exit 1; }
+# The program names its version (the package's) and the licence the copyright file states.
+version="$(dpkg-deb -f "$deb" Version)"
+printf 'lynx-dfu %s\nCopyright 2026 the lynx-dfu maintainers\nLicensed under the Apache License, Version 2.0 (Apache-2.0)\n' \
+  "$version" >"$out/version-expected.txt"
+/usr/bin/lynx-dfu --version | cmp - "$out/version-expected.txt" ||
+  { echo "lynx-dfu --version differs from:"; cat "$out/version-expected.txt"; exit 1; }
+grep -x 'License: Apache-2.0' /usr/share/doc/lynx-dfu/copyright >/dev/null ||
+  { echo "the copyright file names no Apache-2.0 licence"; exit 1; }
 echo "installed size: $(dpkg-query -W -f='${Installed-Size}' lynx-dfu) KiB"
 $sudo dpkg --purge lynx-dfu >/dev/null
 trap 'rm -rf "$out"' EXIT

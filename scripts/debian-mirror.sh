@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Prints the Debian archive this machine's own apt uses (the one it can reach), such as
 # http://deb.debian.org, from its deb822 sources or its one-line sources; LYNX_DEBIAN_MIRROR,
 # when set, instead. Prints nothing when apt names no Debian archive.

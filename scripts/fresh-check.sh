@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Does the README hold on machines nobody has touched? Bootstraps minimal Debian 13 and
 # Debian 12 roots, clones this repository's current commit into each and runs the README's
 # commands there, exactly as the README writes them, as root, with no locale, no terminal, no

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Checks the formatting of every tracked C and C++ file against .clang-format, then runs
 # clang-tidy (.clang-tidy) over the project's own sources: the native build's, and the sources
 # only the Windows cross build compiles. Any drift or finding fails the run.
@@ -16,6 +17,22 @@ status=0
 for tool in clang-format-19 clang-tidy-19; do
   command -v "$tool" >/dev/null || { echo "lint: no $tool (scripts/setup.sh --test)"; exit 2; }
 done
+
+# Every file of a kind that can carry a comment names its licence on its first line (the
+# second after a #! line or an XML declaration), where a reader of the file alone finds it.
+# Data files (worlds, transcripts, images, argument files) carry none.
+licensed='(\.(c|cpp|h|cmake|sh|py|rules|1|rc\.in|manifest\.in)|(^|/)(CMakeLists\.txt|\.clang-format|\.clang-tidy|\.gitignore|lintian-overrides|program)|^\.ci/run|^tests/hwlab/guest/init)$'
+unlicensed=0
+while IFS= read -r file; do
+  awk 'NR == 1 && /^(#!|<\?xml )/ { next }
+       { found = index($0, "SPDX-License-Identifier: Apache-2.0") > 0; exit }
+       END { exit !found }' "$file" || { echo "$file: no SPDX-License-Identifier: Apache-2.0 on its first line"; unlicensed=1; }
+done < <(git ls-files -- "$@" | grep -E "$licensed")
+if [ "$unlicensed" = 0 ]; then
+  echo "licence: every source, script and template names Apache-2.0"
+else
+  status=1
+fi
 
 mapfile -t tracked < <(git ls-files -- "$@" | grep -E '\.(c|cpp|h)$')
 [ ${#tracked[@]} -gt 0 ] || { echo "lint: no tracked C or C++ file among: $*"; exit 2; }

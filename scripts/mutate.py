@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Measures how many deliberate faults the suite catches.
 
     scripts/mutate.py [--list tests/mutants.txt] [--build build/default]

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Installs what lynx-dfu needs on Debian 13 or 12, with apt-get (through sudo when not root).
 #
 #   scripts/setup.sh               what building, packaging and running the programs and

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Builds and runs every test: native, sanitizers, the Windows cross build and its Wine smoke test.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -107,6 +108,7 @@ resources=$(x86_64-w64-mingw32-windres -i "$exe" -O rc)
 grep -F "VALUE \"ProductVersion\", \"$version\"" <<<"$resources" >/dev/null
 strings "$exe" | grep -F "name=\"Vantrel.LynxDfu\" version=\"$version.0\"" >/dev/null
 grep -F 'VALUE "ProductName", "Lynx Device Firmware Update Tool"' <<<"$resources" >/dev/null
+grep -F 'VALUE "LegalCopyright", "Copyright 2026 the lynx-dfu maintainers. Licensed under the Apache License, Version 2.0."' <<<"$resources" >/dev/null
 echo "manifest, imports ($(tr '\n' ' ' <<<"$imports")), symbols and version $version ok"
 
 step "Windows unit tests under Wine"
@@ -116,10 +118,10 @@ step "Windows program: the operators' zip"
 (cd build/mingw && rm -f lynx-dfu-*-win64.zip && cpack -G ZIP >/dev/null)
 zip="$(ls build/mingw/lynx-dfu-*-win64.zip)"
 python3 -m zipfile -l "$zip" >build/mingw/zip-list.txt
-for file in lynx-dfu.exe README.txt; do
+for file in lynx-dfu.exe README.txt LICENSE.txt; do
   grep -E "/$file " build/mingw/zip-list.txt >/dev/null || { echo "$zip lacks $file"; cat build/mingw/zip-list.txt; exit 1; }
 done
-echo "$zip holds lynx-dfu.exe and README.txt"
+echo "$zip holds lynx-dfu.exe, README.txt and LICENSE.txt"
 
 step "Windows smoke test under Wine"
 ./scripts/wine-smoke.sh build/mingw/app/lynx-dfu.exe

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Sourced by the scripts that run Windows programs under Wine: a fresh prefix of their own in
 # a temporary folder, removed when the script ends (its Wine server first, so that nothing
 # writes into it afterwards).

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Runs one Windows program under Wine in a fresh prefix of its own, removed afterwards, and
 # exits with the program's status. Standard input is empty: nothing waits for a console.
 set -euo pipefail

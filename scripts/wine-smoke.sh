@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Runs lynx-dfu.exe under Wine with scripts of answers and checks what it prints: first on a
 # system without Media Foundation (as Windows N editions and Server without the media
 # feature are), where the program must start and every command that needs no camera must
@@ -124,6 +125,31 @@ else
 fi
 
 # With Media Foundation (Wine's enumerates no device).
+# Commands for scripts: a report in a file (the way out of an elevated run) and a usage error,
+# each with its exit status.
+echo "-- commands"
+report="$public/report.json" status=0
+rm -f "$report"
+timeout 300 "$wine" "$exe" list --report 'C:\users\Public\report.json' </dev/null >/dev/null 2>&1 || status=$?
+if [ "$status" = 0 ] && grep -F '"command": "list"' "$report" >/dev/null &&
+  grep -F '"exitStatus": 0' "$report" >/dev/null && grep -F '"devices": []' "$report" >/dev/null; then
+  echo "ok   list --report FILE: exit status 0, the report in the file"
+else
+  echo "FAIL list --report FILE: exit status $status, report:"
+  sed 's/^/    | /' "$report" 2>/dev/null || true
+  failures=$((failures + 1))
+fi
+status=0
+refused=$(timeout 300 "$wine" "$exe" frobnicate </dev/null 2>&1 >/dev/null | tr -d '\r') || status=$?
+if [ "$status" = 2 ] && [ "$(head -n 1 <<<"$refused")" = "lynx-dfu.exe: unknown command 'frobnicate'" ] &&
+  grep -Fx 'usage: lynx-dfu.exe list [--json] [--report FILE]' <<<"$refused" >/dev/null; then
+  echo "ok   an unknown command: exit status 2, the problem and the usage"
+else
+  echo "FAIL an unknown command: exit status $status:"
+  printf '%s\n' "$refused" | sed 's/^/    | /'
+  failures=$((failures + 1))
+fi
+
 unset WINEDLLOVERRIDES
 echo "-- with Media Foundation"
 run "key 2 lists no camera" '2\n\nq\n' "Vantrel (TM) Updatable Devices List" "Q: Quit"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The family's DFU auto mode: a machine-wide registry value that the family's own DFU
 // service reads. This program only ever writes it.
 #include <vector>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "updatable/lynx_updatable_device.h"
 
 #include <string>

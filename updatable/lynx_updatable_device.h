@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A camera of the Lynx Series: a camera device with a firmware-command channel through the
 // family's extension unit, its firmware version, and the switch into DFU mode.
 #pragma once
@@ -6,6 +7,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "camera/camera_device.h"
 #include "camera/camera_device_factory.h"
@@ -30,6 +32,8 @@ class LynxUpdatableDevice : public CameraDevice {
     // "a.b.c.d" from bytes 15, 14, 13 and 12 of the device information block.
     std::wstring GetFirmwareVersion() const override;
     std::int32_t GetDeviceType() const override { return 0; }
+    // The DFU-mode devices the last UpdateFirmware burned, by symbolic link, in order.
+    const std::vector<std::wstring>& BurnedDfuDevices() const { return burnedDfuDevices; }
     // Succeeds for any camera that carries the family's extension unit, even when its
     // information block cannot be read; fails for every other camera.
     HRESULT Initialize(Microsoft::WRL::ComPtr<IMFActivate> activation) override;
@@ -42,6 +46,7 @@ class LynxUpdatableDevice : public CameraDevice {
     Microsoft::WRL::ComPtr<ExtensionUnitKsControl> extensionUnit;
     std::shared_ptr<IFirmwareCommandPipe> commandPipe;
     std::array<std::uint8_t, kDeviceInfoSize> deviceInfo{};
+    std::vector<std::wstring> burnedDfuDevices;
 };
 
 // The family's factory for the camera enumeration: a device exactly when the camera has the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Updating a camera in normal operation: file check, DFU auto mode off, restart in DFU mode,
 // wait for the DFU-mode device, burn every one found.
 #include <string>
@@ -22,6 +23,7 @@ std::string WithoutEnclosingQuotes(std::string path) {
 HRESULT LynxUpdatableDevice::UpdateFirmware(const char* imagePath) {
     // A device made without a camera has no command channel: it can only write the setting.
     if (!commandPipe) return E_FAIL;
+    burnedDfuDevices.clear();
     const std::string typedPath = imagePath ? imagePath : "";
     LogLine("Updating firmware to ", typedPath);
 
@@ -57,6 +59,7 @@ HRESULT LynxUpdatableDevice::UpdateFirmware(const char* imagePath) {
 
     HRESULT status = S_OK;
     for (const auto& dfuDevice : dfuDevices) {
+        burnedDfuDevices.push_back(dfuDevice->GetSymbolicLink());
         status = dfuDevice->Burn(typedPath.c_str());
         if (status != 0) LogLine("Failed to update device ", NarrowLow8(dfuDevice->GetName()));
     }

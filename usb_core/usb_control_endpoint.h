@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The control endpoint the DFU engine is written against; the WinUSB endpoint implements it.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Benchmark helper for the VM: subscribes to USB arrivals through the Linux backend, exactly
 // as the arrival watcher does, and prints the CLOCK_MONOTONIC moment (ms) at which the first
 // arrival of a DFU-mode device of the family is delivered. It also writes a line to the

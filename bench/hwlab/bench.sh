@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The measurements of the hardware lab, inside the VM (busybox sh). Not a test: it prints
 # numbers ("HWLAB: BENCH ...") and fails only when a measurement could not be taken.
 #  - arrival: from the kernel's "New USB device found" of the DFU-mode device (its uevent

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "platform/common/answer_line.h"
 
 #include "platform/common/wide_stream.h"

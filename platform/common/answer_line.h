@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The operator's answers as the program keeps them: one line of UTF-8 text without its line
 // end, whether it was typed into a console or came from a pipe or a file.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The program's one set of text conversions between UTF-8, UTF-16 and wide strings, and a
 // wide output stream that writes UTF-8 through a narrow stream. Malformed input of any kind
 // becomes U+FFFD, as the Unicode standard recommends. (The narrowing of device names for a

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // uvcvideo gives one video function (one video-control interface of one USB device) a
 // capture node per streaming interface, and a metadata node each; a depth camera with colour
 // and depth streams has two capture nodes. The program wants one camera per function, and

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The Linux hardware backend: USB devices through usbfs, cameras through V4L2 and uvcvideo,
 // arrivals and removals from the kernel's uevents, settings in a root-only directory.
 #pragma once

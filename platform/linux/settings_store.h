@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The registry's stand-in on Linux: one directory per key and one file per value under a
 // root-only directory (/var/lib/lynx-dfu), so that a service on the machine can read the
 // DFU auto mode with nothing more than a file read. REG_SZ values are stored as UTF-8 text.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Small readers for sysfs and the mapping of errno values to the Windows errors the logic
 // above the seam expects.
 #pragma once

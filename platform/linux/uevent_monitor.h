@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Arrival and removal of USB devices from the kernel's uevents, read from a netlink socket
 // on a thread of the monitor's, with no udev daemon needed.
 #pragma once

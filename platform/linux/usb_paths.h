@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How the Linux backend names USB devices and capture nodes.
 //
 // USB devices get interface paths of the form the Windows configuration manager lists

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The video-control part of a UVC camera's configuration descriptor, parsed once into plain
 // records so that nothing later has to walk raw descriptor bytes.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Device interface lists and notifications over the backend's USB devices.
 #include <cstdlib>
 #include <cstring>

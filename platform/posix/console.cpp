@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The console as LAB.md's "Console on POSIX" describes it, for lynx-dfu and lynx-dfu-lab.
 #include <termios.h>
 #include <unistd.h>
@@ -42,6 +43,10 @@ void ClearConsole() {
         std::cout << "\x1b[H\x1b[2J\x1b[3J";
         std::cout.flush();
     }
+}
+
+bool StreamIsTerminal(bool standardError) {
+    return isatty(standardError ? STDERR_FILENO : STDOUT_FILENO) == 1;
 }
 
 namespace {

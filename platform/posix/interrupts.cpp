@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Interrupts kept back while a camera is being written, and the terminal given back on every
 // way out by a signal. Everything a handler does is async-signal-safe: lock-free atomics,
 // sigaction, sigprocmask, raise, tcgetpgrp, getpgrp and tcsetattr.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Handles of the POSIX platform layer: every HANDLE points at a KernelObject.
 #pragma once
 

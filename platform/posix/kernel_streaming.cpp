@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // IKsTopologyInfo and the IKsControl of topology nodes, over the backend's video device.
 #include <new>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Media Foundation's attribute stores, capture-device enumeration, activation and media
 // sources, over the backend's video-capture devices.
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Registry keys under HKEY_LOCAL_MACHINE, kept by the backend's settings store.
 #include <string>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The process's signal handling on POSIX, shared by the interrupt hold and the console.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Events, waits and the clock of the installed backend.
 #include <chrono>
 #include <condition_variable>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Shared pieces of the POSIX Media Foundation and kernel-streaming objects.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // CreateFileW and the WinUSB calls over the backend's USB devices.
 //
 // As with the real driver, an interface handle is tied to the file handle it came from:

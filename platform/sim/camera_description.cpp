@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "platform/sim/camera_description.h"
 
 #include <algorithm>

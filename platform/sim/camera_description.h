@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The family's depth camera, described once: its USB identity, its video function (the
 // units and terminals of the video-control interface and the two streams behind it) and the
 // formats and frame sizes each stream offers. The virtual camera's USB descriptors are made

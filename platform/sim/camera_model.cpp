@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The cameras of the lab: plain webcams and cameras of the family with their extension unit.
 //
 // What sits here is the camera's side of the wire: its kernel-streaming topology as the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The DFU 1.1 device model of the lab: a device in DFU mode as it looks on the bus, strict
 // about the order of requests, with the faults a world file can ask for.
 #include <algorithm>

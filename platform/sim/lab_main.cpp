@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // lynx-dfu-lab: the tool's own console program over a simulated world.
 #include <cerrno>
 #include <csignal>
@@ -8,15 +9,19 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
+#include "app/command_line.h"
 #include "app/main_loop.h"
+#include "app/version.h"
 #include "platform/interrupts.h"
 #include "platform/posix/device_backend.h"
 #include "platform/sim/sim_world.h"
 
 namespace {
 
-constexpr const char* kUsage = "usage: lynx-dfu-lab [--help] [--world FILE] [--dump-state FILE]";
+constexpr const char* kUsage =
+    "usage: lynx-dfu-lab [--help] [--version] [--world FILE] [--dump-state FILE] [COMMAND ...]";
 
 constexpr const char* kHelp =
     "\n"
@@ -24,19 +29,23 @@ constexpr const char* kHelp =
     "answers on standard input, one line per prompt and one (empty) line per pause.\n"
     "\n"
     "  -h, --help               print this help and exit\n"
+    "  --version                print the version and the licence, and exit\n"
     "  --world FILE             the world to simulate (JSON); without it, the built-in\n"
     "                           default world: one camera of the family and one webcam\n"
     "  --dump-state FILE        on exit, write the world's final state to FILE as JSON\n"
     "\n"
-    "Both options also take the form --world=FILE. Sample worlds and a sample image:\n"
-    "/usr/share/lynx-dfu/ when installed, lab/ in the source tree. The world file and\n"
-    "the state dump: the manual page (man lynx-dfu-lab), and docs/lab.md and\n"
-    "docs/world-file.md, installed in /usr/share/doc/lynx-dfu/.\n";
+    "Both options also take the form --world=FILE. After them, a command of lynx-dfu\n"
+    "(list, update, recover; man lynx-dfu) runs over the world instead of the menus.\n"
+    "Sample worlds and a sample image: /usr/share/lynx-dfu/ when installed, lab/ in the\n"
+    "source tree. The world file and the state dump: the manual page (man lynx-dfu-lab),\n"
+    "and docs/lab.md and docs/world-file.md, installed in /usr/share/doc/lynx-dfu/.\n";
 
 struct Options {
     std::string worldPath;
     std::string dumpPath;
     bool help = false;
+    bool version = false;
+    std::vector<std::string> command;  // empty: the menus
 };
 
 int Refuse(const std::string& problem) {
@@ -50,6 +59,10 @@ std::optional<int> Parse(int argc, char** argv, Options& options) {
         const std::string_view argument = argv[i];
         if (argument == "-h" || argument == "--help") {
             options.help = true;
+            continue;
+        }
+        if (argument == "--version") {
+            options.version = true;
             continue;
         }
         bool known = false;
@@ -76,6 +89,10 @@ std::optional<int> Parse(int argc, char** argv, Options& options) {
             known = true;
             break;
         }
+        if (!known && !argument.starts_with("-")) {
+            options.command.assign(argv + i, argv + argc);
+            break;
+        }
         if (!known) return Refuse("unexpected argument '" + std::string(argument) + "'");
     }
     return std::nullopt;
@@ -93,6 +110,10 @@ int main(int argc, char** argv) {
     if (options.help) {
         std::cout << kUsage << "\n" << kHelp;
         std::cout.flush();
+        return 0;
+    }
+    if (options.version) {
+        std::cout << VersionText("lynx-dfu-lab") << std::flush;
         return 0;
     }
 
@@ -120,7 +141,9 @@ int main(int argc, char** argv) {
 
     auto world = std::make_shared<sim::SimWorld>(std::move(spec));
     platform::InstallBackend(world);
-    const int status = RunLynxDfu();
+    const int status = options.command.empty() ? RunLynxDfu()
+                                               : RunCommand("lynx-dfu-lab", options.command,
+                                                            "[--world FILE] [--dump-state FILE]");
     std::cout.flush();
     platform::InstallBackend(nullptr);
 

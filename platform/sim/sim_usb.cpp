@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // USB access to the simulated DFU devices.
 #include <algorithm>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A simulated world of cameras and DFU-mode devices behind the platform seam.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "platform/sim/world_spec.h"
 
 #include <nlohmann/json.hpp>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The lab's world file: what is plugged in, how each device behaves, the registry.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One USB device served to the kernel's vhci-hcd over USB/IP, through a socket pair: the
 // device's side of the wire. What the device answers is not this link's business.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The camera of the lab's world as a UVC device on the wire: the family's depth camera's
 // descriptors, its two streams, and the extension unit's requests handed to the camera's
 // model.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One video stream of the virtual camera: the probe and commit negotiation of its streaming
 // interface, and the frames it sends once the host has committed a format and pulls.
 #pragma once

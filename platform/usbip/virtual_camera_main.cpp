@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // lynx-virtual-camera: a camera of the Lynx family as a whole USB device, attached to the
 // running Linux kernel through vhci-hcd (USB/IP), so that lynx-dfu, dfu-util or any other
 // software meets it through the real kernel: uvcvideo, usbfs, uevents.
@@ -55,6 +56,9 @@ constexpr const char* kUsage =
     "[--new-version A.B.C.D] [--transfer-size N] [--unplug-at-block N] [--dfu-delay-ms N] "
     "[--lifetime-s N] [--image-out FILE] [--hold-at-block N]\n"
     "(options: man lynx-virtual-camera, or /usr/share/doc/lynx-dfu/virtual-camera.md)";
+constexpr const char* kLicence =
+    "lynx-virtual-camera is part of lynx-dfu, licensed under the Apache License, Version 2.0 "
+    "(Apache-2.0).";
 
 const wchar_t* const kCameraLink =
     L"\\\\?\\usb#vid_3c5e&pid_0b64&mi_00#1&1&0&0000#{e5323777-f976-4f5b-9b55-b94699c46e44}";
@@ -67,6 +71,7 @@ struct Options {
     std::string imageOut;
     unsigned lifetimeS = 3600;
     std::optional<unsigned> holdAtBlock;
+    bool help = false;
     sim::WorldSpec world;
 };
 
@@ -81,6 +86,10 @@ bool ParseOptions(int argc, char** argv, Options* options) {
     dfu.link = kDfuLink;
     for (int i = 1; i < argc; ++i) {
         const std::string name = argv[i];
+        if (name == "-h" || name == "--help") {
+            options->help = true;
+            continue;
+        }
         if (i + 1 >= argc) return false;
         const std::string value = argv[++i];
         char* end = nullptr;
@@ -384,6 +393,10 @@ int main(int argc, char** argv) {
     if (!ParseOptions(argc, argv, &options)) {
         std::fprintf(stderr, "%s\n", kUsage);
         return 2;
+    }
+    if (options.help) {
+        std::printf("%s\n%s\n", kUsage, kLicence);
+        return 0;
     }
     struct sigaction action{};
     action.sa_handler = [](int) { stopRequested = 1; };

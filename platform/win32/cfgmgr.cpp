@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The configuration manager, loaded from system32 when first called instead of imported:
 // cfgmgr32.dll is not a KnownDLL, so an import would be looked for beside the program first.
 // The list functions carry the system's own names (the build declares them without

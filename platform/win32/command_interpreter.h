@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How the console's "cls" and "pause" start the command interpreter.
 #pragma once
 

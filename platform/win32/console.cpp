@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The Windows console: the command interpreter's cls and pause, UTF-8 output, Unicode answers.
 #include <windows.h>
 
@@ -139,6 +140,10 @@ bool ReadConsoleLine(std::string& line) {
 
 bool ConsoleInputEnded() {
     return inputEnded;
+}
+
+bool StreamIsTerminal(bool standardError) {
+    return IsConsole(GetStdHandle(standardError ? STD_ERROR_HANDLE : STD_OUTPUT_HANDLE));
 }
 
 void ClearConsole() {

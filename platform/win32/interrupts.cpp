@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Ctrl+C and Ctrl+Break kept back while a camera is being written.
 //
 // The rules of the console that drive this file, from SetConsoleCtrlHandler and

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The console control handler that an InterruptHold adds while it lasts.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Media Foundation, loaded when first called instead of imported.
 //
 // Windows N and KN editions without the Media Feature Pack, and Server without its media

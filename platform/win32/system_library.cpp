@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The program runs elevated from wherever the operator unpacked it. A DLL that is not a
 // KnownDLL, imported or loaded by its bare name, is searched for first in "the folder from
 // which the application loaded" (the dynamic-link library search order page), which any

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // DLLs that are not KnownDLLs, loaded at run time from the system directory only.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // WinUSB, loaded from system32 when first called instead of imported: winusb.dll is not a
 // KnownDLL, so an import would be looked for beside the program first. The functions carry
 // the system's own names (winusb.h declares them without dllimport), so the DFU code calls

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Command frames as they reach the camera's extension unit, and what the pipe makes of the
 // camera's replies. Built for Windows too, so the control is a plain fake, not the lab's.
 #include "camera/firmware_command_pipe.h"

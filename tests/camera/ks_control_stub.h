@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // An extension unit's control that is not reference counted (it lives on the caller's stack)
 // and answers nothing but property requests, which each fake gives its own answer to.
 #pragma once

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """The console of lynx-dfu and lynx-dfu-lab as an operator meets it on Linux.
 
     console_test.py CASE LAB_BINARY LINUX_BINARY SOURCE_DIR

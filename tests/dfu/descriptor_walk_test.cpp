@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The configuration-descriptor walk on what a device may send, good or bad.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The engine against an endpoint double: the exact requests it sends, and answers that
 // the lab's device never gives.
 #include <gtest/gtest.h>

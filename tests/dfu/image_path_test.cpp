@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Image paths as the operator types them (UTF-8 answers): files whose names are not ASCII
 // open on every target, with or without enclosing quotes; what does not name a file is
 // reported with the path as typed.

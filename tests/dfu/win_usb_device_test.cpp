@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Opening a DFU-mode device through the WinUSB calls of the POSIX platform layer: which
 // interface is chosen, which handles are taken and given back, and the endpoint's bounds.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Interface paths: the USB filter, and the interface kind and parent id read from a path.
 #include <gtest/gtest.h>
 

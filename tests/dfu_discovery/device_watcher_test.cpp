@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Finding the family's DFU-mode devices: the arrival watcher's rescans, notifications, waits,
 // teardown and a stress run for the thread sanitizer, and the discovery built on it.
 #include <gtest/gtest.h>

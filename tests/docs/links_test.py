@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Every link in README.md and docs/*.md leads to a file or folder of this repository.
 
     links_test.py SOURCE_DIR

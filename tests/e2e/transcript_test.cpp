@@ -1,12 +1,16 @@
+// SPDX-License-Identifier: Apache-2.0
 // Runs lynx-dfu-lab over each case folder of tests/e2e/cases and compares what it printed.
 // A case folder holds input.txt (the operator's answers, one line per prompt or pause) and
 // expected.txt (the whole standard output, byte for byte); it may hold world.json (absent:
 // the lab's default world), expected_stderr.txt (absent: must be empty), exit_code (absent:
 // 0), expected_state.json (fields the state dump must hold: objects by key, arrays element
-// by element and of equal length) and args (extra arguments, one per line, instead of
-// --world; the runner's own --dump-state is left out when they name one). Any of them may
-// name the source tree as @SOURCE_DIR@ and the case's scratch folder as @SCRATCH@.
+// by element and of equal length), expected_report.json (the same for a command's --json
+// report on standard output, in place of expected.txt) and args (extra arguments, one per
+// line, after the world's --world; the runner's own --dump-state is left out when they name
+// one), and fifo (a named pipe at @SCRATCH@/fifo). Any of them may name the source tree as
+// @SOURCE_DIR@ and the case's scratch folder as @SCRATCH@.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <nlohmann/json.hpp>
@@ -86,20 +90,23 @@ TEST_P(Transcript, MatchesExpectedOutput) {
         return text;
     };
 
-    std::vector<std::string> args;
-    if (fs::exists(dir / "args")) {
-        std::istringstream lines(read("args"));
-        for (std::string line; std::getline(lines, line);)
-            if (!line.empty()) args.push_back(line);
-    } else if (fs::exists(dir / "world.json")) {
+    // A case's `fifo` asks for a named pipe at @SCRATCH@/fifo, which nothing ever writes.
+    if (fs::exists(dir / "fifo")) ASSERT_EQ(0, mkfifo((scratch / "fifo").c_str(), 0600));
+    // The world, the runner's state dump, then the case's own arguments (a command's last).
+    std::vector<std::string> extra, args;
+    std::istringstream lines(read("args"));
+    for (std::string line; std::getline(lines, line);)
+        if (!line.empty()) extra.push_back(line);
+    if (fs::exists(dir / "world.json")) {
         std::ofstream(scratch / "world.json") << read("world.json");
         args = {"--world", (scratch / "world.json").string()};
     }
     const fs::path dump = scratch / "state.json";
-    if (std::none_of(args.begin(), args.end(),
+    if (std::none_of(extra.begin(), extra.end(),
                      [](const std::string& a) { return a.starts_with("--dump-state"); })) {
         args.insert(args.end(), {"--dump-state", dump.string()});
     }
+    args.insert(args.end(), extra.begin(), extra.end());
     std::ofstream(scratch / "input.txt", std::ios::binary) << read("input.txt");
 
     // Killed after a bound, so that a hang fails the case instead of the whole suite.
@@ -113,7 +120,16 @@ TEST_P(Transcript, MatchesExpectedOutput) {
     const std::string expectedStatus = read("exit_code");
     EXPECT_EQ(expectedStatus.empty() ? 0 : std::stoi(expectedStatus),
               WIFEXITED(status) ? WEXITSTATUS(status) : -1);
-    EXPECT_EQ(read("expected.txt"), ReadFile(scratch / "stdout.txt"));
+    if (fs::exists(dir / "expected_report.json")) {
+        // A command's --json report: its timings vary, so its fields are compared, not its
+        // bytes.
+        const auto report = nlohmann::json::parse(ReadFile(scratch / "stdout.txt"), nullptr, false);
+        ASSERT_FALSE(report.is_discarded())
+            << "stdout is no JSON: " << ReadFile(scratch / "stdout.txt");
+        ExpectSubset(nlohmann::json::parse(read("expected_report.json")), report, "report");
+    } else {
+        EXPECT_EQ(read("expected.txt"), ReadFile(scratch / "stdout.txt"));
+    }
     EXPECT_EQ(read("expected_stderr.txt"), ReadFile(scratch / "stderr.txt"));
     if (fs::exists(dir / "expected_state.json")) {
         ASSERT_TRUE(fs::exists(dump)) << "no state dump written";

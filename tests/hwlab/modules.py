@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """modules.py SRC DST MODULE...: copies MODULE and what its modinfo `depends=` names, to the
 end, from a kernel package's module tree SRC to DST as plain .ko files. Newer packages ship
 .ko.xz and no modules.dep; busybox modprobe is then given plain files and its own index."""

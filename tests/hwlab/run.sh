@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # The hardware lab: lynx-dfu against an emulated camera of the family, through the real
 # Linux kernel (vhci-hcd, usbfs, uvcvideo, uevents) in a qemu VM with no network. Installs
 # nothing; the packages it needs and the kernel cache it keeps: tests/hwlab/README.md.

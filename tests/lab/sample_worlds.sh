@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
 # Every sample world under lab/ loads and shows what its name promises, with the command
 # line that docs/lab.md gives for it (the world's clock sped up 100 times).
 #   sample_worlds.sh LAB_BINARY SOURCE_DIR

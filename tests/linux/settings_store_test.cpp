@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The DFU auto mode as the Linux program stores it for the family's service: a root-only
 // file per value, under a key path the service names exactly (file names are case-sensitive).
 #include <gtest/gtest.h>

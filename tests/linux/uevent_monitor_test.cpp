@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "platform/linux/uevent_monitor.h"
 
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Answers as the program keeps them: UTF-8 without the line end, from a pipe or a file (bytes)
 // and from a console (wide text).
 #include "platform/common/answer_line.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the lab's devices refuse, as the real ones would, and what WinUSB refuses before a
 // request reaches the device: one row per rule. A row runs its requests on a fresh world, all
 // but the last must be taken, and the last one is judged.

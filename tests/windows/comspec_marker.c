@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* A user's program named in COMSPEC: started, it leaves "<its own path>.ran" beside itself. */
 #include <windows.h>
 

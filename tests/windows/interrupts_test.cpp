@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The console control handler of the interrupt hold, as the system calls it: Ctrl+C and
 // Ctrl+Break kept back while a hold lasts, every event passed on otherwise. (Wine 8 refuses
 // GenerateConsoleCtrlEvent here, so the routine is called as the system's thread would.)

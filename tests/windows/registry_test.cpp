@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The DFU auto-mode value written through the real registry API and read back with it: the
 // type and the UTF-16 bytes that the family's service reads.
 #include <windows.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What another program in the operator's session can do to the elevated tool: plant a DLL
 // beside it, squat the name the watcher's events used to have, or name its own interpreter.
 #include <windows.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The configuration manager: device interface lists and arrival/removal notifications.
 #pragma once
 

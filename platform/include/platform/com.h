@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // COM basics: IUnknown, reference-counting pointers, apartment start-up, task memory.
 #pragma once
 

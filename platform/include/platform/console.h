@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Console operations: clearing, pausing, the window placement and the wide output stream.
 #pragma once
 
@@ -34,6 +35,10 @@ void ClearConsole();
 // Windows: the command interpreter's "pause". POSIX: the prompt, then one key (terminal)
 // or one line (pipe) of standard input.
 void PauseConsole();
+
+// Whether standard error (or, when false, standard output) is a terminal, where a line can be
+// rewritten in place.
+bool StreamIsTerminal(bool standardError);
 
 // The wide standard output. It converts to UTF-8 and writes through std::cout, so narrow and
 // wide writes keep their order on every target.

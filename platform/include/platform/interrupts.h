@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Keeping the operator's interrupts back while a camera is being written, so that nothing
 // leaves a device with half an image.
 #pragma once

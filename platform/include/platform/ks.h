@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Kernel streaming: property requests to a device's topology nodes.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Media Foundation: attribute stores, capture-device enumeration and activation, media sources.
 #pragma once
 

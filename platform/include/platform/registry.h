@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The registry: create or open a key, set a value, close the key.
 #pragma once
 

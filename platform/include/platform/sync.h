@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Kernel objects and time: events, waits, sleeps, the millisecond tick count.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The platform's basic vocabulary: integer types, handles, GUIDs and status codes.
 // On Windows these are the system's own; elsewhere the posix/ declarations stand in.
 #pragma once

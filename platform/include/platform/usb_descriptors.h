@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // USB descriptors as typed records, with the field names of the kernel's linux/usb/ch9.h and
 // linux/usb/video.h, and the one walk over the descriptors of a configuration. Plain C++ with
 // no system header, so that the WinUSB endpoint, the Linux backend and the device models all

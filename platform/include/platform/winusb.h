@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Opening a USB device interface path and talking to it through WinUSB.
 #pragma once
 

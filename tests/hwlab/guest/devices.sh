@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Sourced inside the VM (busybox sh) by the sessions and the measurements: what the kernel
 # shows of the family's devices, and a bounded wait for it.
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # For a case with an `interrupt` file (a signal, the device log line of the moment, the one
 # after which the device rests): key 1 gets the signal then; as an operator would, key 3 if
 # the camera is left in DFU mode (failing: a replug, key 3 again), key 2; all for expected.txt.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Runs inside the VM (busybox sh): every case under /hwlab/cases, then a summary line that
 # run.sh reads. What a case folder holds: tests/hwlab/README.md, "A case folder".
 cd /tmp

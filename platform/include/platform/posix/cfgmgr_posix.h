@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The configuration-manager subset, for targets without it. Layouts follow Windows x64.
 #pragma once
 

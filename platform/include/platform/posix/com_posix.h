@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The COM subset the device logic uses, for targets without COM.
 #pragma once
 

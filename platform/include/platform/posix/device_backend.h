@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The narrow interface between the POSIX platform layer and the machine's devices.
 //
 // platform/posix implements the Windows calls the device logic makes (files and WinUSB,

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The kernel-streaming subset the camera code uses, for targets without kernel streaming.
 // Methods keep the system's order within each interface; those the program never calls are
 // left out.

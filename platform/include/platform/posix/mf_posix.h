@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The Media Foundation subset the camera code uses, for targets without Media Foundation.
 // Methods keep the system's order within each interface; those the program never calls are
 // left out.

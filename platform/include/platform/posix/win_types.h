@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Stand-ins for the Windows base types and codes that the device logic speaks in.
 #pragma once
 

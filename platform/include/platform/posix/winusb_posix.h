@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Stand-ins for CreateFileW and the WinUSB calls, served by the installed DeviceBackend.
 #pragma once
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The node the operator opens is as udev left it under the project's rule: group plugdev,
 # mode 0664. Nothing here changes it.
 found=0

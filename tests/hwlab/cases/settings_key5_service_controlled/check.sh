@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The DFU service reads the mode from a root-only file.
 value=/var/lib/lynx-dfu/SYSTEM/CurrentControlSet/Services/OptyraCameraDFU/DFUAutoMode
 [ "$(cat $value)" = "Service Controlled" ] || { echo "value: $(cat $value)"; exit 1; }

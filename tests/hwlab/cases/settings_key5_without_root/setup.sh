@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The camera's video nodes are as udev left them under the project's rule: group plugdev,
 # mode 0660. Nothing here changes them.
 found=0

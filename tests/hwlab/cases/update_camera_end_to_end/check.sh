@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The update turned the DFU service's automatic switching off first.
 value=/var/lib/lynx-dfu/SYSTEM/CurrentControlSet/Services/OptyraCameraDFU/DFUAutoMode
 [ "$(cat $value)" = "Disabled" ] || { echo "value: $(cat $value)"; exit 1; }
