@@ -11,6 +11,8 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "app/line_stream.h"
@@ -217,6 +219,7 @@ class Command {
 
     void Update() {
         auto cameras = UpdatableCameras(out);
+        for (const auto& camera : cameras) known.insert(Utf8(camera->GetSymbolicLink()));
         if (cameras.empty()) {
             out << "There are no updatable devices\n";
             report.exitStatus = kExitFailed;
@@ -294,17 +297,30 @@ class Command {
             fail(line, status);
             return;
         }
-        // Back in normal operation, the camera answers with its new version.
+        // Back in normal operation, the camera answers with its new version: under its own
+        // link, or, where the system names a device anew at each arrival (Linux numbers USB
+        // devices on), as the one camera whose link was not there before.
         std::optional<std::string> after;
+        std::string linkAfter;
         Within([&] {
+            std::vector<std::pair<std::string, std::string>> arrived;
             for (const auto& back : UpdatableCameras(quiet)) {
+                const std::string link = Utf8(back->GetSymbolicLink());
                 const std::string version = Utf8(back->GetFirmwareVersion());
-                if (Utf8(back->GetSymbolicLink()) == entry.link && version != "0.0.0.0") {
-                    after = version;
+                if (version == "0.0.0.0") continue;  // its information not read (yet)
+                if (link == entry.link) {
+                    arrived = {{link, version}};
+                    break;
                 }
+                if (!known.contains(link)) arrived.emplace_back(link, version);
             }
+            if (arrived.size() == 1) std::tie(linkAfter, after) = arrived.front();
             return after.has_value();
         });
+        if (after) {
+            known.insert(linkAfter);
+            if (linkAfter != entry.link) entry.linkAfter = linkAfter;
+        }
         entry.firmwareAfter = after;
         if (!after) {
             fail("the camera did not come back within 30 s", std::nullopt);
@@ -368,6 +384,9 @@ class Command {
     Options options;
     Report report;
     LineStream out;
+    // The links of the updatable cameras seen so far, so that a camera that comes back under
+    // a new one can be told from those that were there.
+    std::set<std::string> known;
     // What the waits' own enumerations would say is not the operator's business.
     std::ostream quiet{nullptr};
 };

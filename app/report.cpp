@@ -68,6 +68,7 @@ std::string ReportJson(const Report& report) {
                ", \"name\": " + Quoted(device.name) +
                ",\n     \"firmwareBefore\": " + OrNull(device.firmwareBefore) +
                ", \"firmwareAfter\": " + OrNull(device.firmwareAfter) +
+               ", \"linkAfter\": " + OrNull(device.linkAfter) +
                ",\n     \"result\": " + Quoted(device.result) +
                ", \"failure\": " + OrNull(device.failure) +
                ", \"hresult\": " + OrNull(device.hresult) + ", \"seconds\": " + seconds +

@@ -16,6 +16,8 @@ struct DeviceReport {
     std::string name;
     std::optional<std::string> firmwareBefore;
     std::optional<std::string> firmwareAfter;
+    // The link the camera came back under, where it differs from `link`.
+    std::optional<std::string> linkAfter;
     // "listed", "updated", "recovered", "failed" or "not started" (an interrupt came first).
     std::string result;
     std::optional<std::string> failure;  // the line that says why it failed
