@@ -179,6 +179,8 @@ INTERRUPTS = [
     ("key 3, SIGTERM", STUCK, b"3\n1\n", None, signal.SIGTERM),
     ("key 1, Ctrl+C typed", CAMERA, b"1\n1\n", b"\x03", signal.SIGINT),
     ("key 1, SIGHUP", CAMERA, b"1\n1\n", None, signal.SIGHUP),
+    # A command: held the same way; it reports the camera, then ends by the signal.
+    ("update command, SIGTERM", CAMERA, ["update", "--all"], None, signal.SIGTERM),
 ]
 
 
@@ -190,10 +192,16 @@ def interrupted_download(lab, _linux, src):
             world, dump = (os.path.join(scratch, f"{kind}{i}.json") for kind in ("world", "state"))
             with open(world, "w") as out:
                 json.dump(world_spec, out)
-            session = Pty([lab, "--world=" + world, "--dump-state=" + dump], src, job=True)
-            at = session.wait_for(MENU_PROMPT, 0)
-            os.write(session.fd, answers + image.encode() + b"\n")
-            at = at and session.wait_for(b"Downloaded 1024, bytes remaining 4976\n", at)
+            command = answers[:1] + [image] + answers[1:] if isinstance(answers, list) else []
+            session = Pty([lab, "--world=" + world, "--dump-state=" + dump] + command, src,
+                          job=True)
+            at = 0 if command else session.wait_for(MENU_PROMPT, 0)
+            if not command:
+                os.write(session.fd, answers + image.encode() + b"\n")
+            # On a terminal a command shows its progress as one line rewritten in place.
+            first = (b"\rDownloaded 1024 of 6000 bytes (17%" if command
+                     else b"Downloaded 1024, bytes remaining 4976\n")
+            at = None if at is None else session.wait_for(first, at)
             if at is None:
                 fail(name, "no download began: " + session.seen[-300:].decode(errors="replace"))
                 session.finish(0)
@@ -206,7 +214,8 @@ def interrupted_download(lab, _linux, src):
             tail = session.seen[at:]
             if status != -sig:
                 fail(name, f"exit status {status}, not the signal's {-sig}")
-            if not tail.endswith(LAST_BLOCK) or PROMPT in tail or MENU_PROMPT in tail:
+            last = b"1 updated, 0 failed\n" if command else LAST_BLOCK
+            if not tail.endswith(last) or PROMPT in tail or MENU_PROMPT in tail:
                 fail(name, "the download did not end as the last thing shown:\n" +
                      tail.decode(errors="replace"))
             state = read_state(dump)
