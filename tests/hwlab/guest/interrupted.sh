@@ -4,6 +4,7 @@
 # the camera is left in DFU mode (failing: a replug, key 3 again), key 2; all for expected.txt.
 
 has_dfu_device() { grep -qx 0f1c /sys/bus/usb/devices/*/idProduct 2>/dev/null; }
+no_dfu_device() { ! has_dfu_device; }
 back_in_dfu_mode() { tail -n 1 "$out/device.log" | grep -q '^attach dfu'; }  # after a replug
 logged() { grep -qE "$pattern" "$out/device.log"; }
 
@@ -26,6 +27,9 @@ interrupted() {
     pattern="$(sed -n 3p "$dir/interrupt")"
     wait_for logged 200 && wait_for has_family_device 100 ||
         { echo "HWLAB: $name: the device did not come to rest"; return 1; }
+    # Once the log says the camera is back, its DFU-mode device may still be leaving the
+    # kernel (a loaded machine handles the disconnect late): not a device left in DFU mode.
+    tail -n 1 "$out/device.log" | grep -q '^attach camera' && wait_for no_dfu_device 100
     udevadm settle --timeout=10
     if has_dfu_device; then
         session "key 3" 3 1 /hwlab/fw-small.bin '' q
