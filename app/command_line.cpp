@@ -249,10 +249,7 @@ class Command {
         int updated = 0, failed = 0;
         for (const auto& camera : chosen) {
             DeviceReport& entry = Add("camera", camera->GetSymbolicLink(), camera->GetName());
-            if (platform::InterruptKeptBack()) {
-                entry.result = "not started";
-                continue;
-            }
+            if (NotStarted(entry)) continue;
             UpdateOne(*camera, entry);
             ++(entry.result == "updated" ? updated : failed);
         }
@@ -345,10 +342,7 @@ class Command {
         int recovered = 0, failed = 0;
         for (const auto& device : devices) {
             DeviceReport& entry = Add("dfu", device->GetSymbolicLink(), device->GetName());
-            if (platform::InterruptKeptBack()) {
-                entry.result = "not started";
-                continue;
-            }
+            if (NotStarted(entry)) continue;
             const ULONGLONG start = GetTickCount64();
             out.TakeLastLine();
             HRESULT status = S_OK;
@@ -371,6 +365,13 @@ class Command {
         }
         out << recovered << " recovered, " << failed << " failed\n";
         if (recovered < static_cast<int>(devices.size())) report.exitStatus = kExitFailed;
+    }
+
+    // After an interrupt held during a write, no further device is started.
+    static bool NotStarted(DeviceReport& entry) {
+        if (!platform::InterruptKeptBack()) return false;
+        entry.result = "not started";
+        return true;
     }
 
     DeviceReport& Add(const char* kind, const std::wstring& link, const std::wstring& name) {
