@@ -3,8 +3,6 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <filesystem>
-#include <fstream>
 #include <functional>
 #include <iostream>
 #include <memory>
@@ -132,16 +130,10 @@ Options Parse(const std::vector<std::string>& args) {
     return options;
 }
 
-// The image as key 1 checks it before a camera is switched, and only a regular file: a
-// device (NUL, /dev/zero) or a pipe is no image, and opening a pipe would block.
+// The image as key 1 checks it before a camera is switched: a file on disk, never a device
+// (NUL, /dev/zero), a pipe or a folder.
 bool IsImageFile(const std::string& typed) {
-    try {
-        const std::filesystem::path path = dfu::ImageFilePath(typed);
-        std::error_code error;
-        return std::filesystem::is_regular_file(path, error) && dfu::IsReadableImage(path);
-    } catch (const std::exception&) {
-        return false;  // a name the system cannot even convert
-    }
+    return dfu::IsReadableImage(typed);
 }
 
 std::string Utf8(const std::wstring& text) {
@@ -433,7 +425,7 @@ std::string CommandUsage(const std::string& program, const std::string& programO
 int RunCommand(const std::string& program, const std::vector<std::string>& args,
                const std::string& programOptions) {
     Options options;
-    std::ofstream reportFile;
+    dfu::FileHandle reportFile;
     try {
         options = Parse(args);
         if (options.image && !IsImageFile(*options.image)) {
@@ -442,9 +434,9 @@ int RunCommand(const std::string& program, const std::vector<std::string>& args,
         if (options.report) {
             // Opened before any device is touched, so that a report that cannot be written
             // is refused while nothing has happened yet.
-            reportFile.open(dfu::ImageFilePath(*options.report),
-                            std::ios::binary | std::ios::trunc);
-            if (!reportFile) throw Refusal{"cannot write the report '" + *options.report + "'"};
+            reportFile = dfu::CreateReportFile(*options.report);
+            if (!reportFile.IsOpen())
+                throw Refusal{"cannot write the report '" + *options.report + "'"};
         }
     } catch (const Refusal& refusal) {
         return Refuse(program, refusal.problem, programOptions);
@@ -468,10 +460,8 @@ int RunCommand(const std::string& program, const std::vector<std::string>& args,
         std::cout << json;
         std::cout.flush();
     }
-    if (reportFile.is_open()) {
-        reportFile << json;
-        reportFile.close();
-        if (!reportFile) {
+    if (reportFile.IsOpen()) {
+        if (!dfu::WriteAll(reportFile, json)) {
             std::cerr << program << ": cannot write the report '" << options.report.value_or("")
                       << "'\n";
             return kExitFailed;

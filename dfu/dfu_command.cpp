@@ -2,8 +2,6 @@
 #include "dfu/dfu_command.h"
 
 #include <algorithm>
-#include <filesystem>
-#include <fstream>
 #include <string>
 #include <vector>
 
@@ -50,28 +48,17 @@ HRESULT DfuCommand::ExecuteFile(const char* path) {
         filePath.clear();
     }
 
-    const std::filesystem::path imagePath = ImageFilePath(filePath);
-    std::ifstream file;
-    if (IsReadableImage(imagePath)) file.open(imagePath, std::ios::in | std::ios::binary);
-    if (!file.is_open()) {
+    const FileHandle file = OpenImageFile(filePath);
+    if (!file.IsOpen()) {
         LogLine("Failed to open file ", filePath);
         return E_FAIL;
     }
-
-    file.seekg(0, std::ios::end);
-    const std::streamoff size = file.tellg();
-    file.seekg(0, std::ios::beg);
-    if (size < 0 || file.fail() || file.bad()) {
+    ImageBytes image;
+    if (!ReadImage(file, &image)) {
         LogLine("Failed to read file");
         return E_FAIL;
     }
-    std::vector<char> firmwareImage(static_cast<std::size_t>(size), 0);
-    file.read(firmwareImage.data(), size);
-    if (file.fail() || file.bad()) {
-        LogLine("Failed to read file");
-        return E_FAIL;
-    }
-    return Execute(firmwareImage.data(), static_cast<std::uint64_t>(size));
+    return Execute(image.data.get(), image.size);
 }
 
 HRESULT DfuCommand::Execute(const void* firmwareImage, std::uint64_t imageLength) {

@@ -29,7 +29,7 @@ HRESULT LynxUpdatableDevice::UpdateFirmware(const char* imagePath) {
 
     const std::string path = WithoutEnclosingQuotes(typedPath);
     // Only a check: the DFU device reads the file itself when it burns it.
-    if (!dfu::IsReadableImage(dfu::ImageFilePath(path))) {
+    if (!dfu::IsReadableImage(path)) {
         LogLine("Failed to open file ", path);
         return E_FAIL;
     }

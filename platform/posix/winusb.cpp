@@ -7,8 +7,11 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
+#include "platform/common/wide_stream.h"
+#include "platform/files.h"
 #include "platform/posix/device_backend.h"
 #include "platform/posix/kernel_object.h"
 #include "platform/usb_descriptors.h"
@@ -105,10 +108,18 @@ BOOL NewInterface(UsbFileObject* file, std::uint8_t interfaceNumber, bool first,
 
 }  // namespace
 
-HANDLE CreateFileW(LPCWSTR fileName, DWORD, DWORD, LPSECURITY_ATTRIBUTES, DWORD, DWORD, HANDLE) {
+// Names in the device namespace reach the backend's USB devices; every other name is a file
+// of this machine, which the same call opens on Windows.
+HANDLE CreateFileW(LPCWSTR fileName, DWORD desiredAccess, DWORD, LPSECURITY_ATTRIBUTES,
+                   DWORD creationDisposition, DWORD, HANDLE) {
     if (fileName == nullptr || *fileName == L'\0') {
         SetLastError(ERROR_PATH_NOT_FOUND);
         return INVALID_HANDLE_VALUE;
+    }
+    const std::wstring_view name(fileName);
+    if (!name.starts_with(LR"(\\?\)") && !name.starts_with(LR"(\\.\)")) {
+        return platform::posix::OpenLocalFile(platform::WideToUtf8(name).c_str(), desiredAccess,
+                                              creationDisposition);
     }
     std::unique_ptr<platform::UsbDeviceConnection> connection;
     const platform::ErrorCode error = platform::Backend().OpenUsbDevice(fileName, &connection);

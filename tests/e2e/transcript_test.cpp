@@ -4,11 +4,12 @@
 // expected.txt (the whole standard output, byte for byte); it may hold world.json (absent:
 // the lab's default world), expected_stderr.txt (absent: must be empty), exit_code (absent:
 // 0), expected_state.json (fields the state dump must hold: objects by key, arrays element
-// by element and of equal length), expected_report.json (the same for a command's --json
-// report on standard output, in place of expected.txt) and args (extra arguments, one per
-// line, after the world's --world; the runner's own --dump-state is left out when they name
-// one), and fifo (a named pipe at @SCRATCH@/fifo). Any of them may name the source tree as
-// @SOURCE_DIR@ and the case's scratch folder as @SCRATCH@.
+// by element and of equal length; a field given as "@ABSENT@" must be missing),
+// expected_report.json (the same for a command's --json report on standard output, in place
+// of expected.txt) and args (extra arguments, one per line, after the world's --world; the
+// runner's own --dump-state is left out when they name one), and fifo (a named pipe at
+// @SCRATCH@/fifo). Any of them may name the source tree as @SOURCE_DIR@ and the case's
+// scratch folder as @SCRATCH@.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -39,12 +40,16 @@ std::string Quoted(const std::string& text) {
     return out + "'";
 }
 
-// Every field of `expected` is in `actual` with the same value.
+// Every field of `expected` is in `actual` with the same value; one given as "@ABSENT@" is not.
 void ExpectSubset(const nlohmann::json& expected, const nlohmann::json& actual,
                   const std::string& where) {
     if (expected.is_object()) {
         ASSERT_TRUE(actual.is_object()) << where << " is not an object: " << actual.dump();
         for (const auto& [key, value] : expected.items()) {
+            if (value == "@ABSENT@") {
+                EXPECT_FALSE(actual.contains(key)) << where << "." << key << " is present";
+                continue;
+            }
             ASSERT_TRUE(actual.contains(key))
                 << where << "." << key << " is missing in " << actual.dump();
             ExpectSubset(value, actual[key], where + "." + key);

@@ -4,19 +4,12 @@
 
 #include <cstdint>
 
+#include "platform/posix/files_posix.h"
 #include "platform/posix/win_types.h"
 
 using PULONG = ULONG*;
 using WINUSB_INTERFACE_HANDLE = void*;
 using PWINUSB_INTERFACE_HANDLE = WINUSB_INTERFACE_HANDLE*;
-
-constexpr DWORD GENERIC_READ = 0x80000000u;
-constexpr DWORD GENERIC_WRITE = 0x40000000u;
-constexpr DWORD FILE_SHARE_READ = 0x1;
-constexpr DWORD FILE_SHARE_WRITE = 0x2;
-constexpr DWORD OPEN_EXISTING = 3;
-constexpr DWORD FILE_ATTRIBUTE_NORMAL = 0x80;
-constexpr DWORD FILE_FLAG_OVERLAPPED = 0x40000000u;
 
 #pragma pack(push, 1)
 struct WINUSB_SETUP_PACKET {
@@ -40,10 +33,6 @@ struct USB_INTERFACE_DESCRIPTOR {
 };
 #pragma pack(pop)
 using PUSB_INTERFACE_DESCRIPTOR = USB_INTERFACE_DESCRIPTOR*;
-
-HANDLE CreateFileW(LPCWSTR fileName, DWORD desiredAccess, DWORD shareMode,
-                   LPSECURITY_ATTRIBUTES security, DWORD creationDisposition,
-                   DWORD flagsAndAttributes, HANDLE templateFile);
 
 BOOL WinUsb_Initialize(HANDLE deviceHandle, PWINUSB_INTERFACE_HANDLE interfaceHandle);
 BOOL WinUsb_Free(WINUSB_INTERFACE_HANDLE interfaceHandle);
