@@ -2,6 +2,8 @@
 // What a typed image path may name on Linux and in the lab: only a file on disk is read; a
 // device, a FIFO, a socket or a folder is "Failed to open file" at once, without waiting for
 // a writer; names that are no UTF-8 open as their bytes; the report follows the same rules.
+// Beneath, the file calls' stand-ins keep the Windows rules: a folder does not open without
+// backup semantics, only a regular file is FILE_TYPE_DISK and only it has a size.
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -20,6 +22,8 @@
 
 #include "dfu/dfu_command.h"
 #include "dfu/image_path.h"
+#include "platform/files.h"
+#include "platform/sync.h"
 
 namespace {
 
@@ -129,6 +133,34 @@ TEST_F(ImageKinds, ReportOnlyOnAFileOnDisk) {
         EXPECT_TRUE(dfu::WriteAll(report, "{}\n"));
         std::ifstream written(row.typed, std::ios::binary);
         EXPECT_EQ(std::string(std::istreambuf_iterator<char>(written), {}), "{}\n");
+    }
+}
+
+TEST_F(ImageKinds, FileCallsKeepTheWindowsRules) {
+    const struct {
+        std::string name;
+        DWORD error;  // ERROR_SUCCESS: it opens
+        DWORD type;
+    } rows[] = {
+        {deep, ERROR_SUCCESS, FILE_TYPE_DISK},
+        {"/dev/zero", ERROR_SUCCESS, FILE_TYPE_CHAR},
+        {(folder / "fifo").string(), ERROR_SUCCESS, FILE_TYPE_PIPE},
+        {(folder / "dir").string(), ERROR_ACCESS_DENIED, FILE_TYPE_UNKNOWN},
+        {(folder / "missing").string(), ERROR_FILE_NOT_FOUND, FILE_TYPE_UNKNOWN},
+        {deep + "/below", ERROR_PATH_NOT_FOUND, FILE_TYPE_UNKNOWN},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        SetLastError(ERROR_SUCCESS);
+        const dfu::FileHandle file(CreateFileA(row.name.c_str(), GENERIC_READ, FILE_SHARE_READ,
+                                               nullptr, OPEN_EXISTING, 0, nullptr));
+        EXPECT_EQ(GetLastError(), row.error);
+        EXPECT_EQ(file.IsOpen(), row.error == ERROR_SUCCESS);
+        if (!file.IsOpen()) continue;
+        EXPECT_EQ(GetFileType(file.Get()), row.type);
+        LARGE_INTEGER size{};
+        EXPECT_EQ(GetFileSizeEx(file.Get(), &size) != FALSE, row.type == FILE_TYPE_DISK);
+        EXPECT_EQ(size.QuadPart, row.type == FILE_TYPE_DISK ? 5 : 0);
     }
 }
 

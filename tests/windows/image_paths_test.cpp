@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <fstream>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -16,6 +18,8 @@
 
 namespace {
 
+namespace fs = std::filesystem;
+
 // Reached only by an image that was read: it refuses without a request.
 struct ClosedEndpoint final : usb_core::IUsbControlEndpoint {
     HRESULT Transfer(WINUSB_SETUP_PACKET&, PUCHAR, std::uint64_t) override { return E_FAIL; }
@@ -24,38 +28,22 @@ struct ClosedEndpoint final : usb_core::IUsbControlEndpoint {
     std::uint16_t GetMaxTransferSize() override { return 64; }
 };
 
-void WriteImage(const std::wstring& path) {
-    const HANDLE file = CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
-                                    FILE_ATTRIBUTE_NORMAL, nullptr);
-    ASSERT_NE(file, INVALID_HANDLE_VALUE) << GetLastError();
-    DWORD written = 0;
-    EXPECT_TRUE(WriteFile(file, "image", 5, &written, nullptr));
-    CloseHandle(file);
-}
-
 class ImagePathsOnWindows : public testing::Test {
   protected:
     void SetUp() override {
-        wchar_t temp[MAX_PATH + 1] = {};
-        ASSERT_NE(0u, GetTempPathW(MAX_PATH + 1, temp));
-        folder = std::wstring(temp) + L"lynx-image-paths-" + std::to_wstring(GetCurrentProcessId());
-        ASSERT_TRUE(CreateDirectoryW(folder.c_str(), nullptr)) << GetLastError();
-        WriteImage(folder + L"\\fw.bin");
-        WriteImage(folder + L"\\\u00e9.bin");
-        deep = folder + L"\\" + std::wstring(150, L'd');
-        ASSERT_TRUE(CreateDirectoryW(deep.c_str(), nullptr)) << GetLastError();
-        deep += L"\\" + std::wstring(299 - deep.size(), L'f');
-        WriteImage(deep);
-    }
-    void TearDown() override {
-        DeleteFileW(deep.c_str());
-        RemoveDirectoryW((folder + L"\\" + std::wstring(150, L'd')).c_str());
-        for (const wchar_t* name : {L"\\fw.bin", L"\\\u00e9.bin", L"\\r\u00e9port.json"}) {
-            DeleteFileW((folder + name).c_str());
+        fs::remove_all(folder);
+        fs::create_directories(folder / std::wstring(150, L'd'));
+        for (const fs::path& image : {folder / L"fw.bin", folder / L"\u00e9.bin", Deep()}) {
+            std::ofstream(image, std::ios::binary) << "image";
         }
-        RemoveDirectoryW(folder.c_str());
     }
+    void TearDown() override { fs::remove_all(folder); }
 
+    // 300 characters in all.
+    fs::path Deep() const {
+        const std::wstring dir = (folder / std::wstring(150, L'd')).wstring() + L"\\";
+        return dir + std::wstring(300 - dir.size(), L'f');
+    }
     std::string Run(const std::string& typed) {
         std::ostringstream log;
         const HRESULT status =
@@ -64,14 +52,13 @@ class ImagePathsOnWindows : public testing::Test {
         return log.str();
     }
 
-    std::wstring folder;
-    std::wstring deep;
+    const fs::path folder = fs::temp_directory_path() / L"lynx-image-paths";
+    const std::string base = platform::WideToUtf8(folder.wstring());
 };
 
 TEST_F(ImagePathsOnWindows, OnlyAFileOnDiskIsRead) {
     // Byte E9 is "\u00e9" in code page 1252, the ANSI code page of Wine's default locale.
     ASSERT_EQ(1252u, GetACP());
-    const std::string base = platform::WideToUtf8(folder);
     const struct {
         std::string typed;
         bool read;
@@ -87,7 +74,7 @@ TEST_F(ImagePathsOnWindows, OnlyAFileOnDiskIsRead) {
         {base + "\\missing.bin", false},
         {base + "\\fw.bin.", true},  // Win32 names lose trailing dots and spaces
         {base + "\\fw.bin ", true},
-        {platform::WideToUtf8(deep), true},
+        {platform::WideToUtf8(Deep().wstring()), true},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.typed);
@@ -96,14 +83,8 @@ TEST_F(ImagePathsOnWindows, OnlyAFileOnDiskIsRead) {
 }
 
 TEST_F(ImagePathsOnWindows, ReportOnlyOnAFileOnDisk) {
-    const std::string base = platform::WideToUtf8(folder);
-    {
-        const dfu::FileHandle report = dfu::CreateReportFile(base + "\\r\xE9port.json");
-        ASSERT_TRUE(report.IsOpen());
-        EXPECT_TRUE(dfu::WriteAll(report, "{}\n"));
-    }
-    const DWORD attributes = GetFileAttributesW((folder + L"\\r\u00e9port.json").c_str());
-    EXPECT_NE(attributes, INVALID_FILE_ATTRIBUTES);
+    EXPECT_TRUE(dfu::WriteAll(dfu::CreateReportFile(base + "\\r\xE9port.json"), "{}\n"));
+    EXPECT_EQ(fs::file_size(folder / L"r\u00e9port.json"), 3u);
     for (const std::string& typed : {std::string("NUL"), std::string("CON"), base}) {
         SCOPED_TRACE(typed);
         EXPECT_FALSE(dfu::CreateReportFile(typed).IsOpen());
