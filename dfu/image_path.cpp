@@ -22,7 +22,9 @@ bool IsUtf8(std::string_view bytes) {
 
 // UTF-8 opens by its UTF-16 name, so that every name an operator can type opens whatever the
 // code pages. Bytes that are no UTF-8 cannot have come as text: they open as the C runtime's
-// narrow calls would open them, through the ANSI code page.
+// narrow calls would open them, through the ANSI code page. Writers are not let in: for a
+// physical drive or a volume "the dwShareMode parameter must have the FILE_SHARE_WRITE
+// flag", so \\.\PhysicalDrive0 or \\.\C: does not open, and a disk never passes for an image.
 HANDLE OpenByTypedName(std::string_view typed, DWORD access, DWORD disposition) {
     const std::string name(typed);
     if (name.find('\0') != std::string::npos) return INVALID_HANDLE_VALUE;
