@@ -151,6 +151,16 @@ check "msiexec /i $next" msiexec_qn /i 'C:\users\Public\lynx-dfu-next.msi'
 check "the older entry gone: $(arp_entry "$code")" test "$(arp_entry "$code")" = "||"
 check "the newer entry: $(arp_entry "$next_code")" test "$(arp "$next_code" DisplayVersion)" = "$next"
 check "the files stay in place" present
+# Refused by the package's launch condition: msiexec ends with 1603 (ERROR_INSTALL_FAILURE),
+# of which a Unix exit status keeps the low byte, 67.
+downgrade_refused() {
+  local status=0
+  timeout 180 "$wine" msiexec /i 'C:\users\Public\lynx-dfu.msi' /qn </dev/null >/dev/null 2>&1 || status=$?
+  timeout 60 wineserver -w || true
+  [ "$status" = 67 ] || { echo "     msiexec /i $version over $next: status $status"; return 1; }
+}
+check "msiexec /i $version refused over $next (1603)" downgrade_refused
+check "still the one entry, $next" test "$(arp "$next_code" DisplayVersion)|$(arp_entry "$code")" = "$next|||"
 check "msiexec /x $next" msiexec_qn /x 'C:\users\Public\lynx-dfu-next.msi'
 code="$next_code"
 check "removed: nothing of either version left" gone
