@@ -26,12 +26,14 @@
 # script refuses it otherwise, so that it never gets committed, packed or shown.
 set -euo pipefail
 
-repo="$(cd "$(dirname "$0")/.." && pwd)"
+repo="$(cd "$(dirname "$0")/.." && pwd -P)"
 build="${1:-$repo/build/mingw}"
 fail() { echo "sign-windows: $*" >&2; exit 2; }
 
 command -v osslsigncode >/dev/null || fail "no osslsigncode (apt-get install osslsigncode)"
 [ -f "$build/CMakeCache.txt" ] || fail "$build is not a configured build folder (cmake --preset mingw)"
+grep -q '^LYNX_WIXL:FILEPATH=/' "$build/CMakeCache.txt" ||
+  fail "no wixl when $build was configured: apt-get install wixl, then cmake --preset mingw"
 
 # checked_secret NAME FILE: FILE exists, lies outside the source tree and only its owner can read it.
 checked_secret() {
@@ -85,8 +87,6 @@ msi="$build/lynx-dfu-$version-win64.msi"
 cmake --build "$build" --target lynx-dfu >/dev/null
 [ -f "$exe" ] || fail "$build built no app/lynx-dfu.exe: not the mingw build folder"
 sign "$exe"
-grep -q '^LYNX_WIXL:FILEPATH=/' "$build/CMakeCache.txt" ||
-  fail "no wixl when $build was configured: apt-get install wixl, then cmake --preset mingw"
 # The installer is built anew around the signed exe.
 rm -f "$msi"
 cmake --build "$build" --target lynx-dfu-msi >/dev/null
