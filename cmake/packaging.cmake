@@ -2,6 +2,8 @@
 # Packages for operators: a Debian package of the Linux programs, a zip of the Windows one.
 #   native build:  cpack -G DEB   (in the build folder)   -> lynx-dfu_<version>_amd64.deb
 #   mingw build:   cpack -G ZIP   (in the build folder)   -> lynx-dfu-<version>-win64.zip
+#                  target lynx-dfu-msi (needs wixl)        -> lynx-dfu-<version>-win64.msi
+#   signed:        scripts/sign-windows.sh signs the exe, then packs both and signs the MSI
 
 set(CPACK_PACKAGE_NAME "lynx-dfu")
 set(CPACK_PACKAGE_VENDOR "lynx-dfu project")
@@ -26,6 +28,32 @@ if(LYNX_TARGET_WINDOWS)
   set(CPACK_GENERATOR ZIP)
   set(CPACK_SYSTEM_NAME win64)
   set(CPACK_INCLUDE_TOPLEVEL_DIRECTORY ON)
+  # The exe is linked stripped (-s). Stripped again on its way into the zip, a signed exe
+  # would be rewritten and lose its signature.
+  set(CPACK_STRIP_FILES OFF)
+
+  # The installer: the same three files under Program Files, a Start menu shortcut and an
+  # entry in Add/Remove Programs. wixl (Debian package wixl, from msitools) builds it from
+  # the .wxs; without it the build goes on without an installer.
+  find_program(LYNX_WIXL wixl)
+  if(LYNX_WIXL)
+    set(LYNX_MSI ${CMAKE_BINARY_DIR}/lynx-dfu-${PROJECT_VERSION}-win64.msi)
+    set(LYNX_WXS ${PROJECT_SOURCE_DIR}/packaging/windows/lynx-dfu.wxs)
+    # wixl 0.101 (Debian 12) finds no file named by an absolute path: the files are named
+    # relative to the build folder, where it runs.
+    add_custom_command(OUTPUT ${LYNX_MSI}
+                       COMMAND ${LYNX_WIXL} --arch x64 -D Version=${PROJECT_VERSION}
+                               -D Exe=$<PATH:RELATIVE_PATH,$<TARGET_FILE:lynx-dfu>,${CMAKE_CURRENT_BINARY_DIR}>
+                               -D Readme=README.txt -D Licence=LICENSE.txt
+                               -o ${LYNX_MSI} ${LYNX_WXS}
+                       WORKING_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}
+                       DEPENDS lynx-dfu ${LYNX_WXS} ${CMAKE_CURRENT_BINARY_DIR}/README.txt
+                               ${CMAKE_CURRENT_BINARY_DIR}/LICENSE.txt
+                       VERBATIM)
+    add_custom_target(lynx-dfu-msi ALL DEPENDS ${LYNX_MSI})
+  else()
+    message(STATUS "wixl not found: no Windows installer (apt-get install wixl)")
+  endif()
 else()
   install(TARGETS lynx-dfu-lab RUNTIME DESTINATION bin)
   # man(1) reads compressed pages, and Debian wants its changelog the same way; -n keeps the

@@ -19,9 +19,10 @@ for tool in clang-format-19 clang-tidy-19; do
 done
 
 # Every file of a kind that can carry a comment names its licence on its first line (the
-# second after a #! line or an XML declaration), where a reader of the file alone finds it.
+# second after a #! line or an XML declaration, as in the installer's .wxs), where a reader
+# of the file alone finds it.
 # Data files (worlds, transcripts, images, argument files) carry none.
-licensed='(\.(c|cpp|h|cmake|sh|py|rules|1|rc\.in|manifest\.in)|(^|/)(CMakeLists\.txt|\.clang-format|\.clang-tidy|\.gitignore|lintian-overrides|program)|^\.ci/run|^tests/hwlab/guest/init)$'
+licensed='(\.(c|cpp|h|cmake|sh|py|rules|1|rc\.in|manifest\.in|wxs)|(^|/)(CMakeLists\.txt|\.clang-format|\.clang-tidy|\.gitignore|lintian-overrides|program)|^\.ci/run|^tests/hwlab/guest/init)$'
 unlicensed=0
 while IFS= read -r file; do
   awk 'NR == 1 && /^(#!|<\?xml )/ { next }

@@ -3,7 +3,7 @@
 """Measures how many deliberate faults the suite catches.
 
     scripts/mutate.py [--list tests/mutants.txt] [--build build/default]
-                      [--only ID,ID...] [--sample N [--seed S]] [--jobs 2]
+                      [--only ID,ID...] [--sample N [--seed S]] [--jobs 2] [--check COMMAND]
 
 The list (tests/mutants.txt) holds one stanza per fault, stanzas apart by blank lines,
 lines starting with # ignored:
@@ -13,8 +13,13 @@ lines starting with # ignored:
     find: text that occurs exactly once in that file
     replace: what it becomes ({NL} is a line break; empty deletes it)
 
-For each chosen fault the file is changed, the build folder rebuilt and ctest run; a failing
-suite catches (kills) the fault. A fault the compiler refuses is reported and not counted.
+For each chosen fault the file is changed, the build folder rebuilt and ctest run (or the
+shell command given with --check, from the project root); a failing suite catches (kills) the
+fault. The Windows installer's faults, for example, are their own list:
+
+    scripts/mutate.py --list tests/windows/installer-mutants.txt --build build/mingw \
+                      --check 'scripts/msi-check.sh build/mingw'
+ A fault the compiler refuses is reported and not counted.
 The file gets its own text back after each fault, also when the run is interrupted, and the
 build is brought back in line at the end. The last line is the score:
 "caught K of N faults (P%)"; the exit status is 1 when a fault survived, 2 on a bad list.
@@ -65,7 +70,7 @@ def run(command, timeout):
         return None
 
 
-def try_fault(fault, build, jobs):
+def try_fault(fault, build, jobs, check):
     path = os.path.join(ROOT, fault["file"])
     original = open(path, encoding="utf-8").read()
     if original.count(fault["find"]) != 1:
@@ -78,8 +83,11 @@ def try_fault(fault, build, jobs):
         if run(["cmake", "--build", build, "-j", str(jobs)], 1800) != 0:
             return "refused", time.monotonic() - started
         # A suite that hangs has caught the fault as surely as one that fails.
-        code = run(["ctest", "--test-dir", build, "-j", str(jobs), "--stop-on-failure",
-                    "--timeout", "300"], 1800)
+        if check:
+            code = run(["bash", "-c", check], 1800)
+        else:
+            code = run(["ctest", "--test-dir", build, "-j", str(jobs), "--stop-on-failure",
+                        "--timeout", "300"], 1800)
         return ("survived" if code == 0 else "caught"), time.monotonic() - started
     finally:
         with open(path, "w", encoding="utf-8") as out:
@@ -95,6 +103,7 @@ def main():
                         help="add this many faults drawn from the rest of the list")
     parser.add_argument("--seed", type=int, default=1)
     parser.add_argument("--jobs", type=int, default=2)
+    parser.add_argument("--check", help="a shell command run instead of ctest")
     args = parser.parse_args()
 
     faults = read_list(args.list)
@@ -118,7 +127,7 @@ def main():
     results = {}
     try:
         for fault in chosen:
-            outcome, seconds = try_fault(fault, args.build, args.jobs)
+            outcome, seconds = try_fault(fault, args.build, args.jobs, args.check)
             results.setdefault(outcome, []).append(fault["id"])
             print(f"{outcome:8} {fault['id']} ({seconds:.0f} s)", flush=True)
     finally:

@@ -6,7 +6,8 @@
 #                                  the lab needs
 #   scripts/setup.sh --test        that, and the test tools: GoogleTest, clang for the
 #                                  fuzzer, clang-format and clang-tidy 19, mingw-w64 and Wine
-#                                  for the Windows program, qemu, busybox, dfu-util and
+#                                  for the Windows program, wixl, msitools and osslsigncode
+#                                  for its installer and signature, qemu, busybox, dfu-util and
 #                                  v4l-utils for the hardware lab, lintian, gcovr for the
 #                                  coverage report
 #   scripts/setup.sh --fresh-check what scripts/fresh-check.sh needs to bootstrap a root
@@ -40,6 +41,9 @@ case "${1:-}" in
       python3 clang libclang-rt-dev clang-format-19 clang-tidy-19
       libgtest-dev libgmock-dev libbenchmark-dev
       dpkg-dev mingw-w64 wine wine64
+      # The Windows installer: wixl builds it (its own package, from msitools, whose msiinfo
+      # reads it back), osslsigncode and openssl sign it with a throwaway certificate.
+      wixl msitools osslsigncode openssl
       # libsystemd-shared: the hardware lab's VM runs the release's udevadm, which links it.
       qemu-system-x86 busybox-static dfu-util v4l-utils libsystemd-shared lintian
       gcovr

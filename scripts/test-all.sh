@@ -123,6 +123,9 @@ for file in lynx-dfu.exe README.txt LICENSE.txt; do
 done
 echo "$zip holds lynx-dfu.exe, README.txt and LICENSE.txt"
 
+step "Windows installer: signed with a throwaway certificate, verified, installed and removed under Wine"
+./scripts/msi-check.sh build/mingw
+
 step "Windows smoke test under Wine"
 ./scripts/wine-smoke.sh build/mingw/app/lynx-dfu.exe
 
