@@ -22,19 +22,17 @@ bool IsUtf8(std::string_view bytes) {
 
 // UTF-8 opens by its UTF-16 name, so that every name an operator can type opens whatever the
 // code pages. Bytes that are no UTF-8 cannot have come as text: they open as the C runtime's
-// narrow calls would open them, through the ANSI code page. Writers are not let in: for a
-// physical drive or a volume "the dwShareMode parameter must have the FILE_SHARE_WRITE
-// flag", so \\.\PhysicalDrive0 or \\.\C: does not open, and a disk never passes for an image.
-HANDLE OpenByTypedName(std::string_view typed, DWORD access, DWORD disposition) {
+// narrow calls would open them, through the ANSI code page.
+HANDLE OpenByTypedName(std::string_view typed, DWORD access, DWORD share, DWORD disposition) {
     const std::string name(typed);
     if (name.find('\0') != std::string::npos) return INVALID_HANDLE_VALUE;
     if (IsUtf8(name)) {
         const std::wstring wide = platform::Utf8ToWide(name);
-        return CreateFileW(wide.c_str(), access, FILE_SHARE_READ, nullptr, disposition,
-                           FILE_ATTRIBUTE_NORMAL, nullptr);
+        return CreateFileW(wide.c_str(), access, share, nullptr, disposition, FILE_ATTRIBUTE_NORMAL,
+                           nullptr);
     }
-    return CreateFileA(name.c_str(), access, FILE_SHARE_READ, nullptr, disposition,
-                       FILE_ATTRIBUTE_NORMAL, nullptr);
+    return CreateFileA(name.c_str(), access, share, nullptr, disposition, FILE_ATTRIBUTE_NORMAL,
+                       nullptr);
 }
 
 // A file on disk, judged by what the handle reaches and not by its name: NUL, CON, COM1 and
@@ -69,12 +67,16 @@ FileHandle& FileHandle::operator=(FileHandle&& other) noexcept {
 
 FileHandle OpenImageFile(std::string_view typed) {
     if (typed.empty()) return {};
-    return OnlyDiskFile(FileHandle(OpenByTypedName(typed, GENERIC_READ, OPEN_EXISTING)));
+    // Other programs may go on reading and writing the image meanwhile, as the C runtime's
+    // fopen lets them: a file that a sync client or a viewer holds open still opens.
+    return OnlyDiskFile(FileHandle(
+        OpenByTypedName(typed, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, OPEN_EXISTING)));
 }
 
 FileHandle CreateReportFile(std::string_view typed) {
     if (typed.empty()) return {};
-    return OnlyDiskFile(FileHandle(OpenByTypedName(typed, GENERIC_WRITE, CREATE_ALWAYS)));
+    return OnlyDiskFile(
+        FileHandle(OpenByTypedName(typed, GENERIC_WRITE, FILE_SHARE_READ, CREATE_ALWAYS)));
 }
 
 bool IsReadableImage(std::string_view typed) {
