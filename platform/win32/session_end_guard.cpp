@@ -66,11 +66,10 @@ LRESULT CALLBACK AnswerSessionEnd(HWND window, UINT message, WPARAM wParam, LPAR
             return writing.load() ? FALSE : TRUE;
         case WM_ENDSESSION:
             // wParam TRUE: "the session can end any time after all applications have returned
-            // from processing this message". It ends even during a write when the user forces it;
-            // nothing here can save the camera (it stays in DFU mode, ready for recovery), and the
-            // console is left to the main thread. "If an application processes this message, it
-            // should return zero."
-            return 0;
+            // from processing this message". It ends even during a write when the user forces
+            // it; nothing here can save the camera (it stays in DFU mode, ready for recovery),
+            // and the console is left to the main thread. "If an application processes this
+            // message, it should return zero."
         case WM_CLOSE:
             // Nobody closes the guard: DefWindowProc would destroy it on any program's request.
             return 0;

@@ -28,10 +28,10 @@ int wmain(int argc, wchar_t** argv) {
             for (int i = 0; i < 100 && !platform::InterruptKeptBack(); ++i) Sleep(50);
         }
         std::cout << (platform::InterruptKeptBack() ? "Ctrl+C kept back" : "no Ctrl+C") << '\n'
-                  << "Downloaded 4096 bytes, bytes remaining 0" << std::endl;
+                  << "Downloaded 4096 bytes, bytes remaining 0\n";
     }
     platform::RestoreConsole();
     platform::EndByKeptBackInterrupt();
-    std::cout << "ended without an interrupt" << std::endl;
+    std::cout << "ended without an interrupt\n";
     return 0;
 }

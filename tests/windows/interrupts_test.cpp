@@ -59,7 +59,8 @@ LRESULT AskToEndSession(HWND window, LPARAM why) {
 // user32 has no ShutdownBlockReasonQuery, and its ShutdownBlockReasonCreate is a stub).
 using QueryReason = BOOL(WINAPI*)(HWND, LPWSTR, DWORD*);
 QueryReason ReasonReader() {
-    return reinterpret_cast<QueryReason>(reinterpret_cast<void*>(
+    // Through void (*)(), the generic function type, past GCC's cast-function-type warning.
+    return reinterpret_cast<QueryReason>(reinterpret_cast<void (*)()>(
         GetProcAddress(GetModuleHandleW(L"user32.dll"), "ShutdownBlockReasonQuery")));
 }
 
