@@ -12,6 +12,9 @@ lines starting with # ignored:
     file: path/from/the/project/root
     find: text that occurs exactly once in that file
     replace: what it becomes ({NL} is a line break; empty deletes it)
+    build: the build folder for this fault, from the project root (optional; for a file that
+           only another target compiles, such as build/mingw for platform/win32/, whose ctest
+           runs the Windows tests under Wine)
 
 For each chosen fault the file is changed, the build folder rebuilt and ctest run (or the
 shell command given with --check, from the project root); a failing suite catches (kills) the
@@ -19,7 +22,9 @@ fault. The Windows installer's faults, for example, are their own list:
 
     scripts/mutate.py --list tests/windows/installer-mutants.txt --build build/mingw \
                       --check 'scripts/msi-check.sh build/mingw'
- A fault the compiler refuses is reported and not counted.
+
+A fault the compiler refuses is reported and not counted, and so is one whose build folder
+has not been configured (unbuilt).
 The file gets its own text back after each fault, also when the run is interrupted, and the
 build is brought back in line at the end. The last line is the score:
 "caught K of N faults (P%)"; the exit status is 1 when a fault survived, 2 on a bad list.
@@ -33,6 +38,7 @@ import time
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 FIELDS = ("id", "file", "find", "replace")
+OPTIONAL = ("build",)
 
 
 def read_list(path):
@@ -50,7 +56,7 @@ def read_list(path):
                 current = {}
             continue
         key, sep, value = line.partition(":")
-        if not sep or key not in FIELDS:
+        if not sep or key not in FIELDS + OPTIONAL:
             print(f"{path}:{number}: not a field of a fault: {line!r}", file=sys.stderr)
             sys.exit(2)
         current[key] = value[1:] if value.startswith(" ") else value
@@ -125,15 +131,22 @@ def main():
         return 2
 
     results = {}
+    used = {args.build}
     try:
         for fault in chosen:
-            outcome, seconds = try_fault(fault, args.build, args.jobs, args.check)
+            build = os.path.join(ROOT, fault["build"]) if "build" in fault else args.build
+            if not os.path.isdir(build):
+                outcome, seconds = "unbuilt", 0.0
+            else:
+                used.add(build)
+                outcome, seconds = try_fault(fault, build, args.jobs, args.check)
             results.setdefault(outcome, []).append(fault["id"])
             print(f"{outcome:8} {fault['id']} ({seconds:.0f} s)", flush=True)
     finally:
-        run(["cmake", "--build", args.build, "-j", str(args.jobs)], 1800)
+        for build in sorted(used):
+            run(["cmake", "--build", build, "-j", str(args.jobs)], 1800)
 
-    for outcome in ("survived", "refused", "stale"):
+    for outcome in ("survived", "refused", "stale", "unbuilt"):
         if results.get(outcome):
             print(f"{outcome}: {', '.join(results[outcome])}")
     caught = len(results.get("caught", []))

@@ -14,3 +14,9 @@ trap remove_wine_prefix EXIT
 # chroots, CI runners) no name outside ASCII could be created. C.UTF-8 ships with every
 # Debian libc.
 export LC_ALL=C.UTF-8
+# Wine makes windows through a display driver, and without an X server it refuses every
+# top-level window ("no driver could be loaded"), the program's hidden one too. Its null driver
+# makes windows that nobody sees, which is all a hidden window needs. (This first run also
+# creates the prefix; the wait lets the setting reach every later program.)
+"$wine" reg add 'HKCU\Software\Wine\Drivers' /v Graphics /d null /f >/dev/null 2>&1 || true
+timeout 30 wineserver -w || true

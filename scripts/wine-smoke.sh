@@ -9,8 +9,9 @@
 # folder, removed when the test ends.
 set -euo pipefail
 
-built="${1:?usage: wine-smoke.sh path/to/lynx-dfu.exe [path/to/comspec_marker.exe]}"
+built="${1:?usage: wine-smoke.sh path/to/lynx-dfu.exe [path/to/comspec_marker.exe [path/to/interrupted_write.exe]]}"
 marker_exe="${2:-$(dirname "$built")/../tests/windows/comspec_marker.exe}"
+interrupted_exe="${3:-$(dirname "$built")/../tests/windows/interrupted_write.exe}"
 source "$(dirname "$0")/wine-prefix.sh"
 
 failures=0
@@ -121,6 +122,83 @@ if grep -aF 'NodevicesarestuckinDFUmode' <<<"$typed" >/dev/null &&
 else
   echo "FAIL answers typed on a console ($clears clears):"
   printf '%s\n' "$typed" | sed 's/^/    | /' | tail -20
+  failures=$((failures + 1))
+fi
+
+# A write interrupted by a real Ctrl+C (tests/windows/interrupted_write.cpp, the program's own
+# interrupt service): on a console of its own the last lines stay under the system's pause until
+# a key, then the process ends as Ctrl+C ends it (0xC000013A, seen by the shell as 0x3A = 58);
+# on a console shared with cmd.exe it ends at once, as before.
+echo "-- a write interrupted by Ctrl+C"
+cp "$interrupted_exe" "$public/tool/interrupted_write.exe"
+interrupted="$public/tool/interrupted_write.exe"
+# interrupt_run COMMAND KEY: COMMAND on a terminal; KEY typed once the pause shows; the screen
+# left in $screen. Ends with the command, at most 60 s.
+interrupt_run() {
+  : >"$screen"
+  ( local i typed=no
+    for i in $(seq 600); do
+      shown | grep -aqF 'exitstatus=' && break
+      if [ $typed = no ] && shown | grep -aqF 'Pressanykey'; then printf "$2"; typed=yes; fi
+      sleep 0.1
+    done ) | timeout 120 script -qfec "$1; echo exitstatus=\$?" /dev/null >"$screen" 2>/dev/null || true
+}
+# interrupt_case NAME PAUSES: the screen shows the kept-back Ctrl+C, the last line, the pause
+# PAUSES times (0 or 1), and the exit status of Ctrl+C.
+interrupt_case() {
+  local typed
+  typed=$(shown)
+  if grep -aqF 'Ctrl+Ckeptback' <<<"$typed" && grep -aqF 'bytesremaining0' <<<"$typed" &&
+    [ "$(grep -acF 'Pressanykeytocontinue' <<<"$typed")" -eq "$2" ] &&
+    grep -aqF 'exitstatus=58' <<<"$typed" && ! grep -aqF 'endedwithoutaninterrupt' <<<"$typed"; then
+    echo "ok   $1"
+  else
+    echo "FAIL $1:"
+    printf '%s\n' "$typed" | sed 's/^/    | /' | tail -20
+    failures=$((failures + 1))
+  fi
+}
+interrupt_run "$wine $interrupted" '\r'
+interrupt_case "own console: the last lines, the pause, a key, then the end by Ctrl+C" 1
+# A Ctrl+C typed at the pause reaches the system's default handler, the hold being over: the
+# program ends at once instead of waiting on. (Its exit status is the default handler's:
+# STATUS_CONTROL_C_EXIT on Windows, 0 in Wine 8, so only the end is checked.)
+interrupt_run "$wine $interrupted" '\003'
+if grep -aqE 'Pressanykeytocontinue.*exitstatus=(0|58)([^0-9]|$)' <<<"$(shown)"; then
+  echo "ok   own console: a second Ctrl+C at the pause ends the program"
+else
+  echo "FAIL own console: a second Ctrl+C at the pause:"
+  shown | sed 's/^/    | /' | tail -20
+  failures=$((failures + 1))
+fi
+interrupt_run "$wine cmd /c 'C:\\users\\Public\\tool\\interrupted_write.exe --handler'" '\r'
+interrupt_case "console shared with cmd.exe: no pause, the end by Ctrl+C" 0
+
+# The hold's hidden window, seen through Wine's own trace of the calls into user32: made by a
+# thread other than the main one (which sends the Ctrl+C), and the block reason set and then
+# cleared from that same thread (the only one the system accepts them from) with the window's
+# handle, once each. (Wine 8's ShutdownBlockReasonCreate is a stub that fails, and it has no
+# ShutdownBlockReasonQuery to read the reason back.) Without a console nothing is kept back, and
+# the process ends with status 0: the window's thread does not keep it alive.
+"$wine" reg add 'HKCU\Software\Wine\Debug' /v RelayInclude /f /d 'kernel32.GenerateConsoleCtrlEvent;user32.CreateWindowExW;user32.ShutdownBlockReasonCreate;user32.ShutdownBlockReasonDestroy' >/dev/null 2>&1
+status=0
+trace=$(WINEDEBUG=+relay timeout 120 "$wine" "$interrupted" </dev/null 2>&1 >/dev/null) || status=$?
+# (Each grep may find nothing; the checks below then fail.)
+trace=$(tr -d '\r' <<<"$trace" | grep -Ei '^[0-9a-f]+:Call +(user32|kernel32)\.|^[0-9a-f]+:Ret +user32.CreateWindowExW' || true)
+made=$(grep -F 'Call user32.CreateWindowExW(' <<<"$trace" | grep -F 'L"LynxDfuWriteGuard"' | head -n 1 || true)
+thread=${made%%:*}
+main=$(grep -Fi 'Call kernel32.GenerateConsoleCtrlEvent(' <<<"$trace" | head -n 1 || true)
+main=${main%%:*}
+window=$(grep -E "^$thread:Ret +user32.CreateWindowExW\(\) retval=" <<<"$trace" | head -n 1 | sed 's/.*retval=\([0-9a-f]*\).*/\1/' || true)
+calls=$(grep -E '^[0-9a-f]+:Call user32\.ShutdownBlockReason' <<<"$trace" | sed 's/) ret=.*/)/; s/,[0-9a-f]* L"/,L"/' || true)
+expected="$thread:Call user32.ShutdownBlockReasonCreate($window,L\"Writing camera firmware: do not turn off or log off\")
+$thread:Call user32.ShutdownBlockReasonDestroy($window)"
+if [ "$status" = 0 ] && [ -n "$thread" ] && [ -n "$main" ] && [ "$thread" != "$main" ] &&
+  [ -n "$window" ] && [ "$calls" = "$expected" ]; then
+  echo "ok   the guard window made on its own thread ($thread), the block reason set there"
+else
+  echo "FAIL the guard window and its block reason (exit status $status):"
+  printf '%s\n' "$trace" | sed 's/^/    | /' | head -20
   failures=$((failures + 1))
 fi
 

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Ctrl+C and Ctrl+Break kept back while a camera is being written.
+// Ctrl+C and Ctrl+Break kept back while a camera is being written, log off and shut down held
+// (session_end_guard.cpp), and the end a kept-back interrupt asks for.
 //
 // The rules of the console that drive this file, from SetConsoleCtrlHandler and
 // HandlerRoutine:
@@ -21,7 +22,9 @@
 
 #include "platform/win32/interrupts.h"
 
+#include "platform/console.h"
 #include "platform/interrupts.h"
+#include "platform/win32/session_end_guard.h"
 
 namespace {
 
@@ -31,6 +34,22 @@ std::atomic<bool> keptBack{false};
 }  // namespace
 
 namespace platform::win32 {
+
+bool ConsoleIsOwnAndTyped() {
+    // GetConsoleProcessList: "If the function succeeds, the return value is less than or equal
+    // to dwProcessCount and represents the number of process identifiers stored in the buffer.
+    // If the buffer is too small to hold all the valid process identifiers, the return value is
+    // the required number of array elements." With room for one, 1 is this process alone: the
+    // console was made for it (started from Explorer) and closes when it ends. More is a
+    // console shared with the shell it was typed in, which stays; 0, no console at all.
+    DWORD processes[1];
+    if (GetConsoleProcessList(processes, 1) != 1) return false;
+    // The pause waits for a key from the standard input: only a console's has an operator
+    // behind it (a pipe may stay open and silent for ever).
+    DWORD mode = 0;
+    const HANDLE input = GetStdHandle(STD_INPUT_HANDLE);
+    return input != nullptr && input != INVALID_HANDLE_VALUE && GetConsoleMode(input, &mode);
+}
 
 BOOL WINAPI KeepInterruptsBackWhileHeld(DWORD ctrlType) {
     if ((ctrlType == CTRL_C_EVENT || ctrlType == CTRL_BREAK_EVENT) && holds.load() > 0) {
@@ -45,11 +64,15 @@ BOOL WINAPI KeepInterruptsBackWhileHeld(DWORD ctrlType) {
 namespace platform {
 
 InterruptHold::InterruptHold() {
-    if (holds.fetch_add(1) == 0) SetConsoleCtrlHandler(win32::KeepInterruptsBackWhileHeld, TRUE);
+    if (holds.fetch_add(1) != 0) return;
+    SetConsoleCtrlHandler(win32::KeepInterruptsBackWhileHeld, TRUE);
+    win32::GuardSessionEnd(true);
 }
 
 InterruptHold::~InterruptHold() {
-    if (holds.fetch_sub(1) == 1) SetConsoleCtrlHandler(win32::KeepInterruptsBackWhileHeld, FALSE);
+    if (holds.fetch_sub(1) != 1) return;
+    win32::GuardSessionEnd(false);
+    SetConsoleCtrlHandler(win32::KeepInterruptsBackWhileHeld, FALSE);
 }
 
 bool InterruptKeptBack() {
@@ -57,8 +80,15 @@ bool InterruptKeptBack() {
 }
 
 void EndByKeptBackInterrupt() {
+    if (!keptBack.load()) return;
+    // A console of the program's own closes with it, taking the last lines (was the camera
+    // written?) with it before anyone has read them: the system's pause, as the menus take it,
+    // keeps them on screen. By now the hold's handler is gone and the console's code page is
+    // back (main gave the console back before coming here), so a second Ctrl+C at the pause
+    // reaches the default handler, which ends the process with the same code as below.
+    if (win32::ConsoleIsOwnAndTyped()) PauseConsole();
     // What the default handler would have done with the Ctrl+C or Ctrl+Break.
-    if (keptBack.load()) ExitProcess(STATUS_CONTROL_C_EXIT);
+    ExitProcess(STATUS_CONTROL_C_EXIT);
 }
 
 }  // namespace platform

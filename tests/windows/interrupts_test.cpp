@@ -1,13 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
 // The console control handler of the interrupt hold, as the system calls it: Ctrl+C and
-// Ctrl+Break kept back while a hold lasts, every event passed on otherwise. (Wine 8 refuses
-// GenerateConsoleCtrlEvent here, so the routine is called as the system's thread would.)
+// Ctrl+Break kept back while a hold lasts, every event passed on otherwise. (Without a console,
+// as here, GenerateConsoleCtrlEvent fails, so the routine is called as the system's thread
+// would; the smoke test sends a real Ctrl+C on a console.) And the hidden window that answers
+// the session's end, asked as the system asks it.
 #include <windows.h>
 
 #include <gtest/gtest.h>
 
+#include <string>
+
 #include "platform/interrupts.h"
 #include "platform/win32/interrupts.h"
+#include "platform/win32/session_end_guard.h"
 
 namespace {
 
@@ -39,6 +44,71 @@ TEST(InterruptsOnWindows, CtrlCAndCtrlBreakAreKeptBackOnlyDuringAHold) {
     // The end of the last hold took the routine off the list, and events pass on again.
     EXPECT_FALSE(SetConsoleCtrlHandler(KeepInterruptsBackWhileHeld, FALSE));
     EXPECT_FALSE(KeepInterruptsBackWhileHeld(CTRL_C_EVENT));
+}
+
+// What the window answers when the session is to end for this reason: FALSE refuses.
+LRESULT AskToEndSession(HWND window, LPARAM why) {
+    DWORD_PTR answer = 0xBAD;
+    EXPECT_NE(
+        SendMessageTimeoutW(window, WM_QUERYENDSESSION, 0, why, SMTO_ABORTIFHUNG, 5000, &answer), 0)
+        << "the guard window did not answer within 5 s";
+    return static_cast<LRESULT>(answer);
+}
+
+// The reason the shutdown screen shows, where the system lets a program read it back (Wine 8's
+// user32 has no ShutdownBlockReasonQuery, and its ShutdownBlockReasonCreate is a stub).
+using QueryReason = BOOL(WINAPI*)(HWND, LPWSTR, DWORD*);
+QueryReason ReasonReader() {
+    // Through void (*)(), the generic function type, past GCC's cast-function-type warning.
+    return reinterpret_cast<QueryReason>(reinterpret_cast<void (*)()>(
+        GetProcAddress(GetModuleHandleW(L"user32.dll"), "ShutdownBlockReasonQuery")));
+}
+
+TEST(InterruptsOnWindows, LogOffAndShutDownAreRefusedOnlyDuringAHold) {
+    // lParam of WM_QUERYENDSESSION: 0 for a shut down or restart, or these bits.
+    const LPARAM reasons[] = {0, static_cast<LPARAM>(ENDSESSION_LOGOFF), ENDSESSION_CLOSEAPP};
+    HWND window = nullptr;
+    {
+        const platform::InterruptHold hold;
+        // Made by the time the hold has begun, and found as the system finds it: a top-level
+        // window (a message-only one would miss the broadcast), never shown.
+        window = FindWindowW(platform::win32::kWriteGuardClass, nullptr);
+        ASSERT_NE(window, nullptr);
+        EXPECT_EQ(GetAncestor(window, GA_PARENT), GetDesktopWindow());
+        EXPECT_FALSE(IsWindowVisible(window));
+        EXPECT_NE(GetWindowThreadProcessId(window, nullptr), GetCurrentThreadId())
+            << "the window must pump on a thread of its own";
+        {
+            const platform::InterruptHold nested;
+        }
+        for (const LPARAM why : reasons) EXPECT_EQ(AskToEndSession(window, why), FALSE) << why;
+        if (const QueryReason query = ReasonReader()) {
+            // Posted to the window's thread: asked after an answer from it, it has been set.
+            wchar_t reason[MAX_STR_BLOCKREASON + 1] = {};
+            DWORD length = MAX_STR_BLOCKREASON + 1;
+            SetLastError(0);
+            if (query(window, reason, &length) || GetLastError() != ERROR_CALL_NOT_IMPLEMENTED) {
+                EXPECT_EQ(std::wstring(reason), platform::win32::kWriteGuardReason);
+            }
+        }
+        // Another program may send the window WM_CLOSE; it stays.
+        SendMessageTimeoutW(window, WM_CLOSE, 0, 0, SMTO_ABORTIFHUNG, 5000, nullptr);
+        EXPECT_TRUE(IsWindow(window));
+    }
+    // Kept for the next write, and letting the session end until then.
+    EXPECT_EQ(FindWindowW(platform::win32::kWriteGuardClass, nullptr), window);
+    for (const LPARAM why : reasons) EXPECT_EQ(AskToEndSession(window, why), TRUE) << why;
+    {
+        const platform::InterruptHold again;
+        EXPECT_EQ(FindWindowW(platform::win32::kWriteGuardClass, nullptr), window);
+        EXPECT_EQ(AskToEndSession(window, 0), FALSE);
+    }
+}
+
+TEST(InterruptsOnWindows, WithoutAConsoleNothingWaitsForAKey) {
+    // The unit tests run with standard input from nowhere and no console (wine-run.sh), as a
+    // deployment tool starts the program: a pause there would wait for ever.
+    EXPECT_FALSE(platform::win32::ConsoleIsOwnAndTyped());
 }
 
 }  // namespace
