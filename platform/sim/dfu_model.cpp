@@ -355,7 +355,8 @@ void SimDfuDevice::TakeDueStep() {
     // Only the latest step counts, and only while nothing else has moved the device on (a
     // request it stalled, an unplug, a restart of its camera).
     if (!next_ || world_.NowMs() < next_->dueMs) return;
-    const TimedStep step = std::exchange(next_, std::nullopt).value();
+    const TimedStep step = std::move(*next_);
+    next_.reset();
     if (step.from == state_ && present && Current()) step.step();
 }
 
