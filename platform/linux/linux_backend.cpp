@@ -21,6 +21,7 @@
 #include "platform/common/wide_stream.h"
 #include "platform/ks.h"
 #include "platform/linux/camera_functions.h"
+#include "platform/linux/capture_nodes.h"
 #include "platform/linux/settings_store.h"
 #include "platform/linux/sysfs.h"
 #include "platform/linux/uevent_monitor.h"
@@ -134,14 +135,6 @@ class UsbfsConnection final : public UsbDeviceConnection {
 };
 
 // --- cameras through V4L2 and uvcvideo ---------------------------------------------------
-
-struct CaptureNode {
-    std::string nodeName;  // "video0"
-    UsbDeviceAddress address;
-    std::uint8_t interfaceNumber = 0;
-    std::string usbDeviceDir;  // sysfs directory of the USB device
-    std::wstring friendlyName;
-};
 
 class V4l2Connection final : public VideoDeviceConnection {
   public:
@@ -279,7 +272,7 @@ class LinuxBackend final : public DeviceBackend {
         // lowest capture node of its function.
         if (category != VideoCategory::kVideoCapture) return devices;
         const std::vector<CaptureNode> nodes = CaptureNodes();
-        for (const CameraFunction& function : GroupCameraFunctions(Records(nodes))) {
+        for (const CameraFunction& function : GroupCameraFunctions(NodeRecords(nodes))) {
             const CaptureNode& node = *std::find_if(nodes.begin(), nodes.end(), [&](const auto& n) {
                 return NodeNumber(n.nodeName) == function.nodes.front();
             });
@@ -293,7 +286,7 @@ class LinuxBackend final : public DeviceBackend {
                             std::unique_ptr<VideoDeviceConnection>* connection) override {
         const auto link = ParseVideoLink(symbolicLink);
         if (!link) return HResultFromError(ERROR_FILE_NOT_FOUND);
-        const auto node = DescribeNode(link->nodeName);
+        const auto node = DescribeCaptureNode(paths_.sys, link->nodeName, Capabilities());
         // The node number may have been given to another camera since the link was made.
         if (!node || node->address.sysName != link->address.sysName ||
             node->address.deviceNumber != link->address.deviceNumber ||
@@ -337,83 +330,27 @@ class LinuxBackend final : public DeviceBackend {
     std::string UsbDevicesDir() const { return paths_.sys + "/bus/usb/devices"; }
 
     std::optional<UsbDeviceAddress> ReadAddress(const std::string& name) const {
-        const std::string dir = UsbDevicesDir() + "/" + name;
-        const auto vendor = ReadNumberAttribute(dir + "/idVendor", 16);
-        const auto product = ReadNumberAttribute(dir + "/idProduct", 16);
-        const auto number = ReadNumberAttribute(dir + "/devnum", 10);
-        if (!vendor || !product || !number) return std::nullopt;
-        UsbDeviceAddress address;
-        address.sysName = name;
-        address.vendorId = static_cast<std::uint16_t>(*vendor);
-        address.productId = static_cast<std::uint16_t>(*product);
-        address.deviceNumber = *number;
-        return address;
+        return ReadUsbDeviceAddress(UsbDevicesDir(), name);
     }
 
-    // A capture node of a USB camera, or nothing for metadata nodes, output devices and
-    // nodes that are not on USB.
-    std::optional<CaptureNode> DescribeNode(const std::string& nodeName) const {
-        const std::string classDir = paths_.sys + "/class/video4linux/" + nodeName;
-        char resolved[PATH_MAX];
-        if (::realpath((classDir + "/device").c_str(), resolved) == nullptr) return std::nullopt;
-        const std::string interfaceDir = resolved;
-        const auto slash = interfaceDir.rfind('/');
-        if (slash == std::string::npos) return std::nullopt;
-        const std::string usbDir = interfaceDir.substr(0, slash);
-        const std::string usbName = usbDir.substr(usbDir.rfind('/') + 1);
-        const auto interfaceNumber = ReadNumberAttribute(interfaceDir + "/bInterfaceNumber", 16);
-        const auto address = ReadAddress(usbName);
-        if (!interfaceNumber || !address || *interfaceNumber > 0xFF) return std::nullopt;
-
-        FileDescriptor fd(::open((paths_.dev + "/" + nodeName).c_str(), O_RDONLY | O_CLOEXEC));
-        if (fd.get() < 0) return std::nullopt;
-        v4l2_capability caps{};
-        if (RetryIoctl(fd.get(), VIDIOC_QUERYCAP, &caps) < 0) return std::nullopt;
-        const std::uint32_t nodeCaps =
-            (caps.capabilities & V4L2_CAP_DEVICE_CAPS) ? caps.device_caps : caps.capabilities;
-        if (!(nodeCaps & (V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_VIDEO_CAPTURE_MPLANE))) {
-            return std::nullopt;
-        }
-        CaptureNode node;
-        node.nodeName = nodeName;
-        node.address = *address;
-        node.interfaceNumber = static_cast<std::uint8_t>(*interfaceNumber);
-        node.usbDeviceDir = usbDir;
-        // The V4L2 card name is cut at 31 characters; the product string is whole.
-        const auto product = ReadAttribute(usbDir + "/product");
-        node.friendlyName = Utf8ToWide(
-            product && !product->empty() ? *product : reinterpret_cast<const char*>(caps.card));
-        return node;
+    // What VIDIOC_QUERYCAP says of a node of this machine.
+    CapabilityQuery Capabilities() const {
+        return [dev = paths_.dev](const std::string& nodeName) -> std::optional<NodeCapabilities> {
+            FileDescriptor fd(::open((dev + "/" + nodeName).c_str(), O_RDONLY | O_CLOEXEC));
+            if (fd.get() < 0) return std::nullopt;
+            v4l2_capability caps{};
+            if (RetryIoctl(fd.get(), VIDIOC_QUERYCAP, &caps) < 0) return std::nullopt;
+            const std::uint32_t nodeCaps =
+                (caps.capabilities & V4L2_CAP_DEVICE_CAPS) ? caps.device_caps : caps.capabilities;
+            const auto* card = reinterpret_cast<const char*>(caps.card);
+            return NodeCapabilities{
+                (nodeCaps & (V4L2_CAP_VIDEO_CAPTURE | V4L2_CAP_VIDEO_CAPTURE_MPLANE)) != 0,
+                std::string(card, ::strnlen(card, sizeof caps.card))};
+        };
     }
 
-    static unsigned NodeNumber(const std::string& name) {
-        unsigned index = 0;
-        std::sscanf(name.c_str(), "video%u", &index);
-        return index;
-    }
-
-    static std::vector<CaptureNodeRecord> Records(const std::vector<CaptureNode>& nodes) {
-        std::vector<CaptureNodeRecord> records;
-        records.reserve(nodes.size());
-        for (const CaptureNode& node : nodes) {
-            records.push_back(
-                {NodeNumber(node.nodeName), node.address.sysName, node.interfaceNumber});
-        }
-        return records;
-    }
-
-    // Every capture node, lowest number first.
     std::vector<CaptureNode> CaptureNodes() const {
-        std::vector<CaptureNode> nodes;
-        for (const std::string& name : ListDirectory(paths_.sys + "/class/video4linux")) {
-            unsigned index = 0;
-            if (std::sscanf(name.c_str(), "video%u", &index) != 1) continue;
-            if (auto node = DescribeNode(name)) nodes.push_back(std::move(*node));
-        }
-        std::sort(nodes.begin(), nodes.end(), [](const auto& a, const auto& b) {
-            return NodeNumber(a.nodeName) < NodeNumber(b.nodeName);
-        });
-        return nodes;
+        return ListCaptureNodes(paths_.sys, Capabilities());
     }
 
     // The sysfs descriptors file holds the device descriptor and then every configuration.

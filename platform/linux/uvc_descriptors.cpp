@@ -22,8 +22,10 @@ GUID GuidFromWire(const std::uint8_t* p) {
     return guid;
 }
 
-// One class-specific video-control descriptor; false when it is too short for its kind.
-bool ParseEntity(const std::uint8_t* d, std::uint8_t length, UvcEntity* entity) {
+enum class Parsed { kEntity, kUnknown, kTooShort };
+
+// One class-specific video-control descriptor of `length` bytes.
+Parsed ParseEntity(const std::uint8_t* d, std::uint8_t length, UvcEntity* entity) {
     static const struct {
         std::uint8_t subtype;
         std::uint8_t shortest;
@@ -38,7 +40,8 @@ bool ParseEntity(const std::uint8_t* d, std::uint8_t length, UvcEntity* entity) 
     };
     const auto* kind = std::find_if(std::begin(kinds), std::end(kinds),
                                     [&](const auto& k) { return k.subtype == d[2]; });
-    if (kind == std::end(kinds) || length < kind->shortest) return false;
+    if (kind == std::end(kinds)) return Parsed::kUnknown;
+    if (length < kind->shortest) return Parsed::kTooShort;
     entity->kind = kind->kind;
     entity->id = d[3];       // bTerminalID or bUnitID
     std::size_t sizeAt = 0;  // where bControlSize is; bmControls follows
@@ -46,7 +49,10 @@ bool ParseEntity(const std::uint8_t* d, std::uint8_t length, UvcEntity* entity) 
         case UvcEntityKind::kInputTerminal:
         case UvcEntityKind::kOutputTerminal:
             entity->terminalType = Le16(d + 4);
-            return true;
+            return Parsed::kEntity;
+        case UvcEntityKind::kSelectorUnit:
+            // bNrInPins, then one baSourceID each
+            return length < 5u + d[4] ? Parsed::kTooShort : Parsed::kEntity;
         case UvcEntityKind::kProcessingUnit:
             sizeAt = 7;
             break;
@@ -55,15 +61,15 @@ bool ParseEntity(const std::uint8_t* d, std::uint8_t length, UvcEntity* entity) 
             entity->extensionCode = GuidFromWire(d + 4);
             entity->controlCount = d[20];
             sizeAt = 22 + std::size_t{d[21]};
-            if (sizeAt >= length) return false;
+            if (sizeAt >= length) return Parsed::kTooShort;
             break;
-        default:
-            return true;
+        case UvcEntityKind::kEncodingUnit:
+            return Parsed::kEntity;
     }
     const std::size_t size = d[sizeAt];
-    if (sizeAt + 1 + size > length) return false;
+    if (sizeAt + 1 + size > length) return Parsed::kTooShort;
     entity->controls.assign(d + sizeAt + 1, d + sizeAt + 1 + size);
-    return true;
+    return Parsed::kEntity;
 }
 
 }  // namespace
@@ -81,6 +87,7 @@ std::optional<UvcControlInterface> ParseUvcControlInterface(const std::uint8_t* 
     if (config == nullptr) return std::nullopt;
     std::optional<UvcControlInterface> result;
     bool inside = false;
+    bool refused = false;
     WalkDescriptors(config, length, [&](const usb_descriptor_header& d) {
         if (d.bLength < 2) return false;
         if (d.bDescriptorType == USB_DT_INTERFACE) {
@@ -101,13 +108,26 @@ std::optional<UvcControlInterface> ParseUvcControlInterface(const std::uint8_t* 
             if (d.bytes[2] == UVC_VC_HEADER) {
                 if (d.bLength >= 5) result->uvcVersion = Le16(d.bytes + 3);
             } else {
+                // A vendor's own subtype is stepped over by its length, as uvcvideo does, so
+                // the units after it (the family's among them) are still found. A unit or
+                // terminal too short for its kind is where uvcvideo gives up the whole
+                // interface: such a camera has no units to offer.
                 UvcEntity entity;
-                if (!ParseEntity(d.bytes, d.bLength, &entity)) return false;
-                result->entities.push_back(std::move(entity));
+                switch (ParseEntity(d.bytes, d.bLength, &entity)) {
+                    case Parsed::kEntity:
+                        result->entities.push_back(std::move(entity));
+                        break;
+                    case Parsed::kUnknown:
+                        break;
+                    case Parsed::kTooShort:
+                        refused = true;
+                        return false;
+                }
             }
         }
         return true;
     });
+    if (refused) return std::nullopt;
     return result;
 }
 

@@ -40,8 +40,11 @@ struct UvcControlInterface {
 
 // Finds the video-control interface with the given number in a configuration descriptor
 // (as read from the device, wTotalLength bytes) and collects its units and terminals.
-// Returns nothing when the interface is absent or is not a UVC video-control interface.
-// Truncated or malformed descriptors end the walk; entities seen up to there are kept.
+// Returns nothing when the interface is absent or is not a UVC video-control interface, and
+// when one of its units or terminals is shorter than its kind (uvcvideo refuses such a
+// camera). A class-specific descriptor of a subtype it does not know is stepped over. A length
+// that cannot be walked (zero, or past the end) ends the walk; entities seen up to there are
+// kept.
 std::optional<UvcControlInterface> ParseUvcControlInterface(const std::uint8_t* config,
                                                             std::size_t length,
                                                             std::uint8_t interfaceNumber);

@@ -2,6 +2,7 @@
 // The DFU 1.1 device model of the lab: a device in DFU mode as it looks on the bus, strict
 // about the order of requests, with the faults a world file can ask for.
 #include <algorithm>
+#include <utility>
 
 #include "platform/sim/sim_world.h"
 #include "platform/usb_descriptors.h"
@@ -166,13 +167,9 @@ platform::ErrorCode SimDfuDevice::ControlTransfer(const platform::UsbSetupPacket
             return ERROR_DEVICE_NOT_CONNECTED;
         }
     }
-    if (busy_) {
-        // Busy writing: the device takes no request before the poll time-out it reported.
-        if (world_.NowMs() < busyUntilMs_) return Stall();
-        busy_ = false;
-        if (state_ == kDnBusy) state_ = kDnloadSync;
-        if (state_ == kManifest) EndManifest();
-    }
+    // On the machine's clock the world's event thread may run a little late; a request that
+    // comes after the step was due finds it taken, as on the device.
+    TakeDueStep();
     return Request(setup, buffer, transferred);
 }
 
@@ -213,6 +210,9 @@ platform::ErrorCode SimDfuDevice::Request(const platform::UsbSetupPacket& setup,
             // The family's devices take DETACH in dfuIDLE without leaving DFU mode.
             state_ = state_ == kDfuIdle ? spec_.stateAfterDetach : std::uint8_t{kAppDetach};
             detachTimeout_ = setup.wValue;
+            // A device told to detach waits that long for the bus reset; none comes from this
+            // host, so it gives up and goes on with its application.
+            if (state_ == kAppDetach) After(setup.wValue, [this] { state_ = kAppIdle; });
             return ERROR_SUCCESS;
         case DfuRequest::kDnload:
             if (!out) return Stall();
@@ -247,6 +247,8 @@ platform::ErrorCode SimDfuDevice::Request(const platform::UsbSetupPacket& setup,
 
 platform::ErrorCode SimDfuDevice::Download(const platform::UsbSetupPacket& setup,
                                            const std::uint8_t* data) {
+    // A download begins with data: an empty DNLOAD in dfuIDLE ends no image and starts none.
+    if (state_ == kDfuIdle && setup.wLength == 0) return Stall();
     if (state_ == kDfuIdle || download_ < 0) {
         blocks_ = 0;
         world_.Downloads().push_back(DownloadRecord{spec_.link, 0, 0, 0, false});
@@ -257,8 +259,6 @@ platform::ErrorCode SimDfuDevice::Download(const platform::UsbSetupPacket& setup
     if (setup.wValue != expected) return Stall();
 
     if (setup.wLength == 0) {
-        // An empty download before any data is not a valid end of image.
-        if (state_ == kDfuIdle) return Stall();
         state_ = kManifestSync;
         manifested_ = false;
         return ERROR_SUCCESS;
@@ -326,20 +326,38 @@ void SimDfuDevice::AnswerStatus(std::uint8_t* buffer, std::uint32_t* transferred
             break;
     }
     std::uint32_t pollTimeout = 0;
-    if (state_ == kDnBusy || state_ == kManifest) {
-        pollTimeout =
-            state_ == kManifest ? spec_.manifestPolls * spec_.pollTimeoutMs : spec_.pollTimeoutMs;
-        busy_ = true;
-        busyUntilMs_ = world_.NowMs() + pollTimeout;
-    }
+    if (state_ == kDnBusy) pollTimeout = spec_.pollTimeoutMs;
+    if (state_ == kManifest) pollTimeout = spec_.manifestPolls * spec_.pollTimeoutMs;
     // bStatus, bwPollTimeout (three bytes), bState, iString.
     usb::StoreLe(buffer, status_, static_cast<std::uint16_t>(pollTimeout),
                  static_cast<std::uint8_t>(pollTimeout >> 16), state_, std::uint8_t{0});
     *transferred = 6;
+    // The block is written, or the image put in place, in the time the reply announces,
+    // whether or not the host asks again.
+    if (state_ == kDnBusy) After(pollTimeout, [this] { state_ = kDnloadSync; });
+    if (state_ == kManifest) After(pollTimeout, [this] { EndManifest(); });
     if (resetAfterAnswer) {
         lastStatusBeforeReset_ = true;
         ResetAfterManifest();
     }
+}
+
+void SimDfuDevice::After(std::uint32_t ms, std::function<void()> step) {
+    next_ = TimedStep{world_.NowMs() + ms, state_, std::move(step)};
+    if (ms == 0) {
+        TakeDueStep();
+        return;
+    }
+    world_.Schedule(ms, [this] { TakeDueStep(); });
+}
+
+void SimDfuDevice::TakeDueStep() {
+    // Only the latest step counts, and only while nothing else has moved the device on (a
+    // request it stalled, an unplug, a restart of its camera).
+    if (!next_ || world_.NowMs() < next_->dueMs) return;
+    const TimedStep step = std::move(*next_);
+    next_.reset();
+    if (step.from == state_ && present && Current()) step.step();
 }
 
 void SimDfuDevice::EndManifest() {

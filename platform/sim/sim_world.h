@@ -63,6 +63,10 @@ class SimDfuDevice {
     platform::ErrorCode Stall();
     platform::ErrorCode StandardRequest(const platform::UsbSetupPacket& setup, std::uint8_t* buffer,
                                         std::uint32_t* transferred);
+    // What the device does by itself `ms` world milliseconds from now, if it is still in the
+    // state it is in now.
+    void After(std::uint32_t ms, std::function<void()> step);
+    void TakeDueStep();
     void EndManifest();
     platform::ErrorCode Request(const platform::UsbSetupPacket& setup, std::uint8_t* buffer,
                                 std::uint32_t* transferred);
@@ -78,8 +82,12 @@ class SimDfuDevice {
     std::uint8_t status_ = 0;             // bStatus of the next GETSTATUS
     std::uint32_t requestsSeen_[7] = {};  // by bRequest
     std::uint32_t listings_ = 0;
-    std::uint64_t busyUntilMs_ = 0;  // no request before then: the poll time-out it reported
-    bool busy_ = false;
+    struct TimedStep {
+        std::uint64_t dueMs;  // world time
+        std::uint8_t from;    // the state it leaves
+        std::function<void()> step;
+    };
+    std::optional<TimedStep> next_;  // what the device does next by itself
     bool statusAfterBlockDue_ = false;
     std::optional<std::uint16_t> detachTimeout_;
     std::vector<std::uint8_t> deviceDescriptor_;

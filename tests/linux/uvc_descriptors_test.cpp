@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <vector>
 
 namespace platform::linux_hw {
@@ -40,13 +41,14 @@ Bytes ExtensionUnit(std::uint8_t id, std::uint8_t controls, const Bytes& pins,
 // A camera of the family as it enumerates: video control on interface 0 with a camera
 // terminal, a processing unit, the extension unit and a streaming output terminal, then the
 // streaming interface.
-Bytes CameraConfiguration(const Bytes& extensionUnit) {
+Bytes CameraConfiguration(const Bytes& extensionUnit, const Bytes& beforeUnit = {}) {
     Bytes config = {9, 0x02, 0, 0, 2, 1, 0, 0x80, 0xFA};
     Append(config, {8, 0x0B, 0, 2, 0x0E, 0x03, 0, 0});                     // association
     Append(config, {9, 0x04, 0, 0, 1, 0x0E, 0x01, 0, 0});                  // VC interface
     Append(config, {13, 0x24, 0x01, 0x00, 0x01, 0, 0, 0, 0, 0, 0, 1, 1});  // VC header 1.00
     Append(config, {18, 0x24, 0x02, 1, 0x01, 0x02, 0, 0, 0, 0, 0, 0, 0, 0, 0, 3, 0, 0});
     Append(config, {11, 0x24, 0x05, 2, 1, 0, 0, 2, 0x01, 0x00, 0});  // processing unit
+    Append(config, beforeUnit);
     Append(config, extensionUnit);
     Append(config, {9, 0x24, 0x03, 4, 0x01, 0x01, 0, 3, 0});  // streaming output terminal
     Append(config, {7, 0x05, 0x81, 0x03, 16, 0, 8});          // interrupt endpoint
@@ -126,6 +128,51 @@ INSTANTIATE_TEST_SUITE_P(Cases, DamagedDescriptors,
                                            Damage{"zeroLengthProcessingUnit", 0, 57, 1},
                                            Damage{"zeroLengthHeader", 0, 26, 0}),
                          [](const auto& info) { return std::string(info.param.name); });
+
+constexpr int kRefused = -1;
+
+struct Inserted {
+    const char* name;
+    Bytes beforeUnit;  // class-specific descriptors put between the processing and extension units
+    int entities;      // kRefused: the interface is refused
+    bool unitFound;
+};
+
+class BeforeTheUnit : public ::testing::TestWithParam<Inserted> {};
+
+TEST_P(BeforeTheUnit, UnknownSubtypesAreSteppedOverShortEntitiesRefused) {
+    const Inserted& row = GetParam();
+    const Bytes config = CameraConfiguration(ExtensionUnit(3, 1, {2}, {0x01}), row.beforeUnit);
+    const auto parsed = ParseUvcControlInterface(config.data(), config.size(), 0);
+    ASSERT_EQ(parsed.has_value(), row.entities != kRefused);
+    if (!parsed) return;
+    EXPECT_EQ(parsed->entities.size(), static_cast<std::size_t>(row.entities));
+    const bool found = std::any_of(parsed->entities.begin(), parsed->entities.end(), [](auto& e) {
+        return e.kind == UvcEntityKind::kExtensionUnit && e.extensionCode == kFamilyUnit;
+    });
+    EXPECT_EQ(found, row.unitFound);
+}
+
+// clang-format off
+INSTANTIATE_TEST_SUITE_P(
+    Cases, BeforeTheUnit,
+    ::testing::Values(
+        Inserted{"vendorSubtype", {7, 0x24, 0x41, 9, 0xAA, 0xBB, 0xCC}, 4, true},
+        Inserted{"twoVendorSubtypes", {4, 0x24, 0x41, 9, 5, 0x24, 0x42, 8, 0}, 4, true},
+        Inserted{"wholeSelectorUnit", {6, 0x24, 0x04, 9, 1, 2}, 5, true},
+        Inserted{"selectorUnitShorterThanItsKind", {4, 0x24, 0x04, 9}, kRefused, false},
+        Inserted{"selectorUnitShorterThanItsPins", {6, 0x24, 0x04, 9, 2, 2}, kRefused, false},
+        Inserted{"processingUnitShorterThanItsKind", {7, 0x24, 0x05, 9, 1, 0, 0}, kRefused, false},
+        Inserted{"processingUnitControlsPastItsLength", {9, 0x24, 0x05, 9, 1, 0, 0, 2, 1}, kRefused,
+                 false},
+        Inserted{"extensionUnitPinsPastItsLength",
+                 {24, 0x24, 0x06, 9, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 2, 1, 1},
+                 kRefused, false},
+        // Lengths that cannot be walked end the walk; it must end, and keep what came before.
+        Inserted{"zeroLength", {0, 0x24, 0x41, 9}, 2, false},
+        Inserted{"lengthPastTheEnd", {250, 0x24, 0x41, 9}, 2, false}),
+    [](const auto& info) { return std::string(info.param.name); });
+// clang-format on
 
 }  // namespace
 }  // namespace platform::linux_hw
