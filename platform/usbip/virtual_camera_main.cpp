@@ -10,8 +10,8 @@
 //
 //   lynx-virtual-camera [--log FILE] [--mode camera|dfu] [--version A.B.C.D]
 //                       [--new-version A.B.C.D] [--transfer-size N] [--unplug-at-block N]
-//                       [--dfu-delay-ms N] [--lifetime-s N] [--image-out FILE]
-//                       [--hold-at-block N]
+//                       [--dfu-delay-ms N] [--reset-after-manifest-ms N] [--lifetime-s N]
+//                       [--image-out FILE] [--hold-at-block N]
 //
 // Runs as root (it writes to vhci-hcd's sysfs files) until --lifetime-s has passed or it
 // gets SIGTERM or SIGINT; the device leaves the bus when it ends. SIGUSR1 pulls the device
@@ -54,7 +54,7 @@ constexpr auto kHoldLimit = std::chrono::seconds(4);
 constexpr const char* kUsage =
     "usage: lynx-virtual-camera [--log FILE] [--mode camera|dfu] [--version A.B.C.D] "
     "[--new-version A.B.C.D] [--transfer-size N] [--unplug-at-block N] [--dfu-delay-ms N] "
-    "[--lifetime-s N] [--image-out FILE] [--hold-at-block N]\n"
+    "[--reset-after-manifest-ms N] [--lifetime-s N] [--image-out FILE] [--hold-at-block N]\n"
     "(options: man lynx-virtual-camera, or /usr/share/doc/lynx-dfu/virtual-camera.md)";
 constexpr const char* kLicence =
     "lynx-virtual-camera is part of lynx-dfu, licensed under the Apache License, Version 2.0 "
@@ -111,6 +111,8 @@ bool ParseOptions(int argc, char** argv, Options* options) {
             } else if (name == "--unplug-at-block" && isNumber) {
                 dfu.fault =
                     sim::DfuFault{static_cast<std::uint32_t>(number), sim::FaultKind::kUnplug};
+            } else if (name == "--reset-after-manifest-ms" && isNumber && number <= 60000) {
+                dfu.resetAfterManifestMs = static_cast<std::uint32_t>(number);
             } else if (name == "--dfu-delay-ms" && isNumber && number <= 10000) {
                 camera.dfuDelayMs = static_cast<std::uint32_t>(number);
             } else if (name == "--hold-at-block" && isNumber && number <= 0xFFFF) {
@@ -207,6 +209,9 @@ class VirtualCamera {
     bool Follow() {
         const Face now = OnTheBus();
         if (now == face_) return true;
+        // A device that finished manifesting while no request came is logged as manifested
+        // before it is seen to leave.
+        if (face_ == Face::kDfu) Manifested();
         if (face_ != Face::kNone)
             Leave(leaveReason_.empty() ? "left the bus" : leaveReason_.c_str());
         leaveReason_.clear();
