@@ -26,6 +26,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <fstream>
 #include <memory>
 #include <optional>
@@ -412,6 +413,13 @@ int main(int argc, char** argv) {
     action.sa_handler = [](int) { holdReleased = 1; };
     sigaction(SIGUSR2, &action, nullptr);
     signal(SIGPIPE, SIG_IGN);
-    VirtualCamera camera(options);
-    return camera.Run();
+    // The world's state is read as JSON; a failure there is the emulator's own fault, said in
+    // one line rather than by an abort.
+    try {
+        VirtualCamera camera(options);
+        return camera.Run();
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "lynx-virtual-camera: %s\n", error.what());
+        return 1;
+    }
 }
