@@ -10,11 +10,13 @@
 #include <future>
 #include <mutex>
 #include <optional>
+#include <sstream>
 #include <thread>
 #include <utility>
 
 #include "../dfu/named_row.h"
 #include "dfu/device_watcher.h"
+#include "dfu/dfu_devices_factory.h"
 #include "platform/posix/device_backend.h"
 #include "platform/sim/sim_world.h"
 #include "platform/sync.h"
@@ -287,5 +289,18 @@ INSTANTIATE_TEST_SUITE_P(
         RaceCase{"ListNeverSettles", {kFirst}, {}, {}, false, false, 1000}),
     [](const testing::TestParamInfo<RaceCase>& info) { return std::string(info.param.name); });
 // clang-format on
+
+// A family device already present ends the discovery's wait at once, in the platform's order.
+TEST(Discovery, APresentDeviceEndsTheWaitAtOnce) {
+    LabBus bus({kOtherPid, kSecond, kOtherVid, kFirst}, 10);
+    std::ostringstream log;
+    const ULONGLONG start = GetTickCount64();
+    const auto devices = CreateDfuDevicesFactory(&log)->GetDfuDevices(10000);
+    EXPECT_LT(GetTickCount64() - start, 5000u);
+    ASSERT_EQ(devices.size(), 2u);
+    EXPECT_EQ(devices[0]->GetSymbolicLink(), kSecondLower);
+    EXPECT_EQ(devices[1]->GetSymbolicLink(), kFirstLower);
+    EXPECT_EQ(log.str(), "");
+}
 
 }  // namespace

@@ -165,6 +165,11 @@ INSTANTIATE_TEST_SUITE_P(
         Rule{"PollAfterTimeOut", kBusy, {kBlock0, kStatus, {kIn, kGetStatus, 0, 6, 0, 300}}, true,
              "dfuDNLOAD_IDLE"},
         Rule{"AbortWithData", "", {{kOut, kAbort, 0, 1}}, false, "dfuERROR"},
+        // A download starts with data; and with no bus reset after a detach, the device gives up
+        // waiting after the time the host asked for.
+        Rule{"EmptyDownloadInIdle", "", {{kOut, kDnload, 0, 0}}, false, "dfuERROR"},
+        Rule{"DetachGivenUp", R"("initialState": "appIDLE")",
+             {{kOut, kDetach, 500, 0}, {kIn, kGetState, 0, 1, 0, 500}}, true, "appIDLE"},
         Rule{"UnknownRequest", "", {{kOut, 0x42, 0, 0}}, false, "dfuERROR"},
         // Chapter 9 requests leave the DFU state alone, taken or not.
         Rule{"StandardGetStatus", "", {{0x80, 0, 0, 2}}, true, "dfuIDLE"},
@@ -231,6 +236,57 @@ INSTANTIATE_TEST_SUITE_P(
         StateRow{"dfuUPLOAD_IDLE", {E, E, "dfuIDLE", "dfuUPLOAD_IDLE", E, "dfuUPLOAD_IDLE", "dfuIDLE"}},
         StateRow{"dfuERROR", {E, E, E, "dfuERROR", "dfuIDLE", "dfuERROR", E}}),
     [](const testing::TestParamInfo<StateRow>& info) { return std::string(info.param.state); });
+// clang-format on
+
+// A replug after `blocks` data blocks of a download (and its manifestation, with `manifest`).
+struct Replug {
+    const char* name;
+    bool inDfuMode;
+    std::uint16_t blocks;
+    bool manifest;
+    const char* after;  // what is on the bus: the camera's firmware, the DFU device's state
+};
+class Replugged : public testing::TestWithParam<Replug> {};
+
+TEST_P(Replugged, BootLoaderStartsOnWhatTheFlashHolds) {
+    const Replug& row = GetParam();
+    sim::SimWorld world(sim::ParseWorld(
+        R"({"speedup": 100, "cameras": [{"name": "C", "link": "c", "lynx": true, "firmware": "1.0.0.0", "firmwareAfterUpdate": "2.0.0.0", "dfu": {)" +
+        kLink + R"(}, "inDfuMode": )" + (row.inDfuMode ? "true" : "false") + "}]}"));
+    std::unique_ptr<platform::UsbDeviceConnection> usb;
+    std::uint8_t data[16] = {};
+    std::uint32_t done = 0;
+    const auto request = [&](std::uint8_t type, std::uint8_t request, std::uint16_t value,
+                             std::uint16_t length) {
+        return usb->ControlTransfer({type, request, value, 0, length}, data, 16, &done);
+    };
+    ASSERT_EQ(row.inDfuMode ? 0u : 2u,
+              world.OpenUsbDevice(L"\\\\?\\USB#VID_3C5E&PID_0F1C#1", &usb));
+    const auto end = static_cast<std::uint16_t>(row.blocks + (row.manifest ? 1 : 0));
+    for (std::uint16_t block = 0; block < end; ++block) {
+        ASSERT_EQ(0u, request(kOut, kDnload, block, block < row.blocks ? 16 : 0));
+        ASSERT_EQ(0u, request(kIn, kGetStatus, 0, 6));
+    }
+    if (row.manifest) world.Sleep(50);
+    EXPECT_TRUE(!row.manifest || request(kIn, kGetStatus, 0, 6) == 0);  // dfuMANIFEST_WAIT_RESET
+    world.Replug(0, 500);
+    world.Sleep(500);
+    const auto state = world.DumpState();
+    std::string onTheBus = state["cameras"][0]["present"] ? state["cameras"][0]["firmware"] : "";
+    for (const auto& device : state["dfuDevices"]) {
+        onTheBus += device["present"] ? device["state"].get<std::string>() : "";
+    }
+    EXPECT_EQ(row.after, onTheBus);
+}
+
+// clang-format off
+INSTANTIATE_TEST_SUITE_P(
+    Flash, Replugged,
+    testing::Values(Replug{"Untouched", false, 0, false, "1.0.0.0"},
+                    Replug{"StuckInDfuMode", true, 0, false, "dfuIDLE"},
+                    Replug{"CutOff", true, 2, false, "dfuIDLE"},
+                    Replug{"Manifested", true, 1, true, "2.0.0.0"}),
+    [](const testing::TestParamInfo<Replug>& info) { return info.param.name; });
 // clang-format on
 
 }  // namespace
