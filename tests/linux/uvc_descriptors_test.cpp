@@ -100,35 +100,6 @@ TEST(UvcDescriptors, UnitsInDescriptorOrderOnlyUnderTheControlInterfaceAndWideBi
     EXPECT_FALSE(wideUnit.HasControl(17));  // beyond the bitmap
 }
 
-struct Damage {
-    const char* name;
-    std::size_t keep;    // bytes of the configuration kept; 0 keeps all
-    std::size_t zeroAt;  // a length byte set to 0; 0 leaves all
-    std::size_t entities;
-};
-
-class DamagedDescriptors : public ::testing::TestWithParam<Damage> {};
-
-// Whatever the device sends, the walk ends and keeps only the whole entities before the damage.
-TEST_P(DamagedDescriptors, WalkStopsAtTheDamage) {
-    Bytes config = CameraConfiguration(ExtensionUnit(3, 1, {2}, {0x01}));
-    const Damage& damage = GetParam();
-    if (damage.keep != 0) config.resize(damage.keep);
-    if (damage.zeroAt != 0) config[damage.zeroAt] = 0;
-    const auto parsed = ParseUvcControlInterface(config.data(), config.size(), 0);
-    ASSERT_TRUE(parsed);
-    EXPECT_EQ(parsed->entities.size(), damage.entities);
-}
-
-// Offsets in CameraConfiguration: VC interface at 17, header at 26, camera terminal at 39 (18
-// bytes), processing unit at 57, extension unit at 68 (26 bytes), output terminal at 94.
-INSTANTIATE_TEST_SUITE_P(Cases, DamagedDescriptors,
-                         ::testing::Values(Damage{"cutInsideExtensionUnit", 80, 0, 2},
-                                           Damage{"cutAfterExtensionUnit", 94, 0, 3},
-                                           Damage{"zeroLengthProcessingUnit", 0, 57, 1},
-                                           Damage{"zeroLengthHeader", 0, 26, 0}),
-                         [](const auto& info) { return std::string(info.param.name); });
-
 constexpr int kRefused = -1;
 
 struct Inserted {
@@ -136,13 +107,19 @@ struct Inserted {
     Bytes beforeUnit;  // class-specific descriptors put between the processing and extension units
     int entities;      // kRefused: the interface is refused
     bool unitFound;
+    std::size_t keep = 0;    // bytes of the configuration kept; 0 keeps all
+    std::size_t zeroAt = 0;  // a length byte set to 0; 0 leaves all
 };
 
-class BeforeTheUnit : public ::testing::TestWithParam<Inserted> {};
+class ControlInterfaceWalk : public ::testing::TestWithParam<Inserted> {};
 
-TEST_P(BeforeTheUnit, UnknownSubtypesAreSteppedOverShortEntitiesRefused) {
+// Whatever the device sends, the walk ends: unknown subtypes are stepped over, entities
+// shorter than their kind refuse the interface, and damage keeps the whole entities before it.
+TEST_P(ControlInterfaceWalk, StepsOverUnknownSubtypesRefusesShortEntitiesStopsAtDamage) {
     const Inserted& row = GetParam();
-    const Bytes config = CameraConfiguration(ExtensionUnit(3, 1, {2}, {0x01}), row.beforeUnit);
+    Bytes config = CameraConfiguration(ExtensionUnit(3, 1, {2}, {0x01}), row.beforeUnit);
+    if (row.keep != 0) config.resize(row.keep);
+    if (row.zeroAt != 0) config[row.zeroAt] = 0;
     const auto parsed = ParseUvcControlInterface(config.data(), config.size(), 0);
     ASSERT_EQ(parsed.has_value(), row.entities != kRefused);
     if (!parsed) return;
@@ -153,9 +130,11 @@ TEST_P(BeforeTheUnit, UnknownSubtypesAreSteppedOverShortEntitiesRefused) {
     EXPECT_EQ(found, row.unitFound);
 }
 
+// Offsets in CameraConfiguration: VC interface at 17, header at 26, camera terminal at 39 (18
+// bytes), processing unit at 57, extension unit at 68 (26 bytes), output terminal at 94.
 // clang-format off
 INSTANTIATE_TEST_SUITE_P(
-    Cases, BeforeTheUnit,
+    Cases, ControlInterfaceWalk,
     ::testing::Values(
         Inserted{"vendorSubtype", {7, 0x24, 0x41, 9, 0xAA, 0xBB, 0xCC}, 4, true},
         Inserted{"twoVendorSubtypes", {4, 0x24, 0x41, 9, 5, 0x24, 0x42, 8, 0}, 4, true},
@@ -170,7 +149,11 @@ INSTANTIATE_TEST_SUITE_P(
                  kRefused, false},
         // Lengths that cannot be walked end the walk; it must end, and keep what came before.
         Inserted{"zeroLength", {0, 0x24, 0x41, 9}, 2, false},
-        Inserted{"lengthPastTheEnd", {250, 0x24, 0x41, 9}, 2, false}),
+        Inserted{"lengthPastTheEnd", {250, 0x24, 0x41, 9}, 2, false},
+        Inserted{"cutInsideExtensionUnit", {}, 2, false, 80},
+        Inserted{"cutAfterExtensionUnit", {}, 3, true, 94},
+        Inserted{"zeroLengthProcessingUnit", {}, 1, false, 0, 57},
+        Inserted{"zeroLengthHeader", {}, 0, false, 0, 26}),
     [](const auto& info) { return std::string(info.param.name); });
 // clang-format on
 

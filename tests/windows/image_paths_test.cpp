@@ -1,18 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
-// Typed image paths through the real file calls: bytes that are no UTF-8 open in the ANSI
-// code page; reserved device names, \\.\ names and folders are "Failed to open file" by what
-// their handle reaches; the Win32 rules for trailing dots and spaces and long paths hold.
+// Typed image paths through the real file calls: UTF-8 names open as such, also in quotes,
+// and bytes that are no UTF-8 in the ANSI code page; reserved device names, \\.\ names and
+// folders are "Failed to open file" by what their handle reaches; the Win32 rules for trailing
+// dots and spaces and long paths hold.
 #include <windows.h>
 
 #include <gtest/gtest.h>
 
 #include <filesystem>
 #include <fstream>
-#include <memory>
-#include <sstream>
 #include <string>
 
-#include "dfu/dfu_command.h"
+#include "../dfu/closed_endpoint.h"
 #include "dfu/image_path.h"
 #include "platform/common/wide_stream.h"
 
@@ -20,20 +19,14 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// Reached only by an image that was read: it refuses without a request.
-struct ClosedEndpoint final : usb_core::IUsbControlEndpoint {
-    HRESULT Transfer(WINUSB_SETUP_PACKET&, PUCHAR, std::uint64_t) override { return E_FAIL; }
-    bool IsConnected() override { return false; }
-    void Disconnect() override {}
-    std::uint16_t GetMaxTransferSize() override { return 64; }
-};
-
 class ImagePathsOnWindows : public testing::Test {
   protected:
     void SetUp() override {
         fs::remove_all(folder);
         fs::create_directories(folder / std::wstring(150, L'd'));
-        for (const fs::path& image : {folder / L"fw.bin", folder / L"\u00e9.bin", Deep()}) {
+        fs::create_directories(folder / L"J\u00f6rg \u65e5\u672c");
+        for (const fs::path& image : {folder / L"fw.bin", folder / L"\u00e9.bin", Deep(),
+                                      folder / L"J\u00f6rg \u65e5\u672c" / L"\U0001F600.bin"}) {
             std::ofstream(image, std::ios::binary) << "image";
         }
     }
@@ -44,13 +37,6 @@ class ImagePathsOnWindows : public testing::Test {
         const std::wstring dir = (folder / std::wstring(150, L'd')).wstring() + L"\\";
         return dir + std::wstring(300 - dir.size(), L'f');
     }
-    std::string Run(const std::string& typed) {
-        std::ostringstream log;
-        const HRESULT status =
-            dfu::DfuCommand(&log, std::make_shared<ClosedEndpoint>()).ExecuteFile(typed.c_str());
-        EXPECT_EQ(status, log.str().empty() ? E_ACCESSDENIED : E_FAIL);
-        return log.str();
-    }
 
     const fs::path folder = fs::temp_directory_path() / L"lynx-image-paths";
     const std::string base = platform::WideToUtf8(folder.wstring());
@@ -59,10 +45,14 @@ class ImagePathsOnWindows : public testing::Test {
 TEST_F(ImagePathsOnWindows, OnlyAFileOnDiskIsRead) {
     // Byte E9 is "\u00e9" in code page 1252, the ANSI code page of Wine's default locale.
     ASSERT_EQ(1252u, GetACP());
+    const std::string utf8 = base + "\\J\u00f6rg \u65e5\u672c\\";
     const struct {
         std::string typed;
         bool read;
     } rows[] = {
+        {utf8 + "\U0001F600.bin", true},
+        {'"' + utf8 + "\U0001F600.bin\"", true},
+        {utf8 + "missing.bin", false},
         {base + "\\\xE9.bin", true},
         {base + "\\\xE9", false},
         {"NUL", false},
@@ -78,7 +68,7 @@ TEST_F(ImagePathsOnWindows, OnlyAFileOnDiskIsRead) {
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.typed);
-        EXPECT_EQ(Run(row.typed), row.read ? "" : "Failed to open file " + row.typed + "\n");
+        EXPECT_EQ(ReadImage(row.typed), row.read ? "" : "Failed to open file " + row.typed + "\n");
     }
 }
 
