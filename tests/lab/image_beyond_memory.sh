@@ -12,28 +12,12 @@ scratch="$(mktemp -d /tmp/lynx-image-beyond-memory.XXXXXX)"
 trap 'rm -rf "$scratch"' EXIT
 
 truncate -s 64G "$scratch/huge.bin"
-cat >"$scratch/world.json" <<'WORLD'
-{
-  "cameras": [
-    {
-      "name": "Lynx LX20 Depth Camera",
-      "lynx": true,
-      "firmware": "5.10.0.28",
-      "dfu": {
-        "link": "\\\\?\\USB#VID_3C5E&PID_0F1C#8&3d2e1f0a&0&2#{a5dcbf10-6530-11d2-901f-00c04fb951ed}"
-      },
-      "firmwareAfterUpdate": "5.16.0.1"
-    }
-  ],
-  "speedup": 50
-}
-WORLD
 printf '1\n1\n%s\n\n3\n1\n%s\n\nq\n' "$scratch/huge.bin" "$src/lab/sample-firmware.bin" \
     >"$scratch/input.txt"
 status=0
 (
     ulimit -v 1048576
-    timeout -s KILL 120 "$lab" --world "$scratch/world.json" --dump-state "$scratch/state.json" \
+    timeout -s KILL 120 "$lab" --world "$src/tests/lab/image_beyond_memory.json" --dump-state "$scratch/state.json" \
         <"$scratch/input.txt" >"$scratch/stdout.txt" 2>"$scratch/stderr.txt"
 ) || status=$?
 

@@ -55,15 +55,6 @@ LRESULT AskToEndSession(HWND window, LPARAM why) {
     return static_cast<LRESULT>(answer);
 }
 
-// The reason the shutdown screen shows, where the system lets a program read it back (Wine 8's
-// user32 has no ShutdownBlockReasonQuery, and its ShutdownBlockReasonCreate is a stub).
-using QueryReason = BOOL(WINAPI*)(HWND, LPWSTR, DWORD*);
-QueryReason ReasonReader() {
-    // Through void (*)(), the generic function type, past GCC's cast-function-type warning.
-    return reinterpret_cast<QueryReason>(reinterpret_cast<void (*)()>(
-        GetProcAddress(GetModuleHandleW(L"user32.dll"), "ShutdownBlockReasonQuery")));
-}
-
 TEST(InterruptsOnWindows, LogOffAndShutDownAreRefusedOnlyDuringAHold) {
     // lParam of WM_QUERYENDSESSION: 0 for a shut down or restart, or these bits.
     const LPARAM reasons[] = {0, static_cast<LPARAM>(ENDSESSION_LOGOFF), ENDSESSION_CLOSEAPP};
@@ -82,15 +73,6 @@ TEST(InterruptsOnWindows, LogOffAndShutDownAreRefusedOnlyDuringAHold) {
             const platform::InterruptHold nested;
         }
         for (const LPARAM why : reasons) EXPECT_EQ(AskToEndSession(window, why), FALSE) << why;
-        if (const QueryReason query = ReasonReader()) {
-            // Posted to the window's thread: asked after an answer from it, it has been set.
-            wchar_t reason[MAX_STR_BLOCKREASON + 1] = {};
-            DWORD length = MAX_STR_BLOCKREASON + 1;
-            SetLastError(0);
-            if (query(window, reason, &length) || GetLastError() != ERROR_CALL_NOT_IMPLEMENTED) {
-                EXPECT_EQ(std::wstring(reason), platform::win32::kWriteGuardReason);
-            }
-        }
         // Another program may send the window WM_CLOSE; it stays.
         SendMessageTimeoutW(window, WM_CLOSE, 0, 0, SMTO_ABORTIFHUNG, 5000, nullptr);
         EXPECT_TRUE(IsWindow(window));
