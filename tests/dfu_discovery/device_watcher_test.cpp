@@ -80,8 +80,9 @@ void MakeWatcher(std::optional<DeviceWatcher>& watcher) {
 // The links of the watcher's entries, in their order.
 template <class Entry>
 std::vector<std::wstring> Links(const std::vector<Entry>& entries) {
-    std::vector<std::wstring> links;
-    for (const auto& entry : entries) links.push_back(entry.symbolicLink);
+    std::vector<std::wstring> links(entries.size());
+    std::transform(entries.begin(), entries.end(), links.begin(),
+                   [](const Entry& entry) { return entry.symbolicLink; });
     return links;
 }
 
