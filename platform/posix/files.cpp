@@ -152,38 +152,38 @@ BOOL GetFileSizeEx(HANDLE file, PLARGE_INTEGER size) {
     return TRUE;
 }
 
-BOOL ReadFile(HANDLE file, LPVOID buffer, DWORD bytesToRead, LPDWORD bytesRead,
-              LPOVERLAPPED overlapped) {
+namespace {
+
+// One read or write, as ReadFile and WriteFile make it: overlapped I/O is not offered (every
+// caller here waits for its bytes), and a signal does not cut the call short.
+template <class Call>
+BOOL Transfer(HANDLE file, const void* buffer, DWORD count, LPDWORD done, LPOVERLAPPED overlapped,
+              Call call) {
     auto* object = FileFromHandle(file);
     if (object == nullptr) return Fail(ERROR_INVALID_HANDLE, FALSE);
-    // Overlapped reads are not offered: every caller here waits for its bytes.
-    if (overlapped != nullptr || bytesRead == nullptr || (buffer == nullptr && bytesToRead > 0)) {
+    if (overlapped != nullptr || done == nullptr || (buffer == nullptr && count > 0)) {
         return Fail(ERROR_INVALID_PARAMETER, FALSE);
     }
-    *bytesRead = 0;
-    ssize_t got = 0;
+    *done = 0;
+    ssize_t moved = 0;
     do {
-        got = ::read(object->fd, buffer, bytesToRead);
-    } while (got < 0 && errno == EINTR);
-    if (got < 0) return Fail(FileErrorFromErrno(errno), FALSE);
-    *bytesRead = static_cast<DWORD>(got);
+        moved = call(object->fd);
+    } while (moved < 0 && errno == EINTR);
+    if (moved < 0) return Fail(FileErrorFromErrno(errno), FALSE);
+    *done = static_cast<DWORD>(moved);
     return TRUE;
+}
+
+}  // namespace
+
+BOOL ReadFile(HANDLE file, LPVOID buffer, DWORD bytesToRead, LPDWORD bytesRead,
+              LPOVERLAPPED overlapped) {
+    return Transfer(file, buffer, bytesToRead, bytesRead, overlapped,
+                    [&](int fd) { return ::read(fd, buffer, bytesToRead); });
 }
 
 BOOL WriteFile(HANDLE file, LPCVOID buffer, DWORD bytesToWrite, LPDWORD bytesWritten,
                LPOVERLAPPED overlapped) {
-    auto* object = FileFromHandle(file);
-    if (object == nullptr) return Fail(ERROR_INVALID_HANDLE, FALSE);
-    if (overlapped != nullptr || bytesWritten == nullptr ||
-        (buffer == nullptr && bytesToWrite > 0)) {
-        return Fail(ERROR_INVALID_PARAMETER, FALSE);
-    }
-    *bytesWritten = 0;
-    ssize_t put = 0;
-    do {
-        put = ::write(object->fd, buffer, bytesToWrite);
-    } while (put < 0 && errno == EINTR);
-    if (put < 0) return Fail(FileErrorFromErrno(errno), FALSE);
-    *bytesWritten = static_cast<DWORD>(put);
-    return TRUE;
+    return Transfer(file, buffer, bytesToWrite, bytesWritten, overlapped,
+                    [&](int fd) { return ::write(fd, buffer, bytesToWrite); });
 }
