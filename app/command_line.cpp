@@ -25,6 +25,7 @@
 #include "platform/console.h"
 #include "platform/interrupts.h"
 #include "platform/mf.h"
+#include "platform/recording.h"
 #include "platform/sync.h"
 #include "updatable/lynx_updatable_device.h"
 
@@ -470,7 +471,30 @@ int RunCommand(const std::string& program, const std::vector<std::string>& args,
     return report.exitStatus;
 }
 
-int RunProgram(const std::string& program, const std::vector<std::string>& args) {
+std::optional<int> StartRecordingFrom(const std::string& program, std::vector<std::string>& args,
+                                      const std::string& platformName) {
+    if (args.empty() || !(args[0] == "--record" || args[0].starts_with("--record="))) {
+        return std::nullopt;
+    }
+    std::string path;
+    if (args[0] == "--record") {
+        if (args.size() < 2 || args[1].empty() || args[1].starts_with("--"))
+            return Refuse(program, "option '--record' needs a file name");
+        path = args[1];
+        args.erase(args.begin(), args.begin() + 2);
+    } else {
+        path = args[0].substr(std::string_view("--record=").size());
+        if (path.empty()) return Refuse(program, "option '--record' needs a file name");
+        args.erase(args.begin());
+    }
+    std::string problem;
+    if (!platform::StartRecording(path, program, ProjectVersion(), args, platformName, problem))
+        return Refuse(program, "cannot write the recording '" + path + "': " + problem);
+    return std::nullopt;
+}
+
+int RunProgram(const std::string& program, std::vector<std::string> args) {
+    if (const auto refused = StartRecordingFrom(program, args, "")) return *refused;
     if (args.empty()) return RunLynxDfu();
     const bool help = args[0] == "--help" || args[0] == "-h";
     if ((help || args[0] == "--version") && args.size() > 1) {
@@ -487,8 +511,9 @@ int RunProgram(const std::string& program, const std::vector<std::string>& args)
             << "\nWithout arguments, the menus. The commands are for scripts: list the cameras\n"
                "and the devices stuck in DFU mode, update cameras by link, recover every device\n"
                "stuck in DFU mode. Exit status: 0 all succeeded, 1 a device failed, 2 bad\n"
-               "input (nothing was touched). The rest: man lynx-dfu, or commands.md in the\n"
-               "documentation.\n";
+               "input (nothing was touched). --record FILE before all else records the run\n"
+               "for a replay in the lab (recordings.md). The rest: man lynx-dfu, or\n"
+               "commands.md in the documentation.\n";
         std::cout.flush();
         return kExitDone;
     }

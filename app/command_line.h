@@ -7,6 +7,7 @@
 //   recover IMAGE [--json] [--report FILE]
 #pragma once
 
+#include <optional>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -31,4 +32,11 @@ int RunCommand(const std::string& program, const std::vector<std::string>& args,
 
 // What lynx-dfu does with its arguments, on every platform: none shows the menus (0 when the
 // operator quits); --help, --version or a command is answered without them.
-int RunProgram(const std::string& program, const std::vector<std::string>& args);
+// `--record FILE` before them records the run (docs/recordings.md).
+int RunProgram(const std::string& program, std::vector<std::string> args);
+
+// Takes a leading `--record FILE` (or --record=FILE) off `args` and starts recording the run
+// under `platformName` (empty: the target's own). A refusal has been reported and carries
+// the exit status.
+std::optional<int> StartRecordingFrom(const std::string& program, std::vector<std::string>& args,
+                                      const std::string& platformName);

@@ -4,6 +4,7 @@
 
 #include "platform/com.h"
 #include "platform/posix/device_backend.h"
+#include "platform/posix/real_calls.h"
 
 namespace {
 thread_local DWORD lastError = 0;
@@ -23,7 +24,7 @@ void SetLastError(DWORD error) {
     lastError = error;
 }
 
-HRESULT CoInitializeEx(void*, DWORD) {
+HRESULT platform::real::CoInitializeEx(void*, DWORD) {
     return S_OK;
 }
 void* CoTaskMemAlloc(std::size_t size) {

@@ -9,6 +9,7 @@
 
 #include "platform/cfgmgr.h"
 #include "platform/posix/device_backend.h"
+#include "platform/posix/real_calls.h"
 
 struct CmNotificationObject {
     std::uint64_t subscription = 0;
@@ -35,15 +36,15 @@ std::wstring MultiString(const std::vector<std::wstring>& paths) {
 
 }  // namespace
 
-CONFIGRET CM_Get_Device_Interface_List_SizeW(PULONG length, LPGUID interfaceClass, DEVINSTID_W,
-                                             ULONG) {
+CONFIGRET platform::real::CM_Get_Device_Interface_List_SizeW(PULONG length, LPGUID interfaceClass,
+                                                             DEVINSTID_W, ULONG) {
     if (length == nullptr) return CR_INVALID_POINTER;
     *length = static_cast<ULONG>(MultiString(PresentInterfaces(interfaceClass)).size());
     return CR_SUCCESS;
 }
 
-CONFIGRET CM_Get_Device_Interface_ListW(LPGUID interfaceClass, DEVINSTID_W, PZZWSTR buffer,
-                                        ULONG bufferLength, ULONG) {
+CONFIGRET platform::real::CM_Get_Device_Interface_ListW(LPGUID interfaceClass, DEVINSTID_W,
+                                                        PZZWSTR buffer, ULONG bufferLength, ULONG) {
     if (buffer == nullptr || bufferLength == 0) return CR_INVALID_POINTER;
     const std::wstring list = MultiString(PresentInterfaces(interfaceClass));
     // The list may have grown since its size was asked for.
@@ -97,13 +98,13 @@ CONFIGRET CM_Unregister_Notification(HCMNOTIFICATION notification) {
 namespace platform {
 
 // Every POSIX target has the functions; only Windows must look them up.
-CONFIGRET RegisterInterfaceNotification(PCM_NOTIFY_FILTER filter, PVOID context,
-                                        PCM_NOTIFY_CALLBACK callback,
-                                        PHCMNOTIFICATION notification) {
+CONFIGRET real::RegisterInterfaceNotification(PCM_NOTIFY_FILTER filter, PVOID context,
+                                              PCM_NOTIFY_CALLBACK callback,
+                                              PHCMNOTIFICATION notification) {
     return CM_Register_Notification(filter, context, callback, notification);
 }
 
-CONFIGRET UnregisterInterfaceNotification(HCMNOTIFICATION notification) {
+CONFIGRET real::UnregisterInterfaceNotification(HCMNOTIFICATION notification) {
     return CM_Unregister_Notification(notification);
 }
 

@@ -10,42 +10,43 @@
 #include "platform/common/answer_line.h"
 #include "platform/common/wide_stream.h"
 #include "platform/console.h"
+#include "platform/posix/real_calls.h"
 #include "platform/posix/signals.h"
 
-HWND GetConsoleWindow() {
+HWND platform::real::GetConsoleWindow() {
     return nullptr;
 }
-BOOL SetWindowPos(HWND, HWND, int, int, int, int, UINT) {
+BOOL platform::real::SetWindowPos(HWND, HWND, int, int, int, int, UINT) {
     return FALSE;
 }
 
 namespace platform {
 
 // The terminal is given back on every way out by a signal, and taken up again after a stop.
-void InitConsole() {
+void real::InitConsole() {
     posix::InstallSignalHandlers();
 }
 
-void RestoreConsole() {
+void real::RestoreConsole() {
     posix::RemoveSignalHandlers();
 }
 
-bool ReadConsoleLine(std::string& line) {
+bool real::ReadConsoleLine(std::string& line) {
     return ReadAnswerLine(std::cin, line);
 }
 
-bool ConsoleInputEnded() {
+bool real::ConsoleInputEnded() {
     return std::cin.fail();
 }
 
-void ClearConsole() {
+void real::ClearConsole() {
     if (isatty(STDOUT_FILENO)) {
         std::cout << "\x1b[H\x1b[2J\x1b[3J";
         std::cout.flush();
     }
 }
 
-bool StreamIsTerminal(bool standardError) {
+bool real::StreamIsTerminal(bool standardError) {
     return isatty(standardError ? STDERR_FILENO : STDOUT_FILENO) == 1;
 }
 
@@ -109,7 +110,7 @@ void SkipRestOfKey(int first, int depth = 0) {
 
 }  // namespace
 
-void PauseConsole() {
+void real::PauseConsole() {
     std::cout << "Press any key to continue . . . ";
     std::cout.flush();
     if (isatty(STDIN_FILENO)) {

@@ -8,6 +8,7 @@
 
 #include "platform/files.h"
 #include "platform/posix/kernel_object.h"
+#include "platform/posix/real_calls.h"
 
 namespace {
 
@@ -82,7 +83,7 @@ HANDLE OpenLocalFile(const char* name, DWORD desiredAccess, DWORD creationDispos
     // other end, and a terminal opened here must not become the controlling one.
     const int fd = ::open(name, flags | O_NONBLOCK | O_CLOEXEC | O_NOCTTY, 0666);
     if (fd < 0) return Fail(FileErrorFromErrno(errno), INVALID_HANDLE_VALUE);
-    struct stat status{};
+    struct stat status {};
     if (::fstat(fd, &status) != 0) {
         const int error = errno;
         ::close(fd);
@@ -99,17 +100,18 @@ HANDLE OpenLocalFile(const char* name, DWORD desiredAccess, DWORD creationDispos
 
 }  // namespace platform::posix
 
-HANDLE CreateFileA(LPCSTR fileName, DWORD desiredAccess, DWORD, LPSECURITY_ATTRIBUTES,
-                   DWORD creationDisposition, DWORD, HANDLE) {
+HANDLE platform::real::CreateFileA(LPCSTR fileName, DWORD desiredAccess, DWORD,
+                                   LPSECURITY_ATTRIBUTES, DWORD creationDisposition, DWORD,
+                                   HANDLE) {
     return platform::posix::OpenLocalFile(fileName, desiredAccess, creationDisposition);
 }
 
 // Only a regular file is a disk file: a device, a FIFO or a socket never is, whatever its
 // name.
-DWORD GetFileType(HANDLE file) {
+DWORD platform::real::GetFileType(HANDLE file) {
     auto* object = FileFromHandle(file);
     if (object == nullptr) return Fail(ERROR_INVALID_HANDLE, FILE_TYPE_UNKNOWN);
-    struct stat status{};
+    struct stat status {};
     if (::fstat(object->fd, &status) != 0) {
         return Fail(FileErrorFromErrno(errno), FILE_TYPE_UNKNOWN);
     }
@@ -120,11 +122,12 @@ DWORD GetFileType(HANDLE file) {
     return FILE_TYPE_UNKNOWN;
 }
 
-BOOL GetFileInformationByHandle(HANDLE file, LPBY_HANDLE_FILE_INFORMATION information) {
+BOOL platform::real::GetFileInformationByHandle(HANDLE file,
+                                                LPBY_HANDLE_FILE_INFORMATION information) {
     auto* object = FileFromHandle(file);
     if (object == nullptr) return Fail(ERROR_INVALID_HANDLE, FALSE);
     if (information == nullptr) return Fail(ERROR_INVALID_PARAMETER, FALSE);
-    struct stat status{};
+    struct stat status {};
     if (::fstat(object->fd, &status) != 0) return Fail(FileErrorFromErrno(errno), FALSE);
     *information = BY_HANDLE_FILE_INFORMATION{};
     information->dwFileAttributes =
@@ -141,11 +144,11 @@ BOOL GetFileInformationByHandle(HANDLE file, LPBY_HANDLE_FILE_INFORMATION inform
 }
 
 // Only a file has a size; a device or a pipe has none to give.
-BOOL GetFileSizeEx(HANDLE file, PLARGE_INTEGER size) {
+BOOL platform::real::GetFileSizeEx(HANDLE file, PLARGE_INTEGER size) {
     auto* object = FileFromHandle(file);
     if (object == nullptr) return Fail(ERROR_INVALID_HANDLE, FALSE);
     if (size == nullptr) return Fail(ERROR_INVALID_PARAMETER, FALSE);
-    struct stat status{};
+    struct stat status {};
     if (::fstat(object->fd, &status) != 0) return Fail(FileErrorFromErrno(errno), FALSE);
     if (!S_ISREG(status.st_mode)) return Fail(ERROR_INVALID_FUNCTION, FALSE);
     size->QuadPart = static_cast<LONGLONG>(status.st_size);
@@ -176,14 +179,14 @@ BOOL Transfer(HANDLE file, const void* buffer, DWORD count, LPDWORD done, LPOVER
 
 }  // namespace
 
-BOOL ReadFile(HANDLE file, LPVOID buffer, DWORD bytesToRead, LPDWORD bytesRead,
-              LPOVERLAPPED overlapped) {
+BOOL platform::real::ReadFile(HANDLE file, LPVOID buffer, DWORD bytesToRead, LPDWORD bytesRead,
+                              LPOVERLAPPED overlapped) {
     return Transfer(file, buffer, bytesToRead, bytesRead, overlapped,
                     [&](int fd) { return ::read(fd, buffer, bytesToRead); });
 }
 
-BOOL WriteFile(HANDLE file, LPCVOID buffer, DWORD bytesToWrite, LPDWORD bytesWritten,
-               LPOVERLAPPED overlapped) {
+BOOL platform::real::WriteFile(HANDLE file, LPCVOID buffer, DWORD bytesToWrite,
+                               LPDWORD bytesWritten, LPOVERLAPPED overlapped) {
     return Transfer(file, buffer, bytesToWrite, bytesWritten, overlapped,
                     [&](int fd) { return ::write(fd, buffer, bytesToWrite); });
 }

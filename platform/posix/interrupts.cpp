@@ -13,6 +13,7 @@
 #include <iterator>
 
 #include "platform/interrupts.h"
+#include "platform/posix/real_calls.h"
 #include "platform/posix/signals.h"
 
 namespace {
@@ -61,7 +62,7 @@ void TakeTerminalAgain() {
 void OnSignal(int sig, siginfo_t* info, void*);
 
 void Catch(int sig) {
-    struct sigaction action{};
+    struct sigaction action {};
     action.sa_sigaction = OnSignal;
     // Reads and writes go on after a handler that returns; the other signals of ours wait
     // while one is handled, SIGCONT excepted (a stop inside the handler needs it).
@@ -82,7 +83,7 @@ void Unblock(int sig) {
 // Stops the process now, as the signal's default action does, and catches it again once
 // the process continues.
 void StopNow(int sig) {
-    struct sigaction stop{};
+    struct sigaction stop {};
     stop.sa_handler = SIG_DFL;
     sigaction(sig, &stop, nullptr);
     Unblock(sig);
@@ -102,7 +103,7 @@ void OnSignal(int sig, siginfo_t* info, void*) {
             stopAsked.compare_exchange_strong(none, sig);
             // A read or write from the background raises SIGTTIN or SIGTTOU each time it is
             // restarted; ignored, the write goes through. The hold's end catches it again.
-            struct sigaction ignore{};
+            struct sigaction ignore {};
             ignore.sa_handler = SIG_IGN;
             sigaction(sig, &ignore, nullptr);
         }
@@ -166,12 +167,12 @@ void UnguardTerminal() {
 
 namespace platform {
 
-InterruptHold::InterruptHold() {
+void real::HoldInterrupts() {
     posix::InstallSignalHandlers();
     holds.fetch_add(1);
 }
 
-InterruptHold::~InterruptHold() {
+void real::ReleaseInterrupts() {
     if (holds.fetch_sub(1) != 1) return;
     for (int sig : kStopping) {
         if (handled[sig]) Catch(sig);
@@ -180,15 +181,15 @@ InterruptHold::~InterruptHold() {
     if (const int stop = stopAsked.exchange(0)) raise(stop);
 }
 
-bool InterruptKeptBack() {
+bool real::InterruptKeptBack() {
     return keptBack.load() != 0;
 }
 
-void EndByKeptBackInterrupt() {
+void real::EndByKeptBackInterrupt() {
     const int sig = keptBack.load();
     if (sig == 0) return;
     GiveTerminalBack();
-    struct sigaction ending{};
+    struct sigaction ending {};
     ending.sa_handler = SIG_DFL;
     sigaction(sig, &ending, nullptr);
     Unblock(sig);

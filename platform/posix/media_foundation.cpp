@@ -10,6 +10,7 @@
 #include <variant>
 #include <vector>
 
+#include "platform/posix/real_calls.h"
 #include "platform/posix/video_device.h"
 
 namespace platform::posix {
@@ -154,19 +155,19 @@ HRESULT AttributeStore::ActivateObject(REFIID iid, void** object) {
 
 using platform::posix::AttributeStore;
 
-HRESULT MFStartup(ULONG, DWORD) {
+HRESULT platform::real::MFStartup(ULONG, DWORD) {
     ++platform::posix::startups;
     return S_OK;
 }
 
-HRESULT MFShutdown() {
+HRESULT platform::real::MFShutdown() {
     int count = platform::posix::startups.load();
     while (count > 0 && !platform::posix::startups.compare_exchange_weak(count, count - 1)) {
     }
     return S_OK;
 }
 
-HRESULT MFCreateAttributes(IMFAttributes** attributes, UINT32) {
+HRESULT platform::real::MFCreateAttributes(IMFAttributes** attributes, UINT32) {
     if (attributes == nullptr) return E_POINTER;
     *attributes = nullptr;
     if (platform::posix::startups == 0) return platform::posix::MF_E_PLATFORM_NOT_INITIALIZED;
@@ -181,7 +182,8 @@ static HRESULT StartedSourceType(IMFAttributes* attributes, GUID* sourceType) {
     return attributes->GetGUID(MF_DEVSOURCE_ATTRIBUTE_SOURCE_TYPE, sourceType);
 }
 
-HRESULT MFEnumDeviceSources(IMFAttributes* attributes, IMFActivate*** sources, UINT32* count) {
+HRESULT platform::real::MFEnumDeviceSources(IMFAttributes* attributes, IMFActivate*** sources,
+                                            UINT32* count) {
     if (attributes == nullptr || sources == nullptr || count == nullptr) return E_POINTER;
     *sources = nullptr;
     *count = 0;
@@ -236,7 +238,8 @@ HRESULT MFEnumDeviceSources(IMFAttributes* attributes, IMFActivate*** sources, U
     return S_OK;
 }
 
-HRESULT MFCreateDeviceSourceActivate(IMFAttributes* attributes, IMFActivate** activate) {
+HRESULT platform::real::MFCreateDeviceSourceActivate(IMFAttributes* attributes,
+                                                     IMFActivate** activate) {
     if (attributes == nullptr || activate == nullptr) return E_POINTER;
     *activate = nullptr;
     GUID sourceType{};

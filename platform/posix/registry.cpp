@@ -3,14 +3,15 @@
 #include <string>
 
 #include "platform/posix/device_backend.h"
+#include "platform/posix/real_calls.h"
 #include "platform/registry.h"
 
 struct RegistryKeyObject {
     std::wstring path;
 };
 
-LSTATUS RegCreateKeyExW(HKEY key, LPCWSTR subKey, DWORD, LPWSTR, DWORD, REGSAM,
-                        LPSECURITY_ATTRIBUTES, PHKEY result, LPDWORD) {
+LSTATUS platform::real::RegCreateKeyExW(HKEY key, LPCWSTR subKey, DWORD, LPWSTR, DWORD, REGSAM,
+                                        LPSECURITY_ATTRIBUTES, PHKEY result, LPDWORD) {
     if (result == nullptr) return static_cast<LSTATUS>(ERROR_INVALID_PARAMETER);
     *result = nullptr;
     std::wstring path;
@@ -27,8 +28,8 @@ LSTATUS RegCreateKeyExW(HKEY key, LPCWSTR subKey, DWORD, LPWSTR, DWORD, REGSAM,
     return ERROR_SUCCESS;
 }
 
-LSTATUS RegSetValueExW(HKEY key, LPCWSTR valueName, DWORD, DWORD type, const BYTE* data,
-                       DWORD size) {
+LSTATUS platform::real::RegSetValueExW(HKEY key, LPCWSTR valueName, DWORD, DWORD type,
+                                       const BYTE* data, DWORD size) {
     if (key == nullptr || key == HKEY_LOCAL_MACHINE)
         return static_cast<LSTATUS>(ERROR_INVALID_HANDLE);
     if (type == REG_SZ) {
@@ -46,7 +47,7 @@ LSTATUS RegSetValueExW(HKEY key, LPCWSTR valueName, DWORD, DWORD type, const BYT
         key->path, valueName ? valueName : L"", type, data, size));
 }
 
-LSTATUS RegCloseKey(HKEY key) {
+LSTATUS platform::real::RegCloseKey(HKEY key) {
     if (key == nullptr || key == HKEY_LOCAL_MACHINE)
         return static_cast<LSTATUS>(ERROR_INVALID_HANDLE);
     delete key;

@@ -7,6 +7,7 @@
 
 #include "platform/posix/device_backend.h"
 #include "platform/posix/kernel_object.h"
+#include "platform/posix/real_calls.h"
 #include "platform/sync.h"
 
 namespace platform::posix {
@@ -106,7 +107,8 @@ using platform::posix::FromHandle;
 // The program creates no named object: a name in the session's namespace is one that any
 // other program may take first, hold as another kind of object or signal. Windows would
 // accept the name; this stand-in refuses it, so that the lab catches a named event at once.
-HANDLE CreateEventW(LPSECURITY_ATTRIBUTES, BOOL manualReset, BOOL initialState, LPCWSTR name) {
+HANDLE platform::real::CreateEventW(LPSECURITY_ATTRIBUTES, BOOL manualReset, BOOL initialState,
+                                    LPCWSTR name) {
     if (name != nullptr) {
         SetLastError(ERROR_INVALID_PARAMETER);
         return nullptr;
@@ -127,15 +129,15 @@ BOOL OnObject(Object* object, Action action) {
 }
 }  // namespace
 
-BOOL SetEvent(HANDLE event) {
+BOOL platform::real::SetEvent(HANDLE event) {
     return OnObject(EventFromHandle(event), [](Event& object) { object.Set(); });
 }
 
-BOOL ResetEvent(HANDLE event) {
+BOOL platform::real::ResetEvent(HANDLE event) {
     return OnObject(EventFromHandle(event), [](Event& object) { object.Reset(); });
 }
 
-DWORD WaitForSingleObject(HANDLE handle, DWORD milliseconds) {
+DWORD platform::real::WaitForSingleObject(HANDLE handle, DWORD milliseconds) {
     if (!FromHandle(handle)) {
         SetLastError(ERROR_INVALID_HANDLE);
         return WAIT_FAILED;
@@ -148,15 +150,15 @@ DWORD WaitForSingleObject(HANDLE handle, DWORD milliseconds) {
     return backend->Time().Wait(milliseconds, *event) ? WAIT_OBJECT_0 : WAIT_TIMEOUT;
 }
 
-BOOL CloseHandle(HANDLE handle) {
+BOOL platform::real::CloseHandle(HANDLE handle) {
     return OnObject(FromHandle(handle), [](auto& object) { object.Unref(); });
 }
 
-void Sleep(DWORD milliseconds) {
+void platform::real::Sleep(DWORD milliseconds) {
     const auto backend = platform::CurrentBackend();
     backend->Time().Sleep(milliseconds);
 }
 
-ULONGLONG GetTickCount64() {
+ULONGLONG platform::real::GetTickCount64() {
     return platform::Backend().Time().NowMs();
 }

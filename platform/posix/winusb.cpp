@@ -14,6 +14,7 @@
 #include "platform/files.h"
 #include "platform/posix/device_backend.h"
 #include "platform/posix/kernel_object.h"
+#include "platform/posix/real_calls.h"
 #include "platform/usb_descriptors.h"
 #include "platform/winusb.h"
 
@@ -110,8 +111,9 @@ BOOL NewInterface(UsbFileObject* file, std::uint8_t interfaceNumber, bool first,
 
 // Names in the device namespace reach the backend's USB devices; every other name is a file
 // of this machine, which the same call opens on Windows.
-HANDLE CreateFileW(LPCWSTR fileName, DWORD desiredAccess, DWORD, LPSECURITY_ATTRIBUTES,
-                   DWORD creationDisposition, DWORD, HANDLE) {
+HANDLE platform::real::CreateFileW(LPCWSTR fileName, DWORD desiredAccess, DWORD,
+                                   LPSECURITY_ATTRIBUTES, DWORD creationDisposition, DWORD,
+                                   HANDLE) {
     if (fileName == nullptr || *fileName == L'\0') {
         SetLastError(ERROR_PATH_NOT_FOUND);
         return INVALID_HANDLE_VALUE;
@@ -130,7 +132,8 @@ HANDLE CreateFileW(LPCWSTR fileName, DWORD desiredAccess, DWORD, LPSECURITY_ATTR
     return platform::posix::ToHandle(new UsbFileObject(std::move(connection)));
 }
 
-BOOL WinUsb_Initialize(HANDLE deviceHandle, PWINUSB_INTERFACE_HANDLE interfaceHandle) {
+BOOL platform::real::WinUsb_Initialize(HANDLE deviceHandle,
+                                       PWINUSB_INTERFACE_HANDLE interfaceHandle) {
     if (interfaceHandle == nullptr) return Fail(ERROR_INVALID_PARAMETER);
     *interfaceHandle = nullptr;
     auto* file = dynamic_cast<UsbFileObject*>(platform::posix::FromHandle(deviceHandle));
@@ -143,7 +146,7 @@ BOOL WinUsb_Initialize(HANDLE deviceHandle, PWINUSB_INTERFACE_HANDLE interfaceHa
     return NewInterface(file, numbers.front(), true, interfaceHandle);
 }
 
-BOOL WinUsb_Free(WINUSB_INTERFACE_HANDLE interfaceHandle) {
+BOOL platform::real::WinUsb_Free(WINUSB_INTERFACE_HANDLE interfaceHandle) {
     auto* object = FromInterfaceHandle(interfaceHandle);
     if (object == nullptr) return Fail(ERROR_INVALID_HANDLE);
     object->file->connection->ReleaseInterface(object->interfaceNumber);
@@ -154,9 +157,10 @@ BOOL WinUsb_Free(WINUSB_INTERFACE_HANDLE interfaceHandle) {
     return TRUE;
 }
 
-BOOL WinUsb_GetDescriptor(WINUSB_INTERFACE_HANDLE interfaceHandle, UCHAR descriptorType,
-                          UCHAR index, USHORT languageId, PUCHAR buffer, ULONG bufferLength,
-                          PULONG lengthTransferred) {
+BOOL platform::real::WinUsb_GetDescriptor(WINUSB_INTERFACE_HANDLE interfaceHandle,
+                                          UCHAR descriptorType, UCHAR index, USHORT languageId,
+                                          PUCHAR buffer, ULONG bufferLength,
+                                          PULONG lengthTransferred) {
     auto* object = FromInterfaceHandle(interfaceHandle);
     if (object == nullptr) return Fail(ERROR_INVALID_HANDLE);
     if (lengthTransferred == nullptr || (buffer == nullptr && bufferLength > 0)) {
@@ -170,9 +174,9 @@ BOOL WinUsb_GetDescriptor(WINUSB_INTERFACE_HANDLE interfaceHandle, UCHAR descrip
     return TRUE;
 }
 
-BOOL WinUsb_QueryInterfaceSettings(WINUSB_INTERFACE_HANDLE interfaceHandle,
-                                   UCHAR alternateInterfaceNumber,
-                                   PUSB_INTERFACE_DESCRIPTOR descriptor) {
+BOOL platform::real::WinUsb_QueryInterfaceSettings(WINUSB_INTERFACE_HANDLE interfaceHandle,
+                                                   UCHAR alternateInterfaceNumber,
+                                                   PUSB_INTERFACE_DESCRIPTOR descriptor) {
     auto* object = FromInterfaceHandle(interfaceHandle);
     if (object == nullptr) return Fail(ERROR_INVALID_HANDLE);
     if (descriptor == nullptr) return Fail(ERROR_INVALID_PARAMETER);
@@ -190,9 +194,9 @@ BOOL WinUsb_QueryInterfaceSettings(WINUSB_INTERFACE_HANDLE interfaceHandle,
     return Fail(ERROR_NO_MORE_ITEMS);
 }
 
-BOOL WinUsb_GetAssociatedInterface(WINUSB_INTERFACE_HANDLE interfaceHandle,
-                                   UCHAR associatedInterfaceIndex,
-                                   PWINUSB_INTERFACE_HANDLE associatedHandle) {
+BOOL platform::real::WinUsb_GetAssociatedInterface(WINUSB_INTERFACE_HANDLE interfaceHandle,
+                                                   UCHAR associatedInterfaceIndex,
+                                                   PWINUSB_INTERFACE_HANDLE associatedHandle) {
     auto* object = FromInterfaceHandle(interfaceHandle);
     if (object == nullptr || !object->first) return Fail(ERROR_INVALID_HANDLE);
     if (associatedHandle == nullptr) return Fail(ERROR_INVALID_PARAMETER);
@@ -207,8 +211,8 @@ BOOL WinUsb_GetAssociatedInterface(WINUSB_INTERFACE_HANDLE interfaceHandle,
     return NewInterface(object->file, numbers[position], false, associatedHandle);
 }
 
-BOOL WinUsb_SetCurrentAlternateSetting(WINUSB_INTERFACE_HANDLE interfaceHandle,
-                                       UCHAR settingNumber) {
+BOOL platform::real::WinUsb_SetCurrentAlternateSetting(WINUSB_INTERFACE_HANDLE interfaceHandle,
+                                                       UCHAR settingNumber) {
     auto* object = FromInterfaceHandle(interfaceHandle);
     if (object == nullptr) return Fail(ERROR_INVALID_HANDLE);
     const platform::ErrorCode error =
@@ -217,9 +221,10 @@ BOOL WinUsb_SetCurrentAlternateSetting(WINUSB_INTERFACE_HANDLE interfaceHandle,
     return TRUE;
 }
 
-BOOL WinUsb_ControlTransfer(WINUSB_INTERFACE_HANDLE interfaceHandle,
-                            WINUSB_SETUP_PACKET setupPacket, PUCHAR buffer, ULONG bufferLength,
-                            PULONG lengthTransferred, LPOVERLAPPED overlapped) {
+BOOL platform::real::WinUsb_ControlTransfer(WINUSB_INTERFACE_HANDLE interfaceHandle,
+                                            WINUSB_SETUP_PACKET setupPacket, PUCHAR buffer,
+                                            ULONG bufferLength, PULONG lengthTransferred,
+                                            LPOVERLAPPED overlapped) {
     auto* object = FromInterfaceHandle(interfaceHandle);
     if (object == nullptr) return Fail(ERROR_INVALID_HANDLE);
     // Completion of overlapped transfers is not offered; every caller here waits.

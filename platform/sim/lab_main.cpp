@@ -14,14 +14,21 @@
 #include "app/command_line.h"
 #include "app/main_loop.h"
 #include "app/version.h"
+#include "platform/common/call_record.h"
 #include "platform/interrupts.h"
 #include "platform/posix/device_backend.h"
+#include "platform/recording.h"
+#include "platform/sim/replay.h"
 #include "platform/sim/sim_world.h"
 
 namespace {
 
 constexpr const char* kUsage =
-    "usage: lynx-dfu-lab [--help] [--version] [--world FILE] [--dump-state FILE] [COMMAND ...]";
+    "usage: lynx-dfu-lab [--help] [--version] [--world FILE] [--dump-state FILE] [--record FILE]\n"
+    "                    [COMMAND ...]\n"
+    "       lynx-dfu-lab --replay FILE";
+
+constexpr const char* kLabOptions = "[--world FILE] [--dump-state FILE]";
 
 constexpr const char* kHelp =
     "\n"
@@ -33,8 +40,12 @@ constexpr const char* kHelp =
     "  --world FILE             the world to simulate (JSON); without it, the built-in\n"
     "                           default world: one camera of the family and one webcam\n"
     "  --dump-state FILE        on exit, write the world's final state to FILE as JSON\n"
+    "  --record FILE            write every platform call of the run to FILE (JSON lines)\n"
+    "  --replay FILE            run a recording made with --record by lynx-dfu, lynx-dfu.exe\n"
+    "                           or lynx-dfu-lab, answering from it: no world; exit status 3\n"
+    "                           where the program departs from it\n"
     "\n"
-    "Both options also take the form --world=FILE. After them, a command of lynx-dfu\n"
+    "The options also take the form --world=FILE. After them, a command of lynx-dfu\n"
     "(list, update, recover; man lynx-dfu) runs over the world instead of the menus.\n"
     "Sample worlds and a sample image: /usr/share/lynx-dfu/ when installed, lab/ in the\n"
     "source tree. The world file and the state dump: the manual page (man lynx-dfu-lab),\n"
@@ -43,6 +54,8 @@ constexpr const char* kHelp =
 struct Options {
     std::string worldPath;
     std::string dumpPath;
+    std::string recordPath;
+    std::string replayPath;
     bool help = false;
     bool version = false;
     std::vector<std::string> command;  // empty: the menus
@@ -66,9 +79,10 @@ std::optional<int> Parse(int argc, char** argv, Options& options) {
             continue;
         }
         bool known = false;
-        for (auto [name, target] :
-             {std::pair{std::string_view("--world"), &options.worldPath},
-              std::pair{std::string_view("--dump-state"), &options.dumpPath}}) {
+        for (auto [name, target] : {std::pair{std::string_view("--world"), &options.worldPath},
+                                    std::pair{std::string_view("--dump-state"), &options.dumpPath},
+                                    std::pair{std::string_view("--record"), &options.recordPath},
+                                    std::pair{std::string_view("--replay"), &options.replayPath}}) {
             if (argument == name) {
                 // The next word is taken as the value unless it is missing, empty or
                 // itself an option, which is far likelier a forgotten value than a file.
@@ -98,6 +112,39 @@ std::optional<int> Parse(int argc, char** argv, Options& options) {
     return std::nullopt;
 }
 
+// Runs the recorded program over the recording's answers instead of a world.
+int Replay(const Options& options) {
+    if (!options.worldPath.empty() || !options.dumpPath.empty() || !options.recordPath.empty() ||
+        !options.command.empty()) {
+        std::cerr << "lynx-dfu-lab: --replay takes the devices, the answers and the command "
+                     "from the recording: nothing else beside it\n";
+        return 2;
+    }
+    sim::RecordingHeader header;
+    std::unique_ptr<platform::rec::Tap> tap;
+    try {
+        tap = sim::LoadReplay(options.replayPath, header);
+    } catch (const sim::ReplayError& error) {
+        std::cerr << "lynx-dfu-lab: recording " << options.replayPath << ": " << error.what()
+                  << "\n";
+        return 2;
+    }
+    platform::rec::InstallTap(std::move(tap));
+    platform::rec::TapStandardStreams();
+    int status = 0;
+    if (header.program == "lynx-dfu-lab") {
+        status = header.arguments.empty()
+                     ? RunLynxDfu()
+                     : RunCommand("lynx-dfu-lab", header.arguments, kLabOptions);
+    } else {
+        status = RunProgram(header.program, header.arguments);
+    }
+    std::cout.flush();
+    platform::EndByKeptBackInterrupt();
+    sim::FinishReplay();
+    return status;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -116,6 +163,7 @@ int main(int argc, char** argv) {
         std::cout << VersionText("lynx-dfu-lab") << std::flush;
         return 0;
     }
+    if (!options.replayPath.empty()) return Replay(options);
 
     sim::WorldSpec spec;
     try {
@@ -139,11 +187,19 @@ int main(int argc, char** argv) {
         }
     }
 
+    if (!options.recordPath.empty()) {
+        std::string problem;
+        if (!platform::StartRecording(options.recordPath, "lynx-dfu-lab", ProjectVersion(),
+                                      options.command, "lab", problem)) {
+            return Refuse("cannot write the recording " + options.recordPath + ": " + problem);
+        }
+    }
+
     auto world = std::make_shared<sim::SimWorld>(std::move(spec));
     platform::InstallBackend(world);
-    const int status = options.command.empty() ? RunLynxDfu()
-                                               : RunCommand("lynx-dfu-lab", options.command,
-                                                            "[--world FILE] [--dump-state FILE]");
+    const int status = options.command.empty()
+                           ? RunLynxDfu()
+                           : RunCommand("lynx-dfu-lab", options.command, kLabOptions);
     std::cout.flush();
     platform::InstallBackend(nullptr);
 
