@@ -737,6 +737,12 @@ void AppendJsonString(std::string& out, std::string_view utf8) {
         if (c == '"' || c == '\\') {
             out += '\\';
             out += c;
+        } else if (c == '\n') {
+            out += "\\n";
+        } else if (c == '\r') {
+            out += "\\r";
+        } else if (c == '\t') {
+            out += "\\t";
         } else if (byte < 0x20) {
             char escape[8];
             std::snprintf(escape, sizeof escape, "\\u%04x", byte);
