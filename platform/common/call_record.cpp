@@ -430,7 +430,8 @@ Call& Call::OutWideList(const char* key, wchar_t* buffer, std::size_t capacity) 
     return AddOut(key, Kind::kWide, buffer, capacity, false, nullptr, 0);
 }
 Call& Call::OutAllocatedWide(const char* key, wchar_t** where, std::uint32_t* length) {
-    return AddOut(key, Kind::kAllocatedWide, where, 0, false, length, sizeof(std::uint32_t));
+    return AddOut(key, Kind::kAllocatedWide, static_cast<void*>(where), 0, false, length,
+                  sizeof(std::uint32_t));
 }
 Call& Call::OutText(const char* key, std::string* where) {
     return AddOut(key, Kind::kText, where, 0, false, nullptr, 0);
@@ -439,14 +440,15 @@ Call& Call::OutGuid(const char* key, GUID* where) {
     return AddOut(key, Kind::kGuid, where, sizeof(GUID), false, nullptr, 0);
 }
 Call& Call::OutHandle(const char* key, void** where) {
-    return AddOut(key, Kind::kHandle, where, sizeof(void*), false, nullptr, 0);
+    return AddOut(key, Kind::kHandle, static_cast<void*>(where), sizeof(void*), false, nullptr, 0);
 }
 Call& Call::OutObject(const char* key, void** where, const GUID& iid) {
-    return AddOut(key, Kind::kObject, where, sizeof(void*), false, nullptr, 0, iid);
+    return AddOut(key, Kind::kObject, static_cast<void*>(where), sizeof(void*), false, nullptr, 0,
+                  iid);
 }
 Call& Call::OutObjects(const char* key, void*** where, std::uint32_t* count, const GUID& iid) {
-    return AddOut(key, Kind::kObjects, where, sizeof(void*), false, count, sizeof(std::uint32_t),
-                  iid);
+    return AddOut(key, Kind::kObjects, static_cast<void*>(where), sizeof(void*), false, count,
+                  sizeof(std::uint32_t), iid);
 }
 
 void Call::Enter() {

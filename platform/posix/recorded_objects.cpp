@@ -25,7 +25,7 @@ class RecordedObject final : public IMFActivate,
                              public IKsTopologyInfo,
                              public IKsControl {
   public:
-    RecordedObject(IUnknown* inner, std::int64_t id) : inner_(inner), id_(id) {
+    RecordedObject(IUnknown* inner, std::int64_t id) : inner_(inner) {
         std::lock_guard lock(proxiesLock);
         for (const GUID* iid : kInterfaces) proxies[As(*iid)] = id;
     }
@@ -160,7 +160,6 @@ class RecordedObject final : public IMFActivate,
     }
 
     IUnknown* inner_;
-    std::int64_t id_;
     std::atomic<ULONG> refs_{1};
 };
 
