@@ -87,7 +87,7 @@ else()
   install(FILES ${PROJECT_SOURCE_DIR}/packaging/debian/copyright ${lynx_changelog}
                 ${PROJECT_SOURCE_DIR}/docs/lab.md ${PROJECT_SOURCE_DIR}/docs/world-file.md
                 ${PROJECT_SOURCE_DIR}/docs/virtual-camera.md ${PROJECT_SOURCE_DIR}/docs/linux.md
-                ${PROJECT_SOURCE_DIR}/docs/commands.md
+                ${PROJECT_SOURCE_DIR}/docs/commands.md ${PROJECT_SOURCE_DIR}/docs/recordings.md
           DESTINATION share/doc/lynx-dfu)
 
   # Why a warning of Debian's lintian does not apply to this package, said where lintian reads it.
