@@ -5,8 +5,9 @@
 #   scripts/record-hwlab.sh [--kernel RELEASE] [--build DIR]
 #
 # Runs tests/hwlab/run.sh --record with the cases that tests/recordings/recordings.txt names
-# (kernel trixie unless told; build/default unless told), and only when they all pass, copies
-# each session the table names over NAME.jsonl, then replays them all as ctest would.
+# (kernel trixie unless told; build/default unless told), and only when they all pass, puts
+# each session the table names in the place of NAME.jsonl, then replays them all as ctest
+# would.
 set -euo pipefail
 
 repo="$(cd "$(dirname "$0")/.." && pwd)"
@@ -33,6 +34,7 @@ work="$(mktemp -d)"
 trap 'rm -rf "$work"' EXIT
 "$repo/tests/hwlab/run.sh" --build "$build" --kernel "$kernel" --record "$work" "${cases[@]}"
 
+rm -f "$dir"/*.jsonl  # a recording the table no longer names goes too
 while read -r name _ source; do
     [ -f "$work/$kernel/$source.jsonl" ] || { echo "record-hwlab: the lab made no $source.jsonl" >&2; exit 1; }
     install -m 644 "$work/$kernel/$source.jsonl" "$dir/$name.jsonl"
