@@ -8,16 +8,18 @@ no_dfu_device() { ! has_dfu_device; }
 back_in_dfu_mode() { tail -n 1 "$out/device.log" | grep -q '^attach dfu'; }  # after a replug
 logged() { grep -qE "$pattern" "$out/device.log"; }
 
-session() {  # title keys...
+session() {  # title keys...; recorded as sessionN.jsonl, N counting the case's sessions
     echo "--- $1" >>"$out/actual.txt"
     shift
     printf '%s\n' "$@" >"$out/keys.txt"
-    timeout 120 /hwlab/lynx-dfu <"$out/keys.txt" >"$out/session.txt" 2>&1
+    sessions=$((sessions + 1))
+    timeout 120 /hwlab/lynx-dfu --record "$out/session$sessions.jsonl" <"$out/keys.txt" >"$out/session.txt" 2>&1
     echo "exit $?" >>"$out/session.txt"
     normalize "$out/session.txt" >>"$out/actual.txt"
 }
 
 interrupted() {
+    sessions=0
     sig="$(sed -n 1p "$dir/interrupt")"
     pattern="$(sed -n 2p "$dir/interrupt")"
     # Sent from beside the session: a background job would start with SIGINT ignored.

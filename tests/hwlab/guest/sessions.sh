@@ -12,11 +12,13 @@ normalize() {  # [file]; standard input without one
     sed -e 's/&[0-9][0-9][0-9]#/\&NNN#/g' "$@"
 }
 
-run_lynx() {  # input output user
-    if [ -n "$3" ]; then
-        timeout 120 su "$3" -s /bin/sh -c /hwlab/lynx-dfu <"$1" >"$2" 2>&1
+run_lynx() {  # input output recording user
+    if [ -n "$4" ]; then
+        # The recording is made 0600 for whoever runs the program: let the user write it here.
+        : >"$3" && chown "$4" "$3"
+        timeout 120 su "$4" -s /bin/sh -c "/hwlab/lynx-dfu --record $3" <"$1" >"$2" 2>&1
     else
-        timeout 120 /hwlab/lynx-dfu <"$1" >"$2" 2>&1
+        timeout 120 /hwlab/lynx-dfu --record "$3" <"$1" >"$2" 2>&1
     fi
 }
 
@@ -52,7 +54,7 @@ run_case() {
             echo "HWLAB: $name: the camera did not come back"; ok=0; continue
         fi
         [ "$step" = 2 ] && sleep 0.5 && udevadm settle --timeout=10
-        run_lynx "$dir/input$step.txt" "$out/output$step.txt" "$user"
+        run_lynx "$dir/input$step.txt" "$out/output$step.txt" "$out/session$step.jsonl" "$user"
         echo "exit $?" >>"$out/output$step.txt"
         normalize "$out/output$step.txt" >"$out/actual$step.txt"
         if ! diff -u "$dir/expected$step.txt" "$out/actual$step.txt" >"$out/diff$step.txt"; then
