@@ -206,6 +206,12 @@ class Recorder final : public Tap {
         ++calls_;
     }
 
+    void CallStarts() override {
+        if (callback_ != nullptr) return;
+        std::lock_guard lock(lock_);
+        FlushOutput();
+    }
+
     void Answer(Call&) override {}
 
     void Output(int stream, std::string_view bytes) override {
@@ -452,6 +458,7 @@ Call& Call::OutObjects(const char* key, void*** where, std::uint32_t* count, con
 }
 
 void Call::Enter() {
+    tap_->CallStarts();
     ++depth;
     running = this;
 }

@@ -56,6 +56,9 @@ class Tap {
   public:
     virtual ~Tap() = default;
     virtual bool Replays() const = 0;
+    // Recording: a call of the program's is about to run. What the program wrote before it is
+    // written out now: a call may never return (the process killed while it waits).
+    virtual void CallStarts() {}
     // Recording: the finished line of one call (without its index and time).
     virtual void Record(const Call& call) = 0;
     // Replay: fills the call's answer from the recording, or ends the process (status 3)
