@@ -8,6 +8,8 @@
 
 #include <sddl.h>
 
+#include <algorithm>
+#include <memory>
 #include <string>
 
 #include "platform/common/call_record.h"
@@ -102,8 +104,10 @@ bool StartRecording(const std::string& path, const std::string& program, const s
                     std::string& problem) {
     const HANDLE file = OpenRecording(Utf8ToWide(path), problem);
     if (file == INVALID_HANDLE_VALUE) return false;
-    // The system's WriteFile itself: the recorded one would record the recording.
-    auto sink = [file](std::string_view line) {
+    // Closed with the recorder, once the last line is written. The system's WriteFile itself:
+    // the recorded one would record the recording.
+    const std::shared_ptr<void> owned(file, [](HANDLE handle) { real::CloseHandle(handle); });
+    auto sink = [owned, file](std::string_view line) {
         while (!line.empty()) {
             DWORD written = 0;
             const auto size = static_cast<DWORD>(std::min<std::size_t>(line.size(), 1u << 20));
