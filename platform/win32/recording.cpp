@@ -75,11 +75,15 @@ HANDLE OpenRecording(const std::wstring& name, std::string& problem) {
     }
     // GetFileType: FILE_TYPE_DISK, "The specified file is a disk file"; a device (NUL, CON,
     // COM1) or a pipe opened by its name is refused.
-    BY_HANDLE_FILE_INFORMATION information{};
-    if (platform::real::GetFileType(file) != FILE_TYPE_DISK ||
-        !platform::real::GetFileInformationByHandle(file, &information)) {
+    if (platform::real::GetFileType(file) != FILE_TYPE_DISK) {
         platform::real::CloseHandle(file);
         problem = "not a file on disk";
+        return INVALID_HANDLE_VALUE;
+    }
+    BY_HANDLE_FILE_INFORMATION information{};
+    if (!platform::real::GetFileInformationByHandle(file, &information)) {
+        problem = "cannot tell what the file is (error " + std::to_string(GetLastError()) + ")";
+        platform::real::CloseHandle(file);
         return INVALID_HANDLE_VALUE;
     }
     if ((information.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0) {
