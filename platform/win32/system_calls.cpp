@@ -102,7 +102,7 @@ BOOL ResetEvent(HANDLE event) {
 DWORD WaitForSingleObject(HANDLE handle, DWORD milliseconds) {
     static const auto function =
         Find<decltype(&::WaitForSingleObject)>(kKernel32, "WaitForSingleObject");
-    return Forward(function, DWORD{WAIT_FAILED}, handle, milliseconds);
+    return Forward(function, WAIT_FAILED, handle, milliseconds);
 }
 
 void Sleep(DWORD milliseconds) {
