@@ -14,7 +14,9 @@
 #include <string>
 
 #include "platform/common/call_record.h"
+#include "platform/common/recorded_objects.h"
 #include "platform/common/wide_stream.h"
+#include "platform/mf.h"
 #include "platform/recording.h"
 
 namespace {
@@ -102,6 +104,45 @@ TEST_F(RecordingFileOnWindows, ANewRecordingIsTheOperatorsAlone) {
     // Everyone, the machine's users, every signed-in account: none of them may read it.
     for (const wchar_t* other : {L";;;WD)", L";;;BU)", L";;;AU)"})
         EXPECT_EQ(std::wstring::npos, dacl.find(other)) << platform::WideToUtf8(other);
+}
+
+// While recording, the program holds proxies of Media Foundation's objects (here Wine's);
+// what goes back to the system is the system's own object, not the proxy.
+TEST(RecordedObjectsOnWindows, TheSystemGetsItsOwnObjectsBack) {
+    std::string lines;
+    platform::rec::InstallTap(platform::rec::MakeRecorder(
+        [&](std::string_view line) { lines += line; }, "lynx-dfu.exe", "1.2.3", "windows", {}));
+    IMFAttributes* store = nullptr;
+    IMFAttributes* kept = nullptr;
+    ASSERT_EQ(S_OK, MFStartup(MF_VERSION, MFSTARTUP_FULL));
+    ASSERT_EQ(S_OK, MFCreateAttributes(&store, 1));
+    ASSERT_EQ(S_OK, MFCreateAttributes(&kept, 1));
+    ASSERT_EQ(S_OK, store->SetUnknown(MF_DEVSOURCE_ATTRIBUTE_SOURCE_TYPE, kept));
+    IUnknown* got = nullptr;
+    ASSERT_EQ(S_OK, store->GetUnknown(MF_DEVSOURCE_ATTRIBUTE_SOURCE_TYPE, IID_IUnknown,
+                                      reinterpret_cast<void**>(&got)));
+    IUnknown* system = nullptr;
+    ASSERT_EQ(S_OK, platform::rec::SystemObject(kept)->QueryInterface(
+                        IID_IUnknown, reinterpret_cast<void**>(&system)));
+    EXPECT_EQ(system, got);
+    IMFActivate** sources = nullptr;
+    UINT32 count = 0;
+    MFEnumDeviceSources(store, &sources, &count);
+    EXPECT_EQ(0u, count);
+    const auto storeId = std::to_string(platform::rec::RecordedObjects().IdOf(store));
+    const auto keptId = std::to_string(platform::rec::RecordedObjects().IdOf(kept));
+    got->Release();
+    system->Release();
+    kept->Release();
+    store->Release();
+    MFShutdown();
+    platform::rec::InstallTap(nullptr);
+    // Only the program's calls count: the system's own calls of its objects do not.
+    EXPECT_NE(std::string::npos, lines.find("\"out\":{\"attributes\":" + keptId + "}"));
+    EXPECT_NE(
+        std::string::npos,
+        lines.find("\"call\":\"MFEnumDeviceSources\",\"in\":{\"attributes\":" + storeId + "}"));
+    EXPECT_EQ(std::string::npos, lines.find("QueryInterface"));
 }
 
 }  // namespace
