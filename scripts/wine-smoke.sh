@@ -5,8 +5,9 @@
 # feature are), where the program must start and every command that needs no camera must
 # work; then once with Media Foundation present. Throughout, the session is one that an
 # unprivileged program has prepared: COMSPEC names a planted program, and DLLs named as the
-# system's lie beside the exe; neither may ever run. The Wine prefix is a fresh temporary
-# folder, removed when the test ends.
+# system's lie beside the exe; neither may ever run. Runs recorded with --record replay in
+# the Linux lab (LYNX_LAB, or build/default's) with the same standard output. The Wine prefix
+# is a fresh temporary folder, removed when the test ends.
 set -euo pipefail
 
 built="${1:?usage: wine-smoke.sh path/to/lynx-dfu.exe [path/to/comspec_marker.exe [path/to/interrupted_write.exe]]}"
@@ -36,6 +37,29 @@ run() {
     fi
   done
   echo "ok   $name"
+}
+
+# record_case NAME ANSWERS: the program, recording, must exit 0; the recording names Windows
+# and replays in the Linux lab with exit status 0 and the same standard output (the Windows
+# program's CR LF line ends aside). The file already exists with other content: it is emptied.
+lab="${LYNX_LAB:-$(cd "$(dirname "$0")/.." && pwd)/build/default/app/lynx-dfu-lab}"
+record_case() {
+  local name="$1" answers="$2" status=0 replay_status=0
+  local recording="$public/recorded.jsonl" shown="$WINEPREFIX/recorded-out.txt" replayed="$WINEPREFIX/replayed-out.txt"
+  echo "stale content" >"$recording"
+  printf '%b' "$answers" | timeout 300 "$wine" "$exe" --record 'C:\users\Public\recorded.jsonl' 2>/dev/null |
+    sed 's/\r$//' >"$shown" || status=$?
+  [ -x "$lab" ] && timeout 120 "$lab" --replay "$recording" >"$replayed" 2>"$WINEPREFIX/replay-err.txt" || replay_status=$?
+  if [ "$status" = 0 ] && [ "$replay_status" = 0 ] && [ -s "$shown" ] && cmp -s "$shown" "$replayed" &&
+    head -n 1 "$recording" | grep -F '"platform":"windows"' >/dev/null && ! grep -F 'stale' "$recording" >/dev/null; then
+    echo "ok   recorded, replayed in the Linux lab with the same output: $name ($(wc -l <"$recording") lines)"
+  else
+    echo "FAIL recorded and replayed: $name (exit status $status, replay $replay_status, lab $lab)"
+    diff "$shown" "$replayed" 2>&1 | head -20 | sed 's/^/    | /'
+    sed 's/^/    | /' "$WINEPREFIX/replay-err.txt" 2>/dev/null | head -5
+    head -c 600 "$recording" 2>/dev/null | sed 's/^/    | /'
+    failures=$((failures + 1))
+  fi
 }
 
 # The first run creates the Wine prefix.
@@ -82,6 +106,8 @@ run "key 4 settings lists, then back" '4\n1\n\n2\n\nb\nq\n' \
   "Vantrel (TM) Detailed All Cameras List (including non Vantrel)"
 run "key 5 without a camera sets service control" '5\n1\n1\n\nq\n' \
   "Vantrel (TM) Configure DFU mode:" "[1] Lynx"
+
+record_case "keys 2 and 3 without Media Foundation" '2\n\n3\n\nq\n'
 
 # What key 5 stored, read back with Wine's own registry tool rather than our code.
 stored=$("$wine" reg query 'HKLM\SYSTEM\CurrentControlSet\Services\OptyraCameraDFU' /v DFUAutoMode 2>/dev/null | tr -d '\r')
@@ -231,6 +257,18 @@ fi
 unset WINEDLLOVERRIDES
 echo "-- with Media Foundation"
 run "key 2 lists no camera" '2\n\nq\n' "Vantrel (TM) Updatable Devices List" "Q: Quit"
+
+record_case "keys 2, 3 and 5 with Media Foundation and the registry" '2\n\n3\n\n5\n1\n1\n\nq\n'
+# Anything but a file on disk is refused before the program runs.
+status=0
+refused=$(timeout 300 "$wine" "$exe" --record NUL </dev/null 2>&1 >/dev/null | tr -d '\r') || status=$?
+if [ "$status" = 2 ] && [ "$(head -n 1 <<<"$refused")" = "lynx-dfu.exe: cannot write the recording 'NUL': not a file on disk" ]; then
+  echo "ok   --record NUL: refused, exit status 2"
+else
+  echo "FAIL --record NUL: exit status $status:"
+  printf '%s\n' "$refused" | sed 's/^/    | /'
+  failures=$((failures + 1))
+fi
 
 # Loaded at run time, from the system folder, once a command lists cameras.
 loaded=$(printf '2\n\nq\n' | WINEDEBUG=+loaddll timeout 300 "$wine" "$exe" 2>&1 >/dev/null | tr -d '\r' || true)

@@ -3,8 +3,8 @@
 #include <mutex>
 
 #include "platform/com.h"
+#include "platform/common/real_calls.h"
 #include "platform/posix/device_backend.h"
-#include "platform/posix/real_calls.h"
 
 namespace {
 thread_local DWORD lastError = 0;

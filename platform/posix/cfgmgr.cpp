@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "platform/cfgmgr.h"
+#include "platform/common/real_calls.h"
 #include "platform/posix/device_backend.h"
-#include "platform/posix/real_calls.h"
 
 struct CmNotificationObject {
     std::uint64_t subscription = 0;

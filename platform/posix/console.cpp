@@ -8,9 +8,9 @@
 #include <string>
 
 #include "platform/common/answer_line.h"
+#include "platform/common/real_calls.h"
 #include "platform/common/wide_stream.h"
 #include "platform/console.h"
-#include "platform/posix/real_calls.h"
 #include "platform/posix/signals.h"
 
 HWND platform::real::GetConsoleWindow() {

@@ -6,9 +6,9 @@
 
 #include <cerrno>
 
+#include "platform/common/real_calls.h"
 #include "platform/files.h"
 #include "platform/posix/kernel_object.h"
-#include "platform/posix/real_calls.h"
 
 namespace {
 
@@ -83,7 +83,7 @@ HANDLE OpenLocalFile(const char* name, DWORD desiredAccess, DWORD creationDispos
     // other end, and a terminal opened here must not become the controlling one.
     const int fd = ::open(name, flags | O_NONBLOCK | O_CLOEXEC | O_NOCTTY, 0666);
     if (fd < 0) return Fail(FileErrorFromErrno(errno), INVALID_HANDLE_VALUE);
-    struct stat status {};
+    struct stat status{};
     if (::fstat(fd, &status) != 0) {
         const int error = errno;
         ::close(fd);
@@ -111,7 +111,7 @@ HANDLE platform::real::CreateFileA(LPCSTR fileName, DWORD desiredAccess, DWORD,
 DWORD platform::real::GetFileType(HANDLE file) {
     auto* object = FileFromHandle(file);
     if (object == nullptr) return Fail(ERROR_INVALID_HANDLE, FILE_TYPE_UNKNOWN);
-    struct stat status {};
+    struct stat status{};
     if (::fstat(object->fd, &status) != 0) {
         return Fail(FileErrorFromErrno(errno), FILE_TYPE_UNKNOWN);
     }
@@ -127,7 +127,7 @@ BOOL platform::real::GetFileInformationByHandle(HANDLE file,
     auto* object = FileFromHandle(file);
     if (object == nullptr) return Fail(ERROR_INVALID_HANDLE, FALSE);
     if (information == nullptr) return Fail(ERROR_INVALID_PARAMETER, FALSE);
-    struct stat status {};
+    struct stat status{};
     if (::fstat(object->fd, &status) != 0) return Fail(FileErrorFromErrno(errno), FALSE);
     *information = BY_HANDLE_FILE_INFORMATION{};
     information->dwFileAttributes =
@@ -148,7 +148,7 @@ BOOL platform::real::GetFileSizeEx(HANDLE file, PLARGE_INTEGER size) {
     auto* object = FileFromHandle(file);
     if (object == nullptr) return Fail(ERROR_INVALID_HANDLE, FALSE);
     if (size == nullptr) return Fail(ERROR_INVALID_PARAMETER, FALSE);
-    struct stat status {};
+    struct stat status{};
     if (::fstat(object->fd, &status) != 0) return Fail(FileErrorFromErrno(errno), FALSE);
     if (!S_ISREG(status.st_mode)) return Fail(ERROR_INVALID_FUNCTION, FALSE);
     size->QuadPart = static_cast<LONGLONG>(status.st_size);

@@ -12,8 +12,8 @@
 #include <cstddef>
 #include <iterator>
 
+#include "platform/common/real_calls.h"
 #include "platform/interrupts.h"
-#include "platform/posix/real_calls.h"
 #include "platform/posix/signals.h"
 
 namespace {
@@ -62,7 +62,7 @@ void TakeTerminalAgain() {
 void OnSignal(int sig, siginfo_t* info, void*);
 
 void Catch(int sig) {
-    struct sigaction action {};
+    struct sigaction action{};
     action.sa_sigaction = OnSignal;
     // Reads and writes go on after a handler that returns; the other signals of ours wait
     // while one is handled, SIGCONT excepted (a stop inside the handler needs it).
@@ -83,7 +83,7 @@ void Unblock(int sig) {
 // Stops the process now, as the signal's default action does, and catches it again once
 // the process continues.
 void StopNow(int sig) {
-    struct sigaction stop {};
+    struct sigaction stop{};
     stop.sa_handler = SIG_DFL;
     sigaction(sig, &stop, nullptr);
     Unblock(sig);
@@ -103,7 +103,7 @@ void OnSignal(int sig, siginfo_t* info, void*) {
             stopAsked.compare_exchange_strong(none, sig);
             // A read or write from the background raises SIGTTIN or SIGTTOU each time it is
             // restarted; ignored, the write goes through. The hold's end catches it again.
-            struct sigaction ignore {};
+            struct sigaction ignore{};
             ignore.sa_handler = SIG_IGN;
             sigaction(sig, &ignore, nullptr);
         }
@@ -189,7 +189,7 @@ void real::EndByKeptBackInterrupt() {
     const int sig = keptBack.load();
     if (sig == 0) return;
     GiveTerminalBack();
-    struct sigaction ending {};
+    struct sigaction ending{};
     ending.sa_handler = SIG_DFL;
     sigaction(sig, &ending, nullptr);
     Unblock(sig);

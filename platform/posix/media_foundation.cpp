@@ -10,7 +10,7 @@
 #include <variant>
 #include <vector>
 
-#include "platform/posix/real_calls.h"
+#include "platform/common/real_calls.h"
 #include "platform/posix/video_device.h"
 
 namespace platform::posix {

@@ -26,7 +26,7 @@ bool StartRecording(const std::string& path, const std::string& program, const s
         problem = std::strerror(errno);
         return false;
     }
-    struct stat info {};
+    struct stat info{};
     if (fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
         close(fd);
         problem = "not a file on disk";

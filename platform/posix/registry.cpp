@@ -2,8 +2,8 @@
 // Registry keys under HKEY_LOCAL_MACHINE, kept by the backend's settings store.
 #include <string>
 
+#include "platform/common/real_calls.h"
 #include "platform/posix/device_backend.h"
-#include "platform/posix/real_calls.h"
 #include "platform/registry.h"
 
 struct RegistryKeyObject {

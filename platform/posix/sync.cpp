@@ -5,9 +5,9 @@
 #include <mutex>
 #include <thread>
 
+#include "platform/common/real_calls.h"
 #include "platform/posix/device_backend.h"
 #include "platform/posix/kernel_object.h"
-#include "platform/posix/real_calls.h"
 #include "platform/sync.h"
 
 namespace platform::posix {

@@ -10,11 +10,11 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/common/real_calls.h"
 #include "platform/common/wide_stream.h"
 #include "platform/files.h"
 #include "platform/posix/device_backend.h"
 #include "platform/posix/kernel_object.h"
-#include "platform/posix/real_calls.h"
 #include "platform/usb_descriptors.h"
 #include "platform/winusb.h"
 

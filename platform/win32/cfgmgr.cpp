@@ -5,10 +5,12 @@
 // dllimport, see CMakeLists.txt); CM_Register_Notification and CM_Unregister_Notification
 // have names of their own, since the mingw headers do not declare them. Where the DLL or a
 // function is missing (Wine lacks the notifications) the call fails with
-// CR_CALL_NOT_IMPLEMENTED and the watcher sees what its rescans find.
+// CR_CALL_NOT_IMPLEMENTED and the watcher sees what its rescans find. The names the program
+// calls record the call first (platform/common/recorded_calls.cpp).
 #include <windows.h>
 
 #include "platform/cfgmgr.h"
+#include "platform/common/real_calls.h"
 #include "platform/win32/system_library.h"
 
 namespace {
@@ -26,28 +28,24 @@ using UnregisterFunction = CONFIGRET(WINAPI*)(HCMNOTIFICATION);
 
 }  // namespace
 
-extern "C" {
+namespace platform::real {
 
-CONFIGRET WINAPI CM_Get_Device_Interface_List_SizeW(PULONG length, LPGUID interfaceClass,
-                                                    DEVINSTID_W deviceId, ULONG flags) {
+CONFIGRET CM_Get_Device_Interface_List_SizeW(PULONG length, LPGUID interfaceClass,
+                                             DEVINSTID_W deviceId, ULONG flags) {
     static const auto function =
-        Find<decltype(&CM_Get_Device_Interface_List_SizeW)>("CM_Get_Device_Interface_List_SizeW");
+        Find<decltype(&::CM_Get_Device_Interface_List_SizeW)>("CM_Get_Device_Interface_List_SizeW");
     if (function != nullptr) return function(length, interfaceClass, deviceId, flags);
     if (length != nullptr) *length = 0;
     return CR_CALL_NOT_IMPLEMENTED;
 }
 
-CONFIGRET WINAPI CM_Get_Device_Interface_ListW(LPGUID interfaceClass, DEVINSTID_W deviceId,
-                                               PWCHAR buffer, ULONG length, ULONG flags) {
+CONFIGRET CM_Get_Device_Interface_ListW(LPGUID interfaceClass, DEVINSTID_W deviceId, PWCHAR buffer,
+                                        ULONG length, ULONG flags) {
     static const auto function =
-        Find<decltype(&CM_Get_Device_Interface_ListW)>("CM_Get_Device_Interface_ListW");
+        Find<decltype(&::CM_Get_Device_Interface_ListW)>("CM_Get_Device_Interface_ListW");
     if (function != nullptr) return function(interfaceClass, deviceId, buffer, length, flags);
     return CR_CALL_NOT_IMPLEMENTED;
 }
-
-}  // extern "C"
-
-namespace platform {
 
 CONFIGRET RegisterInterfaceNotification(PCM_NOTIFY_FILTER filter, PVOID context,
                                         PCM_NOTIFY_CALLBACK callback,
@@ -64,4 +62,4 @@ CONFIGRET UnregisterInterfaceNotification(HCMNOTIFICATION notification) {
     return function(notification);
 }
 
-}  // namespace platform
+}  // namespace platform::real

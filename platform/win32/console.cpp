@@ -2,11 +2,13 @@
 // The Windows console: the command interpreter's cls and pause, UTF-8 output, Unicode answers.
 #include <windows.h>
 
+#include <algorithm>
 #include <iostream>
 #include <iterator>
 #include <string>
 
 #include "platform/common/answer_line.h"
+#include "platform/common/real_calls.h"
 #include "platform/common/wide_stream.h"
 #include "platform/console.h"
 #include "platform/win32/command_interpreter.h"
@@ -34,32 +36,134 @@ bool IsConsole(HANDLE input) {
     return input != nullptr && input != INVALID_HANDLE_VALUE && GetConsoleMode(input, &mode);
 }
 
+// An inheritable copy of one of this process's handles for a child's standard handle
+// (STARTF_USESTDHANDLES: "the handles must be inheritable"); null for none.
+HANDLE InheritableCopy(HANDLE handle) {
+    HANDLE copy = nullptr;
+    if (handle == nullptr || handle == INVALID_HANDLE_VALUE ||
+        !DuplicateHandle(GetCurrentProcess(), handle, GetCurrentProcess(), &copy, 0, TRUE,
+                         DUPLICATE_SAME_ACCESS)) {
+        return nullptr;
+    }
+    return copy;
+}
+
+// What the interpreter writes to a standard output that is not a console, passed on through
+// the program's own stream: in its place among the program's lines, and seen by a recording
+// as the output of the clear or the pause that wrote it. Line ends go in as the stream's
+// own ('\n'); the C runtime's text mode writes them out as CR LF again.
+class InterpreterOutput {
+  public:
+    // Whether the pipe was made; the write end goes to the interpreter.
+    bool Open() {
+        SECURITY_ATTRIBUTES inherited{sizeof inherited, nullptr, TRUE};
+        if (!CreatePipe(&read_, &write_, &inherited, 0)) return false;
+        // Only the write end is the child's.
+        SetHandleInformation(read_, HANDLE_FLAG_INHERIT, 0);
+        return true;
+    }
+    HANDLE WriteEnd() const { return write_; }
+    // Once the child has its copy.
+    void CloseWriteEnd() {
+        platform::real::CloseHandle(write_);
+        write_ = nullptr;
+    }
+    // Passes on what has arrived, without waiting for more.
+    void PassOn() {
+        DWORD available = 0;
+        while (PeekNamedPipe(read_, nullptr, 0, nullptr, &available, nullptr) && available > 0) {
+            char chunk[512];
+            DWORD count = 0;
+            if (!platform::real::ReadFile(read_, chunk, std::min<DWORD>(available, sizeof chunk),
+                                          &count, nullptr) ||
+                count == 0) {
+                break;
+            }
+            pending_.append(chunk, count);
+        }
+        std::string text;
+        for (std::size_t i = 0; i < pending_.size(); ++i) {
+            if (pending_[i] == '\r' && i + 1 == pending_.size()) break;  // LF may follow
+            if (pending_[i] == '\r' && pending_[i + 1] == '\n') continue;
+            text += pending_[i];
+        }
+        pending_.erase(0, pending_.size() - (pending_.ends_with('\r') ? 1 : 0));
+        if (!text.empty()) std::cout.write(text.data(), static_cast<std::streamsize>(text.size()));
+        std::cout.flush();
+    }
+    ~InterpreterOutput() {
+        if (!pending_.empty()) std::cout.write(pending_.data(), 1);
+        if (write_ != nullptr) platform::real::CloseHandle(write_);
+        if (read_ != nullptr) platform::real::CloseHandle(read_);
+    }
+
+  private:
+    HANDLE read_ = nullptr;
+    HANDLE write_ = nullptr;
+    std::string pending_;
+};
+
+// How often the interpreter's output is passed on while it runs: the pause's prompt shows
+// before the key it waits for.
+constexpr DWORD kOutputPollMs = 50;
+
 // Runs the system's cmd.exe with one built-in command and waits for it, at most `limit`.
+// Its calls are the system's own (platform::real): they are no calls of the program's.
 // Not the C runtime's system: "system uses the COMSPEC and PATH environment variables to
 // locate the command-interpreter file CMD.exe", and any user may set COMSPEC for the
 // session (HKCU\Environment), which this elevated process inherits. Nor cmd.exe as system
 // starts it, "cmd /c": cmd first runs the command in HKCU\Software\Microsoft\Command
 // Processor\AutoRun, which any user may set too; "/D Disable execution of AutoRun commands
 // from registry" (cmd /?). The interpreter gets the console and the standard handles as
-// system would give them, so the clear, the prompt and the key are those the operator knows.
+// system would give them, so the clear, the prompt and the key are those the operator knows;
+// only a standard output that is no console reaches it through the program (InterpreterOutput).
 void RunCommandInterpreter(const wchar_t* command, DWORD limit) {
     std::cout.flush();
     platform::win32::CommandInterpreterCall call = platform::win32::CommandInterpreter(command);
     if (call.application.empty()) return;
     STARTUPINFOW startup{};
     startup.cb = sizeof startup;
+    InterpreterOutput output;
+    const bool passOn = !IsConsole(GetStdHandle(STD_OUTPUT_HANDLE)) && output.Open();
+    if (passOn) {
+        startup.dwFlags = STARTF_USESTDHANDLES;
+        startup.hStdInput = InheritableCopy(GetStdHandle(STD_INPUT_HANDLE));
+        startup.hStdOutput = output.WriteEnd();
+        startup.hStdError = InheritableCopy(GetStdHandle(STD_ERROR_HANDLE));
+    }
     PROCESS_INFORMATION process{};
     // CreateProcessW, lpApplicationName: "The string can specify the full path and file name
     // of the module to execute"; given, nothing is searched for. The command line must be
     // writable: "The Unicode version of this function, CreateProcessW, can modify the
     // contents of this string."
-    if (!CreateProcessW(call.application.c_str(), call.commandLine.data(), nullptr, nullptr, TRUE,
-                        0, nullptr, call.directory.c_str(), &startup, &process)) {
-        return;
+    const bool started =
+        CreateProcessW(call.application.c_str(), call.commandLine.data(), nullptr, nullptr, TRUE, 0,
+                       nullptr, call.directory.c_str(), &startup, &process);
+    if (passOn) {
+        output.CloseWriteEnd();
+        if (startup.hStdInput != nullptr) platform::real::CloseHandle(startup.hStdInput);
+        if (startup.hStdError != nullptr) platform::real::CloseHandle(startup.hStdError);
     }
-    CloseHandle(process.hThread);
-    WaitForSingleObject(process.hProcess, limit);
-    CloseHandle(process.hProcess);
+    if (!started) return;
+    platform::real::CloseHandle(process.hThread);
+    if (!passOn) {
+        platform::real::WaitForSingleObject(process.hProcess, limit);
+    } else {
+        // In steps, so that the output shows as it comes; as long as `limit` in all.
+        const ULONGLONG start = platform::real::GetTickCount64();
+        for (;;) {
+            const ULONGLONG spent = platform::real::GetTickCount64() - start;
+            const DWORD step = limit == INFINITE
+                                   ? kOutputPollMs
+                                   : static_cast<DWORD>(std::min<ULONGLONG>(
+                                         kOutputPollMs, limit - std::min<ULONGLONG>(spent, limit)));
+            const DWORD waited = platform::real::WaitForSingleObject(process.hProcess, step);
+            output.PassOn();
+            if (waited != WAIT_TIMEOUT) break;
+            if (limit != INFINITE && platform::real::GetTickCount64() - start >= limit) break;
+        }
+    }
+    platform::real::CloseHandle(process.hProcess);
 }
 
 // A clear that has not ended by then is left to itself; the pause waits for the operator's
@@ -87,7 +191,7 @@ CommandInterpreterCall CommandInterpreter(const wchar_t* command) {
 
 }  // namespace platform::win32
 
-namespace platform {
+namespace platform::real {
 
 void InitConsole() {
     // Wide text goes out as UTF-8 through the narrow stream, so the console must show UTF-8.
@@ -153,6 +257,10 @@ void ClearConsole() {
 void PauseConsole() {
     RunCommandInterpreter(L"pause", INFINITE);
 }
+
+}  // namespace platform::real
+
+namespace platform {
 
 std::wostream& WideOut() {
     static Utf8WideStreamBuf buffer(std::cout);

@@ -22,6 +22,7 @@
 
 #include "platform/win32/interrupts.h"
 
+#include "platform/common/real_calls.h"
 #include "platform/console.h"
 #include "platform/interrupts.h"
 #include "platform/win32/session_end_guard.h"
@@ -61,15 +62,15 @@ BOOL WINAPI KeepInterruptsBackWhileHeld(DWORD ctrlType) {
 
 }  // namespace platform::win32
 
-namespace platform {
+namespace platform::real {
 
-InterruptHold::InterruptHold() {
+void HoldInterrupts() {
     if (holds.fetch_add(1) != 0) return;
     SetConsoleCtrlHandler(win32::KeepInterruptsBackWhileHeld, TRUE);
     win32::GuardSessionEnd(true);
 }
 
-InterruptHold::~InterruptHold() {
+void ReleaseInterrupts() {
     if (holds.fetch_sub(1) != 1) return;
     win32::GuardSessionEnd(false);
     SetConsoleCtrlHandler(win32::KeepInterruptsBackWhileHeld, FALSE);
@@ -91,4 +92,4 @@ void EndByKeptBackInterrupt() {
     ExitProcess(STATUS_CONTROL_C_EXIT);
 }
 
-}  // namespace platform
+}  // namespace platform::real

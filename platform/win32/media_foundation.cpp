@@ -8,9 +8,13 @@
 // no camera, and the rest of the program works.
 //
 // The functions carry the system's own names (the SDK headers declare them without
-// dllimport), so the camera code calls them as it would the imported ones.
+// dllimport), so the camera code calls them as it would the imported ones; those names
+// record the call (platform/common/recorded_calls.cpp), then come here. An attribute store
+// the program passes back is the system's own again (a recording hands out proxies).
 #include <windows.h>
 
+#include "platform/common/real_calls.h"
+#include "platform/common/recorded_objects.h"
 #include "platform/mf.h"
 #include "platform/win32/system_library.h"
 
@@ -36,39 +40,38 @@ using CreateDeviceSourceActivateFunction = HRESULT(WINAPI*)(IMFAttributes*, IMFA
 
 }  // namespace
 
-extern "C" {
+namespace platform::real {
 
-HRESULT WINAPI MFStartup(ULONG version, DWORD flags) {
+HRESULT MFStartup(ULONG version, DWORD flags) {
     static const auto function = Find<StartupFunction>(kMfplat, "MFStartup");
     return function != nullptr ? function(version, flags) : kNotPresent;
 }
 
-HRESULT WINAPI MFShutdown() {
+HRESULT MFShutdown() {
     static const auto function = Find<ShutdownFunction>(kMfplat, "MFShutdown");
     return function != nullptr ? function() : kNotPresent;
 }
 
-HRESULT WINAPI MFCreateAttributes(IMFAttributes** attributes, UINT32 initialSize) {
+HRESULT MFCreateAttributes(IMFAttributes** attributes, UINT32 initialSize) {
     static const auto function = Find<CreateAttributesFunction>(kMfplat, "MFCreateAttributes");
     if (attributes != nullptr) *attributes = nullptr;
     return function != nullptr ? function(attributes, initialSize) : kNotPresent;
 }
 
-HRESULT WINAPI MFEnumDeviceSources(IMFAttributes* attributes, IMFActivate*** sources,
-                                   UINT32* count) {
+HRESULT MFEnumDeviceSources(IMFAttributes* attributes, IMFActivate*** sources, UINT32* count) {
     static const auto function = Find<EnumDeviceSourcesFunction>(kMf, "MFEnumDeviceSources");
-    if (function != nullptr) return function(attributes, sources, count);
+    if (function != nullptr) return function(rec::SystemObject(attributes), sources, count);
     if (sources != nullptr) *sources = nullptr;
     if (count != nullptr) *count = 0;
     return kNotPresent;
 }
 
-HRESULT WINAPI MFCreateDeviceSourceActivate(IMFAttributes* attributes, IMFActivate** activate) {
+HRESULT MFCreateDeviceSourceActivate(IMFAttributes* attributes, IMFActivate** activate) {
     static const auto function =
         Find<CreateDeviceSourceActivateFunction>(kMf, "MFCreateDeviceSourceActivate");
-    if (function != nullptr) return function(attributes, activate);
+    if (function != nullptr) return function(rec::SystemObject(attributes), activate);
     if (activate != nullptr) *activate = nullptr;
     return kNotPresent;
 }
 
-}  // extern "C"
+}  // namespace platform::real

@@ -1,22 +1,34 @@
 // SPDX-License-Identifier: Apache-2.0
-// The calls as the program makes them: each names itself and its arguments to the recording
-// seam, then runs the stand-in (platform/posix/real_calls.h) or takes a recorded answer.
+// The calls as the program makes them, on every target: each names itself and its arguments
+// to the recording seam, then runs the target's own call (platform/common/real_calls.h) or
+// takes a recorded answer.
 #include <memory>
 #include <mutex>
 #include <string>
 
 #include "platform/common/call_record.h"
+#include "platform/common/real_calls.h"
 #include "platform/common/wide_stream.h"
 #include "platform/console.h"
 #include "platform/interrupts.h"
-#include "platform/posix/real_calls.h"
+
+// The functions of the system's own DLLs (kernel32, advapi32, ole32, user32). On POSIX they
+// are the stand-ins' names. On Windows the program's calls of them reach these through the
+// linker (--wrap, platform/win32/CMakeLists.txt), and the system's function, found in the DLL
+// itself, is platform::real's; the names Windows leaves to the program (WinUSB, the
+// configuration manager, Media Foundation) are defined here as they are on POSIX.
+#ifdef _WIN32
+#define SYSTEM_CALL(Return, name) extern "C" Return WINAPI __wrap_##name
+#else
+#define SYSTEM_CALL(Return, name) Return name
+#endif
 
 namespace real = platform::real;
 using platform::rec::Call;
 
-HANDLE CreateFileW(LPCWSTR fileName, DWORD desiredAccess, DWORD shareMode,
-                   LPSECURITY_ATTRIBUTES security, DWORD creationDisposition,
-                   DWORD flagsAndAttributes, HANDLE templateFile) {
+SYSTEM_CALL(HANDLE, CreateFileW)(LPCWSTR fileName, DWORD desiredAccess, DWORD shareMode,
+                                 LPSECURITY_ATTRIBUTES security, DWORD creationDisposition,
+                                 DWORD flagsAndAttributes, HANDLE templateFile) {
     Call call("CreateFileW");
     call.Wide("name", fileName).Int("access", desiredAccess).Int("share", shareMode);
     call.Int("disposition", creationDisposition).Int("flags", flagsAndAttributes);
@@ -26,9 +38,9 @@ HANDLE CreateFileW(LPCWSTR fileName, DWORD desiredAccess, DWORD shareMode,
     });
 }
 
-HANDLE CreateFileA(LPCSTR fileName, DWORD desiredAccess, DWORD shareMode,
-                   LPSECURITY_ATTRIBUTES security, DWORD creationDisposition,
-                   DWORD flagsAndAttributes, HANDLE templateFile) {
+SYSTEM_CALL(HANDLE, CreateFileA)(LPCSTR fileName, DWORD desiredAccess, DWORD shareMode,
+                                 LPSECURITY_ATTRIBUTES security, DWORD creationDisposition,
+                                 DWORD flagsAndAttributes, HANDLE templateFile) {
     Call call("CreateFileA");
     call.Text("name", fileName ? fileName : "")
         .Int("access", desiredAccess)
@@ -40,26 +52,27 @@ HANDLE CreateFileA(LPCSTR fileName, DWORD desiredAccess, DWORD shareMode,
     });
 }
 
-DWORD GetFileType(HANDLE file) {
+SYSTEM_CALL(DWORD, GetFileType)(HANDLE file) {
     Call call("GetFileType");
     call.Handle("file", file);
     return call.Run([&] { return real::GetFileType(file); });
 }
 
-BOOL GetFileInformationByHandle(HANDLE file, LPBY_HANDLE_FILE_INFORMATION information) {
+SYSTEM_CALL(BOOL, GetFileInformationByHandle)(HANDLE file,
+                                              LPBY_HANDLE_FILE_INFORMATION information) {
     Call call("GetFileInformationByHandle");
     call.Handle("file", file).OutBytes("information", information, sizeof *information);
     return call.Run([&] { return real::GetFileInformationByHandle(file, information); });
 }
 
-BOOL GetFileSizeEx(HANDLE file, PLARGE_INTEGER size) {
+SYSTEM_CALL(BOOL, GetFileSizeEx)(HANDLE file, PLARGE_INTEGER size) {
     Call call("GetFileSizeEx");
     call.Handle("file", file).OutInt("size", size ? &size->QuadPart : nullptr);
     return call.Run([&] { return real::GetFileSizeEx(file, size); });
 }
 
-BOOL ReadFile(HANDLE file, LPVOID buffer, DWORD bytesToRead, LPDWORD bytesRead,
-              LPOVERLAPPED overlapped) {
+SYSTEM_CALL(BOOL, ReadFile)(HANDLE file, LPVOID buffer, DWORD bytesToRead, LPDWORD bytesRead,
+                            LPOVERLAPPED overlapped) {
     Call call("ReadFile");
     call.Handle("file", file).Int("length", bytesToRead);
     call.OutBytes("data", buffer, bytesToRead, bytesRead).OutInt("read", bytesRead);
@@ -67,8 +80,8 @@ BOOL ReadFile(HANDLE file, LPVOID buffer, DWORD bytesToRead, LPDWORD bytesRead,
         [&] { return real::ReadFile(file, buffer, bytesToRead, bytesRead, overlapped); });
 }
 
-BOOL WriteFile(HANDLE file, LPCVOID buffer, DWORD bytesToWrite, LPDWORD bytesWritten,
-               LPOVERLAPPED overlapped) {
+SYSTEM_CALL(BOOL, WriteFile)(HANDLE file, LPCVOID buffer, DWORD bytesToWrite, LPDWORD bytesWritten,
+                             LPOVERLAPPED overlapped) {
     Call call("WriteFile");
     call.Handle("file", file).Bytes("data", buffer, bytesToWrite).OutInt("written", bytesWritten);
     return call.Run(
@@ -172,52 +185,52 @@ CONFIGRET CM_Get_Device_Interface_ListW(LPGUID interfaceClass, DEVINSTID_W devic
     });
 }
 
-HANDLE CreateEventW(LPSECURITY_ATTRIBUTES attributes, BOOL manualReset, BOOL initialState,
-                    LPCWSTR name) {
+SYSTEM_CALL(HANDLE, CreateEventW)(LPSECURITY_ATTRIBUTES attributes, BOOL manualReset,
+                                  BOOL initialState, LPCWSTR name) {
     Call call("CreateEventW");
     call.Int("manualReset", manualReset).Int("initialState", initialState).Wide("name", name);
     return call.Run(
         [&] { return real::CreateEventW(attributes, manualReset, initialState, name); });
 }
 
-BOOL SetEvent(HANDLE event) {
+SYSTEM_CALL(BOOL, SetEvent)(HANDLE event) {
     Call call("SetEvent");
     call.Handle("event", event);
     return call.Run([&] { return real::SetEvent(event); });
 }
 
-BOOL ResetEvent(HANDLE event) {
+SYSTEM_CALL(BOOL, ResetEvent)(HANDLE event) {
     Call call("ResetEvent");
     call.Handle("event", event);
     return call.Run([&] { return real::ResetEvent(event); });
 }
 
-DWORD WaitForSingleObject(HANDLE handle, DWORD milliseconds) {
+SYSTEM_CALL(DWORD, WaitForSingleObject)(HANDLE handle, DWORD milliseconds) {
     Call call("WaitForSingleObject");
     call.Handle("handle", handle).Int("ms", milliseconds);
     return call.Run([&] { return real::WaitForSingleObject(handle, milliseconds); });
 }
 
-BOOL CloseHandle(HANDLE handle) {
+SYSTEM_CALL(BOOL, CloseHandle)(HANDLE handle) {
     Call call("CloseHandle");
     call.Handle("handle", handle);
     return call.Run([&] { return real::CloseHandle(handle); });
 }
 
-void Sleep(DWORD milliseconds) {
+SYSTEM_CALL(void, Sleep)(DWORD milliseconds) {
     Call call("Sleep");
     call.Int("ms", milliseconds);
     call.Run([&] { real::Sleep(milliseconds); });
 }
 
-ULONGLONG GetTickCount64() {
+SYSTEM_CALL(ULONGLONG, GetTickCount64)() {
     Call call("GetTickCount64");
     return call.Run([] { return real::GetTickCount64(); });
 }
 
-LSTATUS RegCreateKeyExW(HKEY key, LPCWSTR subKey, DWORD reserved, LPWSTR keyClass, DWORD options,
-                        REGSAM desired, LPSECURITY_ATTRIBUTES security, PHKEY result,
-                        LPDWORD disposition) {
+SYSTEM_CALL(LSTATUS, RegCreateKeyExW)(HKEY key, LPCWSTR subKey, DWORD reserved, LPWSTR keyClass,
+                                      DWORD options, REGSAM desired, LPSECURITY_ATTRIBUTES security,
+                                      PHKEY result, LPDWORD disposition) {
     Call call("RegCreateKeyExW");
     call.Handle("key", key).Wide("subKey", subKey).Int("options", options).Int("desired", desired);
     call.OutHandle("result", reinterpret_cast<void**>(result)).OutInt("disposition", disposition);
@@ -227,21 +240,21 @@ LSTATUS RegCreateKeyExW(HKEY key, LPCWSTR subKey, DWORD reserved, LPWSTR keyClas
     });
 }
 
-LSTATUS RegSetValueExW(HKEY key, LPCWSTR valueName, DWORD reserved, DWORD type, const BYTE* data,
-                       DWORD size) {
+SYSTEM_CALL(LSTATUS, RegSetValueExW)(HKEY key, LPCWSTR valueName, DWORD reserved, DWORD type,
+                                     const BYTE* data, DWORD size) {
     Call call("RegSetValueExW");
     call.Handle("key", key).Wide("name", valueName).Int("type", type).Bytes("data", data, size);
     return call.Run(
         [&] { return real::RegSetValueExW(key, valueName, reserved, type, data, size); });
 }
 
-LSTATUS RegCloseKey(HKEY key) {
+SYSTEM_CALL(LSTATUS, RegCloseKey)(HKEY key) {
     Call call("RegCloseKey");
     call.Handle("key", key);
     return call.Run([&] { return real::RegCloseKey(key); });
 }
 
-HRESULT CoInitializeEx(void* reserved, DWORD coInit) {
+SYSTEM_CALL(HRESULT, CoInitializeEx)(void* reserved, DWORD coInit) {
     Call call("CoInitializeEx");
     call.Int("coInit", coInit);
     return call.Run([&] { return real::CoInitializeEx(reserved, coInit); });
@@ -279,12 +292,13 @@ HRESULT MFCreateDeviceSourceActivate(IMFAttributes* attributes, IMFActivate** ac
     return call.Run([&] { return real::MFCreateDeviceSourceActivate(attributes, activate); });
 }
 
-HWND GetConsoleWindow() {
+SYSTEM_CALL(HWND, GetConsoleWindow)() {
     Call call("GetConsoleWindow");
     return call.Run([] { return real::GetConsoleWindow(); });
 }
 
-BOOL SetWindowPos(HWND window, HWND insertAfter, int x, int y, int cx, int cy, UINT flags) {
+SYSTEM_CALL(BOOL, SetWindowPos)(HWND window, HWND insertAfter, int x, int y, int cx, int cy,
+                                UINT flags) {
     Call call("SetWindowPos");
     call.Handle("window", window).Handle("insertAfter", insertAfter).Int("x", x).Int("y", y);
     call.Int("cx", cx).Int("cy", cy).Int("flags", flags);

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// The stand-ins themselves. The names the program calls (platform/include) pass each call
-// through platform/common/call_record.h first, which may record it or answer it from a
+// The target's own calls: the POSIX stand-ins, or on Windows the system's functions. The
+// names the program calls (platform/include) pass each call through
+// platform/common/recorded_calls.cpp first, which may record it or answer it from a
 // recording; these do the work.
 #pragma once
 
