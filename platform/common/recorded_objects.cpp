@@ -28,7 +28,7 @@ class RecordedObject final : public IMFActivate,
                              public IKsTopologyInfo,
                              public IKsControl {
   public:
-    RecordedObject(IUnknown* inner, std::int64_t id) : inner_(inner) {
+    RecordedObject(IUnknown* inner, std::int64_t id) : inner_(inner), id_(id) {
         std::lock_guard lock(proxiesLock);
         for (const GUID* iid : kInterfaces) proxies[As(*iid)] = this;
     }
@@ -302,6 +302,7 @@ class RecordedObject final : public IMFActivate,
     }
 
     IUnknown* inner_;
+    std::int64_t id_;
     std::atomic<ULONG> refs_{1};
 };
 
