@@ -25,20 +25,25 @@ table="$dir/recordings.txt"
 lab="$build/app/lynx-dfu-lab"
 [ -x "$lab" ] || { echo "record-hwlab: no $lab: build first" >&2; exit 1; }
 
-# NAME STATUS CASE/SESSION, comments and blank lines left out.
+# NAME STATUS CASE/SESSION, comments and blank lines left out; those from the field (no
+# CASE/SESSION) are kept as they are, and replayed with the rest.
 entries="$(grep -E '^[A-Za-z0-9_]+[[:space:]]' "$table")"
-mapfile -t names < <(awk '{ split($3, at, "/"); print at[1] }' <<<"$entries" | sort -u)
+lab_entries="$(awk '$3 ~ /\//' <<<"$entries")"
+mapfile -t names < <(awk '{ split($3, at, "/"); print at[1] }' <<<"$lab_entries" | sort -u)
 cases=()
 for name in "${names[@]}"; do cases+=(--case "$name"); done
 work="$(mktemp -d)"
 trap 'rm -rf "$work"' EXIT
 "$repo/tests/hwlab/run.sh" --build "$build" --kernel "$kernel" --record "$work" "${cases[@]}"
 
-rm -f "$dir"/*.jsonl  # a recording the table no longer names goes too
+for file in "$dir"/*.jsonl; do  # a recording the table no longer names goes too
+    awk -v name="$(basename "$file" .jsonl)" '$1 == name { found = 1 } END { exit !found }' \
+        <<<"$entries" || rm -f "$file"
+done
 while read -r name _ source; do
     [ -f "$work/$kernel/$source.jsonl" ] || { echo "record-hwlab: the lab made no $source.jsonl" >&2; exit 1; }
     install -m 644 "$work/$kernel/$source.jsonl" "$dir/$name.jsonl"
-done <<<"$entries"
+done <<<"$lab_entries"
 failed=0
 while read -r name status _; do
     if sh "$dir/replay.sh" "$lab" "$table" "$name" >"$work/replay.txt" 2>&1; then
