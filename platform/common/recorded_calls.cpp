@@ -26,9 +26,9 @@
 namespace real = platform::real;
 using platform::rec::Call;
 
-SYSTEM_CALL(HANDLE, CreateFileW)(LPCWSTR fileName, DWORD desiredAccess, DWORD shareMode,
-                                 LPSECURITY_ATTRIBUTES security, DWORD creationDisposition,
-                                 DWORD flagsAndAttributes, HANDLE templateFile) {
+SYSTEM_CALL(HANDLE, CreateFileW)
+(LPCWSTR fileName, DWORD desiredAccess, DWORD shareMode, LPSECURITY_ATTRIBUTES security,
+ DWORD creationDisposition, DWORD flagsAndAttributes, HANDLE templateFile) {
     Call call("CreateFileW");
     call.Wide("name", fileName).Int("access", desiredAccess).Int("share", shareMode);
     call.Int("disposition", creationDisposition).Int("flags", flagsAndAttributes);
@@ -38,9 +38,9 @@ SYSTEM_CALL(HANDLE, CreateFileW)(LPCWSTR fileName, DWORD desiredAccess, DWORD sh
     });
 }
 
-SYSTEM_CALL(HANDLE, CreateFileA)(LPCSTR fileName, DWORD desiredAccess, DWORD shareMode,
-                                 LPSECURITY_ATTRIBUTES security, DWORD creationDisposition,
-                                 DWORD flagsAndAttributes, HANDLE templateFile) {
+SYSTEM_CALL(HANDLE, CreateFileA)
+(LPCSTR fileName, DWORD desiredAccess, DWORD shareMode, LPSECURITY_ATTRIBUTES security,
+ DWORD creationDisposition, DWORD flagsAndAttributes, HANDLE templateFile) {
     Call call("CreateFileA");
     call.Text("name", fileName ? fileName : "")
         .Int("access", desiredAccess)
@@ -58,8 +58,8 @@ SYSTEM_CALL(DWORD, GetFileType)(HANDLE file) {
     return call.Run([&] { return real::GetFileType(file); });
 }
 
-SYSTEM_CALL(BOOL, GetFileInformationByHandle)(HANDLE file,
-                                              LPBY_HANDLE_FILE_INFORMATION information) {
+SYSTEM_CALL(BOOL, GetFileInformationByHandle)
+(HANDLE file, LPBY_HANDLE_FILE_INFORMATION information) {
     Call call("GetFileInformationByHandle");
     call.Handle("file", file).OutBytes("information", information, sizeof *information);
     return call.Run([&] { return real::GetFileInformationByHandle(file, information); });
@@ -71,8 +71,8 @@ SYSTEM_CALL(BOOL, GetFileSizeEx)(HANDLE file, PLARGE_INTEGER size) {
     return call.Run([&] { return real::GetFileSizeEx(file, size); });
 }
 
-SYSTEM_CALL(BOOL, ReadFile)(HANDLE file, LPVOID buffer, DWORD bytesToRead, LPDWORD bytesRead,
-                            LPOVERLAPPED overlapped) {
+SYSTEM_CALL(BOOL, ReadFile)
+(HANDLE file, LPVOID buffer, DWORD bytesToRead, LPDWORD bytesRead, LPOVERLAPPED overlapped) {
     Call call("ReadFile");
     call.Handle("file", file).Int("length", bytesToRead);
     call.OutBytes("data", buffer, bytesToRead, bytesRead).OutInt("read", bytesRead);
@@ -80,8 +80,8 @@ SYSTEM_CALL(BOOL, ReadFile)(HANDLE file, LPVOID buffer, DWORD bytesToRead, LPDWO
         [&] { return real::ReadFile(file, buffer, bytesToRead, bytesRead, overlapped); });
 }
 
-SYSTEM_CALL(BOOL, WriteFile)(HANDLE file, LPCVOID buffer, DWORD bytesToWrite, LPDWORD bytesWritten,
-                             LPOVERLAPPED overlapped) {
+SYSTEM_CALL(BOOL, WriteFile)
+(HANDLE file, LPCVOID buffer, DWORD bytesToWrite, LPDWORD bytesWritten, LPOVERLAPPED overlapped) {
     Call call("WriteFile");
     call.Handle("file", file).Bytes("data", buffer, bytesToWrite).OutInt("written", bytesWritten);
     return call.Run(
@@ -185,8 +185,8 @@ CONFIGRET CM_Get_Device_Interface_ListW(LPGUID interfaceClass, DEVINSTID_W devic
     });
 }
 
-SYSTEM_CALL(HANDLE, CreateEventW)(LPSECURITY_ATTRIBUTES attributes, BOOL manualReset,
-                                  BOOL initialState, LPCWSTR name) {
+SYSTEM_CALL(HANDLE, CreateEventW)
+(LPSECURITY_ATTRIBUTES attributes, BOOL manualReset, BOOL initialState, LPCWSTR name) {
     Call call("CreateEventW");
     call.Int("manualReset", manualReset).Int("initialState", initialState).Wide("name", name);
     return call.Run(
@@ -228,9 +228,9 @@ SYSTEM_CALL(ULONGLONG, GetTickCount64)() {
     return call.Run([] { return real::GetTickCount64(); });
 }
 
-SYSTEM_CALL(LSTATUS, RegCreateKeyExW)(HKEY key, LPCWSTR subKey, DWORD reserved, LPWSTR keyClass,
-                                      DWORD options, REGSAM desired, LPSECURITY_ATTRIBUTES security,
-                                      PHKEY result, LPDWORD disposition) {
+SYSTEM_CALL(LSTATUS, RegCreateKeyExW)
+(HKEY key, LPCWSTR subKey, DWORD reserved, LPWSTR keyClass, DWORD options, REGSAM desired,
+ LPSECURITY_ATTRIBUTES security, PHKEY result, LPDWORD disposition) {
     Call call("RegCreateKeyExW");
     call.Handle("key", key).Wide("subKey", subKey).Int("options", options).Int("desired", desired);
     call.OutHandle("result", reinterpret_cast<void**>(result)).OutInt("disposition", disposition);
@@ -240,8 +240,8 @@ SYSTEM_CALL(LSTATUS, RegCreateKeyExW)(HKEY key, LPCWSTR subKey, DWORD reserved, 
     });
 }
 
-SYSTEM_CALL(LSTATUS, RegSetValueExW)(HKEY key, LPCWSTR valueName, DWORD reserved, DWORD type,
-                                     const BYTE* data, DWORD size) {
+SYSTEM_CALL(LSTATUS, RegSetValueExW)
+(HKEY key, LPCWSTR valueName, DWORD reserved, DWORD type, const BYTE* data, DWORD size) {
     Call call("RegSetValueExW");
     call.Handle("key", key).Wide("name", valueName).Int("type", type).Bytes("data", data, size);
     return call.Run(
@@ -297,8 +297,8 @@ SYSTEM_CALL(HWND, GetConsoleWindow)() {
     return call.Run([] { return real::GetConsoleWindow(); });
 }
 
-SYSTEM_CALL(BOOL, SetWindowPos)(HWND window, HWND insertAfter, int x, int y, int cx, int cy,
-                                UINT flags) {
+SYSTEM_CALL(BOOL, SetWindowPos)
+(HWND window, HWND insertAfter, int x, int y, int cx, int cy, UINT flags) {
     Call call("SetWindowPos");
     call.Handle("window", window).Handle("insertAfter", insertAfter).Int("x", x).Int("y", y);
     call.Int("cx", cx).Int("cy", cy).Int("flags", flags);
@@ -385,7 +385,15 @@ CONFIGRET RegisterInterfaceNotification(PCM_NOTIFY_FILTER filter, PVOID context,
 CONFIGRET UnregisterInterfaceNotification(HCMNOTIFICATION notification) {
     Call call("UnregisterInterfaceNotification");
     call.Handle("notification", notification);
-    return call.Run([&] { return real::UnregisterInterfaceNotification(notification); });
+    const std::int64_t id = rec::HandleId(notification, nullptr);
+    const CONFIGRET result =
+        call.Run([&] { return real::UnregisterInterfaceNotification(notification); });
+    // No callback of it runs once the system's call has returned: its record can go.
+    if (call.Active() && !rec::CurrentTap()->Replays() && result == CR_SUCCESS) {
+        std::lock_guard lock(registrationLock);
+        std::erase_if(registrations, [id](const auto& made) { return made->id == id; });
+    }
+    return result;
 }
 
 void InitConsole() {
